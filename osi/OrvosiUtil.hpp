@@ -1,0 +1,74 @@
+// OrvosiUtil: the operating-system helpers of the library (clock, sleeping,
+// files, paths, socket start-up hooks) and the byte codec that every packet
+// reader and writer goes through. All members are static and stateless.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+class OrvosiUtil {
+public:
+    OrvosiUtil() = delete;
+
+    // ---- time -------------------------------------------------------------
+    // Sleeps ms milliseconds (ms * 1000 us, computed in 32 bits); returns the
+    // result of the microsecond sleep call.
+    static int snoozeMs(int ms);
+    // Wall clock in microseconds; the seconds are cut to their low 44 bits.
+    static uint64_t getTimeSysUs();
+    // getTimeSysUs() in milliseconds with a fractional part.
+    static double getTimeMs();
+
+    // ---- errors, files and paths -----------------------------------------
+    // strerror(errno): call directly after the failing system call.
+    static std::string getSystemErrorMsg();
+    // The one way a failed system call becomes a message: stores prefix (which
+    // ends in "...") followed by the system's text, and returns false. Call it
+    // straight after the failing call, before anything can touch errno.
+    static bool failWithSystemText(std::string& error, const char* prefix);
+    static bool fileExists(const char* path);
+    static bool removeFile(std::string path);
+    static bool directoryExists(std::string path);
+    // One directory level, mode 0777 before the umask.
+    static bool createDirectory(std::string path);
+    // Working directory, always ending in "/" ("/" when it cannot be read).
+    static std::string GetCurrentDir();
+    // Full path of the running executable; empty when it cannot be read.
+    static std::string GetExecutablePath();
+
+    // Nothing to start or stop on this platform; kept so that every socket
+    // endpoint pairs its start-up and clean-up the same way.
+    static bool socketStartup();
+    static bool socketCleanup();
+
+    // ---- byte codec: little-endian, independent of the host's order ----
+    // The decoders never check bounds: the caller guarantees the bytes exist
+    // (OrvosiReader in OrvosiCursor.hpp is the bounded way to use them).
+    static unsigned short word16(const unsigned char* p);
+    static unsigned int word24(const unsigned char* p);
+    static unsigned int word32(const unsigned char* p);
+    static unsigned long word64(const unsigned char* p);
+    static float float32(const unsigned char* p);
+    static double float64(const unsigned char* p);
+
+    // Out-parameter twins: store the value, return the bytes consumed.
+    static unsigned int word16(const unsigned char* p, unsigned short* out);
+    static unsigned int word24(const unsigned char* p, unsigned int* out);
+    static unsigned int word32(const unsigned char* p, unsigned int* out);
+    static unsigned int word64(const unsigned char* p, unsigned long* out);
+    static unsigned int float32(const unsigned char* p, float* out);
+    static unsigned int float64(const unsigned char* p, double* out);
+    // Three consecutive singles, x then y then z: 12 bytes.
+    static unsigned int float32v3(const unsigned char* p, float* out);
+
+    // Clears n bytes of buf, then writes the low min(n, 8) bytes of value,
+    // least significant first. Returns min(n, 8), not n.
+    static unsigned int lendian(unsigned char* buf, unsigned long value, unsigned int n);
+    static unsigned int lendianFloat32(unsigned char* buf, float value);
+    static unsigned int lendianFloat64(unsigned char* buf, double value);
+
+    // 8-bit sum of buf[0 .. len-1]; a sealed packet sums to 0.
+    static unsigned char checksum(const unsigned char* buf, unsigned long len);
+    // The library is built for little-endian hosts only.
+    static bool IsLittleEndian() { return true; }
+};
