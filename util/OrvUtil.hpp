@@ -1,0 +1,67 @@
+// OrvUtil: the library's diagnostic output (prefixed text lines, hex dumps,
+// binary log files) and, with later subsystems, the packet framing check and
+// the float pose helpers. Everything is static and process-wide.
+#pragma once
+
+#include <iostream>
+#include <string>
+
+class OrvUtil {
+public:
+    OrvUtil() = delete;
+
+    // Verbosity bits of the three kinds of text line.
+    static constexpr unsigned int kVerbLog = 0x1;   // "ORVALOG: "  to the log stream
+    static constexpr unsigned int kVerbInfo = 0x2;  // "ORVAINFO: " to standard output
+    static constexpr unsigned int kVerbErr = 0x4;   // "ORVAERR: "  to the log stream
+
+    // One text line: prefix, the arguments streamed in order, newline. The
+    // callers below test their bit first, so nothing is formatted when the
+    // line is off.
+    template <typename... Args>
+    static void textLine(std::ostream& os, const char* prefix, const Args&... args) {
+        os << prefix;
+        (os << ... << args);
+        os << '\n';
+    }
+    template <typename... Args>
+    static void logLine(unsigned int verbosity, const Args&... args) {
+        if (verbosity & kVerbLog) textLine(std::clog, "ORVALOG: ", args...);
+    }
+    template <typename... Args>
+    static void infoLine(unsigned int verbosity, const Args&... args) {
+        if (verbosity & kVerbInfo) textLine(std::cout, "ORVAINFO: ", args...);
+    }
+    template <typename... Args>
+    static void errLine(unsigned int verbosity, const Args&... args) {
+        if (verbosity & kVerbErr) textLine(std::clog, "ORVAERR: ", args...);
+    }
+
+    // One hex-dump line on standard output: the tag of the verbosity bit
+    // `type` ("ORVADUMP" for any other value), ": ", at most kDumpMax bytes
+    // as "%02X " groups, "..." when cut, newline; flushed, left in decimal.
+    static constexpr unsigned long kDumpMax = 200;
+    static void dumpBuf(const unsigned char* buf, unsigned long len, unsigned int type);
+    // The tag dumpBuf writes for `type`.
+    static const char* dumpTag(unsigned int type);
+
+    // Appends len raw bytes to the file of logging channel `type`, opened on
+    // first use as logPath + file name. Channel 8 (harmonisation) writes at
+    // most one record per 5000 ms. Unknown channels write nothing; a file
+    // that cannot be opened is skipped silently and tried again next time.
+    static void logBuf(const unsigned char* buf, unsigned long len, unsigned int type, std::string logPath);
+    // Closes every log file except the PRA one, which stays open for the
+    // life of the process.
+    static void logClose();
+    // Closes every log file, the PRA one included, and forgets the time of
+    // the last harmonisation record. Meant for tests, and for a process that
+    // wants to release every file it holds.
+    static void resetLogState();
+    // Sets the time (OrvosiUtil::getTimeMs) of the last harmonisation record,
+    // so that tests can open or shut the 5000 ms gate without waiting.
+    static void setLastHarmonisationMs(double ms);
+
+    // The packet-check error text, set when a framing check fails.
+    static std::string getLastError();
+    static void setLastError(const char* text);
+};
