@@ -1,0 +1,163 @@
+// Everything an access object owns: configuration, endpoints, queues,
+// latest records and counters. Private to the library; the public class
+// holds it by pointer so that none of this reaches the public headers.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "access/RecordQueue.hpp"
+#include "orvaccess/OrvAccess.hpp"
+#include "osi/OrvosiSharedMem.hpp"
+#include "osi/OrvosiTcp.hpp"
+#include "osi/OrvosiUdp.hpp"
+
+// The configuration file's values, with their defaults. Ports stay text:
+// "0" disables a port, compared as text.
+struct OrvAccessConfig {
+    // General
+    uint32_t verbosity = 0;
+    uint32_t logging = 0;
+    std::string logPath = "./";
+    // Communication
+    bool tcpOrvRxEnabled = true;
+    std::string tcpOrvRxAddr = "localhost";
+    std::string tcpOrvRxPort = "51717";
+    std::string udpOrvRxPort = "5001";
+    std::string udpOrvRxImgPort = "5003";
+    std::string udpOrvRxInputPort = "5004";
+    std::string udpOrvCorePort = "5002";
+    std::string udpOrvHubPort = "5006";
+    std::string udpNftPort = "5007";
+    std::string sMemImgName = "orvHubImage";
+    int32_t udpOrvRxRcvBufSize = 65536;
+    int32_t udpOrvRxImgRcvBufSize = 524288;
+    int32_t udpOrvCoreRcvBufSize = 65536;
+    int32_t udpOrvHubRcvBufSize = 65536;
+    int32_t udpNftRcvBufSize = 65536;
+    // Processing
+    double predictionS = 0.0;
+    int64_t virtualSyncCtrl = 0;
+    double boresightRefRad[3] = {0.0, 0.0, 0.0};  // roll, pitch, yaw
+    double tipOffsetM[3] = {0.0, 0.0, 0.0};
+    // Memory
+    uint32_t imgBufSize = 0x400000;
+    uint32_t imuQueueSize = 10000;
+    uint32_t targetQueueSize = 10000;
+    uint32_t trackingQueueSize = 10000;
+    uint32_t gpsQueueSize = 10000;
+    uint32_t errorCodeQueueSize = 10000;
+};
+
+// No configuration key bounds the hub data queue; it gets the bound the
+// configurable queues have by default.
+constexpr uint32_t kHubQueueSize = 10000;
+
+// Largest datagram any port can deliver; one buffer serves every port.
+constexpr size_t kReceiveBufferSize = 65535;
+
+struct OrvAccess::State {
+    State();
+
+    OrvAccessConfig cfg;
+    std::string iniPath = "orvaccess.ini";
+    std::string lastError;
+
+    // When set, the getters leave the sockets alone; init() clears it and
+    // nothing in the library sets it.
+    bool manualService = false;
+    bool isOpen = false;
+    bool streaming = false;
+
+    // Channels, each with the flag the last open() left.
+    OrvosiTcpClient tcp;
+    bool tcpOpen = false;
+    OrvosiUdpServer input;
+    bool inputOpen = false;
+    OrvosiUdpClient meta;
+    bool metaOpen = false;
+    OrvosiUdpClient image;
+    bool imageOpen = false;
+    OrvosiUdpClient core;
+    bool coreOpen = false;
+    OrvosiUdpClient hub;
+    bool hubOpen = false;
+    OrvosiUdpClient nft;
+    bool nftOpen = false;
+    std::unique_ptr<OrvosiSharedMem> sharedMem;
+    bool sharedMemOk = false;
+
+    // Status counters reported and cleared by getStatus().
+    uint32_t receivedMask = 0;
+    uint32_t newError = 0;
+    uint32_t diagWord = 0;
+    // orvRx state from the last diagnostic subpacket; 3 means it stopped streaming.
+    uint32_t rxState = 0;
+
+    // Record queues.
+    RecordQueue<s_OrvAccessImuData> imu[2];
+    RecordQueue<s_TgtData> targets;
+    RecordQueue<s_OrvAccessDiagData> diag;
+    RecordQueue<s_OrvAccessTrkDataExt> tracking;
+    RecordQueue<s_TgtResData> targetRes;
+    RecordQueue<s_OrvAccessPoseRecStats> poseRec;
+    RecordQueue<s_OrvAccessPlatPoseData> platPose;
+    RecordQueue<s_OrvAccessHubData> hubData;
+    RecordQueue<s_FeatData> features;
+    RecordQueue<s_OrvAccessGpsData> gps;
+    RecordQueue<s_OrvAccessErrorCode> errors;
+    RecordQueue<s_OrvAccessAuxData> aux;
+
+    // Latest records and whether one has arrived since init().
+    s_OrvAccessTrkDataExt latestTracking{};
+    bool latestTrackingValid = false;
+    s_OrvAccessImuData latestImu{};
+    bool latestImuValid = false;
+    s_OrvAccessAuxData latestAux{};
+    bool latestAuxValid = false;
+    s_OrvAccessDiagData latestDiag{};
+    bool latestDiagValid = false;
+
+    // Clock-relation assemblers, indexed by e_OrvAccessImuSelect.
+    s_ImuCrsBuf imuCrs[2]{};
+    // Sample interval of the last meta packet, s.
+    float imuDt = 0.0f;
+
+    // Pose adjustment (set from the configuration, changed by the setters).
+    double predictionS = 0.0;
+    double boresight[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+    double tipOffset[3] = {0.0, 0.0, 0.0};
+
+    // Image reassembly.
+    std::unique_ptr<unsigned char[]> imageBuf[2];
+    uint32_t imageSeqId[2] = {0, 0};
+    int imageFill = 0;
+    int imageComplete = -1;
+    bool imageWaiting = true;
+    uint32_t imageReceived = 0;
+    unsigned char imageFormat = 0;
+    int imageProgress = 0;
+
+    // The one receive buffer shared by every port.
+    unsigned char rx[kReceiveBufferSize];
+
+    // Sets the queue bounds from the configuration.
+    void applyQueueBounds();
+    // Closes the TCP client, the uplink sender and the five receivers, in that order.
+    void closeEndpoints();
+    // Empties every record queue and the error-code queue.
+    void clearQueues();
+    // Stores the reason of a failure; echoed as "ORVAERR: " under bit 0x4 when asked.
+    void fail(const std::string& text, bool echo);
+};
+
+// The shape of every queue getter: service the ports (unless the manual
+// switch is on), then hand out the oldest record. False only when servicing
+// failed; *valid says whether a record came.
+template <typename T, typename Queue>
+bool OrvAccess::popRecord(Queue& queue, bool* valid, T* out) {
+    if (!st_->manualService && !serviceUdp(true)) return false;
+    *valid = queue.pop(out);
+    return true;
+}

@@ -1,0 +1,104 @@
+// Opening and closing every channel of the access object.
+#include <cstdlib>
+
+#include "access/State.hpp"
+
+namespace {
+
+// Opens one receiving endpoint unless its port is the text "0"; failures are
+// only logged, so that one channel never stops the others.
+bool openReceiver(OrvosiUdpClient& endpoint, const std::string& port, int32_t bufferSize, const char* purpose,
+                  const char* disabledText, unsigned int verbosity) {
+    if (port == "0") {
+        OrvUtil::logLine(verbosity, disabledText);
+        return false;
+    }
+    OrvUtil::logLine(verbosity, "Opening UDP port ", port, purpose);
+    const bool ok = endpoint.open(port.c_str(), bufferSize, false);
+    if (!ok)
+        OrvUtil::logLine(verbosity, "Unable to open UDP port ", port, purpose, ": ", endpoint.getLastError());
+    return ok;
+}
+
+}  // namespace
+
+bool OrvAccess::open() {
+    close();
+    init();
+    State& s = *st_;
+    const OrvAccessConfig& c = s.cfg;
+    const unsigned int v = c.verbosity;
+
+    s.tcpOpen = false;
+    if (c.tcpOrvRxEnabled) {
+        OrvUtil::logLine(v, "Opening TCP connection ", c.tcpOrvRxAddr, ":", c.tcpOrvRxPort, " for orvRx");
+        const int port = static_cast<int>(std::strtol(c.tcpOrvRxPort.c_str(), nullptr, 10));
+        s.tcpOpen = s.tcp.open(c.tcpOrvRxAddr.c_str(), port, 0);
+        if (!s.tcpOpen) OrvUtil::logLine(v, "Unable to open TCP connection: ", s.tcp.getLastError());
+    } else {
+        OrvUtil::logLine(v, "TCP connection disabled by user");
+    }
+
+    s.inputOpen = false;
+    if (c.udpOrvRxInputPort != "0") {
+        const std::string target = c.tcpOrvRxAddr + ":" + c.udpOrvRxInputPort;
+        OrvUtil::logLine(v, "Opening UDP server ", target, " for orvRx input");
+        s.inputOpen = s.input.open(target.c_str());
+        if (!s.inputOpen)
+            OrvUtil::logLine(v, "Unable to open UDP server ", target,
+                             " for orvRx input: ", s.input.getLastError());
+    } else {
+        OrvUtil::logLine(v, "UDP input to orvRx disabled by user");
+    }
+
+    s.metaOpen = openReceiver(s.meta, c.udpOrvRxPort, c.udpOrvRxRcvBufSize, " for orvRx data",
+                              "UDP meta packet port (udpOrvRxPort) disabled by user", v);
+
+    s.sharedMemOk = s.sharedMem && s.sharedMem->isOk();
+    OrvUtil::logLine(v, "Shared memory interface ", s.sharedMemOk ? "ok" : "disabled");
+
+    s.imageOpen = openReceiver(s.image, c.udpOrvRxImgPort, c.udpOrvRxImgRcvBufSize, " for orvRx images",
+                               "UDP image port (udpOrvRxImgPort) disabled by user", v);
+    s.coreOpen = openReceiver(s.core, c.udpOrvCorePort, c.udpOrvCoreRcvBufSize, " for orvCore data",
+                              "UDP tracking data port (udpOrvCorePort) disabled by user", v);
+    // The hub endpoint follows the orvCore setting, not its own port: a
+    // disabled orvCore port disables both.
+    s.hubOpen = false;
+    if (c.udpOrvCorePort != "0") {
+        s.hubOpen = openReceiver(s.hub, c.udpOrvHubPort, c.udpOrvHubRcvBufSize, " for orvHub data", "", v);
+    } else {
+        OrvUtil::logLine(v, "UDP orvHub data port (udpOrvHubPort) disabled by user");
+    }
+    s.nftOpen = openReceiver(s.nft, c.udpNftPort, c.udpNftRcvBufSize, " for NFT data",
+                             "UDP NFT data port (udpNftPort) disabled by user", v);
+
+    if (s.tcpOpen) {
+        s.isOpen = true;
+        // Believe streaming is on so that the stop command really goes out:
+        // every open leaves orvRx not streaming.
+        s.streaming = true;
+        if (!setStreaming(false)) OrvUtil::logLine(v, s.lastError);
+        return true;
+    }
+    if (s.metaOpen || s.imageOpen || s.coreOpen || s.hubOpen || s.nftOpen) {
+        s.isOpen = true;
+        s.streaming = true;
+        return true;
+    }
+    s.lastError = "Unable to open any connections";
+    return false;
+}
+
+bool OrvAccess::close() {
+    State& s = *st_;
+    if (s.isOpen) {
+        OrvUtil::logLine(s.cfg.verbosity, "Closing");
+        if (s.tcpOpen && !setStreaming(false)) OrvUtil::logLine(s.cfg.verbosity, s.lastError);
+        s.closeEndpoints();
+        s.imageBuf[0].reset();
+        s.imageBuf[1].reset();
+        OrvUtil::logClose();
+    }
+    s.isOpen = false;
+    return true;
+}
