@@ -1,0 +1,206 @@
+// The TCP command channel to orvRx: framing, registers, streaming, IMU
+// transactions. Every command is one frame written at once; its reply is the
+// first non-empty read that follows.
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "access/State.hpp"
+#include "osi/OrvosiCursor.hpp"
+#include "osi/OrvosiUtil.hpp"
+
+namespace {
+
+constexpr unsigned char kFrameStart = 0xAB;
+constexpr unsigned char kCmdImu = 0xC0;
+constexpr unsigned char kCmdGetRegister = 0xC3;
+constexpr unsigned char kCmdSetRegister = 0xC4;
+constexpr unsigned int kStreamingRegister = 0;
+constexpr unsigned int kStreamingAckMs = 200;
+constexpr int kImuReplyMs = 1000;
+constexpr int kPollStepMs = 5;
+constexpr size_t kReplyBufferSize = 100;
+
+constexpr unsigned int kVerbTcpOut = 0x10;
+constexpr unsigned int kVerbTcpIn = 0x20;
+
+// The public time-outs are unsigned; a huge one must not turn negative (which
+// would mean "no reply awaited").
+int pollTime(unsigned int timeoutMs) { return static_cast<int>(std::min<unsigned int>(timeoutMs, INT_MAX)); }
+
+}  // namespace
+
+bool OrvAccess::writeOrvRx(unsigned char* frame, size_t length) {
+    State& s = *st_;
+    // Single-byte acknowledgements go out bare; everything else is sealed.
+    if (length > 1) frame[length - 1] = static_cast<unsigned char>(-OrvosiUtil::checksum(frame, length - 1));
+    // Whatever is still waiting belongs to an earlier exchange.
+    flushTcp();
+    if (s.cfg.verbosity & kVerbTcpOut) OrvUtil::dumpBuf(frame, length, kVerbTcpOut);
+    if (s.tcp.write(reinterpret_cast<const char*>(frame), length)) return true;
+    s.fail("Error writing command to orvRx: " + s.tcp.getLastError(), true);
+    return false;
+}
+
+bool OrvAccess::readOrvRx(unsigned char* buffer, size_t capacity, int timeoutMs, size_t* received) {
+    State& s = *st_;
+    *received = 0;
+    if (timeoutMs < 1) return true;
+    // The time-out is counted in sleeps rather than measured, so it runs a
+    // little long; only the first non-empty read is the reply.
+    for (int elapsed = 0; elapsed < timeoutMs; elapsed += kPollStepMs) {
+        OrvosiUtil::snoozeMs(kPollStepMs);
+        int n = 0;
+        if (!s.tcp.read(reinterpret_cast<char*>(buffer), capacity, &n)) {
+            s.fail("Error reading reply from orvRx: " + s.tcp.getLastError(), true);
+            return false;
+        }
+        if (n > 0) {
+            *received = static_cast<size_t>(n);
+            if (s.cfg.verbosity & kVerbTcpIn) OrvUtil::dumpBuf(buffer, *received, kVerbTcpIn);
+            return true;
+        }
+    }
+    return true;
+}
+
+void OrvAccess::flushTcp() {
+    if (st_->tcpOpen) st_->tcp.flush();
+}
+
+void OrvAccess::resetStreamState() {
+    State& s = *st_;
+    // Records from before the switch would mix with those after it. The
+    // diagnostic and pose-recovery queues are kept on purpose.
+    s.imu[0].clear();
+    s.imu[1].clear();
+    s.targets.clear();
+    s.tracking.clear();
+    s.targetRes.clear();
+    s.platPose.clear();
+    // Image reassembly starts over; the expected sequence id would go back to
+    // -1 ("none") here once it has a signed field of its own.
+    s.imageComplete = -1;
+    s.imageWaiting = true;
+    s.imageReceived = 0;
+    s.imageProgress = 0;
+    imuCrsBufReset(&s.imuCrs[0]);
+    imuCrsBufReset(&s.imuCrs[1]);
+    s.imuDt = 0.0f;
+    initVsData();
+}
+
+bool OrvAccess::setRegister(unsigned int timeoutMs, unsigned int address, unsigned char value) {
+    State& s = *st_;
+    if (!s.isOpen || !s.tcpOpen) {
+        s.fail("TCP not open", false);
+        return false;
+    }
+    unsigned char frame[7];
+    OrvosiWriter w(frame, sizeof frame);
+    w.u8(kFrameStart);
+    w.u8(kCmdSetRegister);
+    w.u24(address & 0xFFFFFFu);
+    w.u8(value);
+    w.u8(0);  // checksum, filled in by writeOrvRx
+    if (!writeOrvRx(frame, w.pos())) return false;
+
+    unsigned char reply[kReplyBufferSize];
+    size_t n = 0;
+    if (!readOrvRx(reply, sizeof reply, pollTime(timeoutMs), &n)) return false;
+    if (n == 1 && reply[0] == kCmdSetRegister) return true;
+    s.fail(n == 0 ? "No response to set register command" : "Invalid ack to set register command", true);
+    return false;
+}
+
+bool OrvAccess::getRegister(unsigned int timeoutMs, unsigned int address, unsigned char* value) {
+    State& s = *st_;
+    // A streamed datagram must not be taken for the reply.
+    if (!setStreaming(false)) return false;
+    unsigned char frame[6];
+    OrvosiWriter w(frame, sizeof frame);
+    w.u8(kFrameStart);
+    w.u8(kCmdGetRegister);
+    w.u24(address & 0xFFFFFFu);
+    w.u8(0);  // checksum
+    if (!writeOrvRx(frame, w.pos())) return false;
+
+    unsigned char reply[kReplyBufferSize];
+    size_t n = 0;
+    if (!readOrvRx(reply, sizeof reply, pollTime(timeoutMs), &n)) return false;
+    if (n == 3 && reply[0] == kCmdGetRegister && OrvosiUtil::checksum(reply, 3) == 0) {
+        *value = reply[1];
+        return true;
+    }
+    s.fail(n == 0 ? "No response to get register command" : "Invalid response to get register command", true);
+    return false;
+}
+
+bool OrvAccess::setStreaming(bool on) {
+    State& s = *st_;
+    if (!s.isOpen || !s.tcpOpen) {
+        s.fail("TCP not open", false);
+        return false;
+    }
+    if (on == s.streaming) return true;
+    OrvUtil::logLine(s.cfg.verbosity, "Setting streaming mode to ", on ? 1 : 0);
+
+    bool ok = setRegister(kStreamingAckMs, kStreamingRegister, on ? 1 : 0);
+    if (!ok) s.fail("Failed to set streaming state", false);
+    // The rest runs even when orvRx did not acknowledge: the local state must
+    // not keep data from before the switch. Datagrams already in flight get
+    // time to arrive so that the flush catches them.
+    if (!on) OrvosiUtil::snoozeMs(100);
+    flushUdp();
+    resetStreamState();
+    s.streaming = on;
+    return ok;
+}
+
+bool OrvAccess::transactImu(e_OrvAccessImuSelect imu, unsigned char* transmit, unsigned long transmitLength,
+                            unsigned char* receive, unsigned long receiveCapacity, unsigned int timeout,
+                            unsigned long* receivedLength) {
+    State& s = *st_;
+    if (!setStreaming(false)) return false;
+    *receivedLength = 0;
+
+    const size_t size = std::max<size_t>(transmitLength, receiveCapacity) + kReplyBufferSize;
+    std::vector<unsigned char> buf;
+    try {
+        buf.resize(size);
+    } catch (const std::bad_alloc&) {
+        s.fail("Out of memory for the IMU transaction", true);
+        return false;
+    }
+
+    const unsigned char receiveLength =
+        static_cast<unsigned char>(std::min<unsigned long>(receiveCapacity, 255));
+    OrvosiWriter w(buf.data(), buf.size());
+    w.u8(kFrameStart);
+    w.u8(kCmdImu);
+    w.u8(static_cast<int>(imu) == 1 ? 2 : 1);
+    // Only the low byte of the length fits the frame; callers keep it <= 255.
+    w.u8(static_cast<unsigned char>(transmitLength));
+    if (transmitLength > 0) w.bytes(transmit, transmitLength);
+    w.u8(receiveLength);
+    w.u8(static_cast<unsigned char>(std::min<unsigned int>(timeout, 255)));
+    w.u8(0);  // checksum
+    const bool sent = writeOrvRx(buf.data(), w.pos());
+    if (!sent || receiveLength == 0) return sent;
+
+    size_t n = 0;
+    if (!readOrvRx(buf.data(), buf.size(), kImuReplyMs, &n)) return false;
+    if (n == 0) {
+        s.fail("No response from orvRx", true);
+        return false;
+    }
+    // The count byte is orvRx's word; never copy more than was asked for, nor
+    // more than actually arrived, or stale buffer bytes would pass as data.
+    size_t count = n >= 2 ? std::min<size_t>(buf[1], receiveLength) : 0;
+    count = std::min(count, n >= 2 ? n - 2 : 0);
+    if (count > 0) std::memcpy(receive, buf.data() + 2, count);
+    *receivedLength = count;
+    return true;
+}
