@@ -143,7 +143,8 @@ void OrvUtil::dumpBuf(const unsigned char* buf, unsigned long len, unsigned int 
 
 // ---- log files -----------------------------------------------------------------
 
-void OrvUtil::logBuf(const unsigned char* buf, unsigned long len, unsigned int type, std::string logPath) {
+void OrvUtil::logBuf(const unsigned char* buf, unsigned long len, unsigned int type,
+                     const std::string& logPath) {
     const Channel* ch = nullptr;
     for (const Channel& c : kChannels) {
         if (c.type == type) {
@@ -192,6 +193,25 @@ void OrvUtil::resetLogState() {
 }
 
 void OrvUtil::setLastHarmonisationMs(double ms) { state().lastHarmMs = ms; }
+
+// ---- packet framing check ------------------------------------------------------
+
+bool OrvUtil::udpPktOk(const unsigned char* buf, unsigned long len, unsigned char startByte) {
+    if (len >= 1 && buf[0] != startByte) {
+        setLastError("Wrong start byte");
+        return false;
+    }
+    // Fewer than three bytes cannot hold the length word, let alone a body.
+    if (len < 3 || OrvosiUtil::word16(buf + 1) != len) {
+        setLastError("Invalid size");
+        return false;
+    }
+    if (OrvosiUtil::checksum(buf, len) != 0) {
+        setLastError("Invalid checksum");
+        return false;
+    }
+    return true;
+}
 
 // ---- packet-check error text ---------------------------------------------------
 

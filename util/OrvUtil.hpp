@@ -49,7 +49,8 @@ public:
     // first use as logPath + file name. Channel 8 (harmonisation) writes at
     // most one record per 5000 ms. Unknown channels write nothing; a file
     // that cannot be opened is skipped silently and tried again next time.
-    static void logBuf(const unsigned char* buf, unsigned long len, unsigned int type, std::string logPath);
+    static void logBuf(const unsigned char* buf, unsigned long len, unsigned int type,
+                       const std::string& logPath);
     // Closes every log file except the PRA one, which stays open for the
     // life of the process.
     static void logClose();
@@ -60,6 +61,13 @@ public:
     // Sets the time (OrvosiUtil::getTimeMs) of the last harmonisation record,
     // so that tests can open or shut the 5000 ms gate without waiting.
     static void setLastHarmonisationMs(double ms);
+
+    // The framing check every received datagram passes before its parser:
+    // buf[0] is startByte ("Wrong start byte"), the little-endian word at
+    // buf[1..2] equals len ("Invalid size"), and the bytes sum to 0 modulo 256
+    // ("Invalid checksum"). The first failure sets getLastError() and returns
+    // false; success leaves the text alone. Reads nothing beyond len.
+    static bool udpPktOk(const unsigned char* buf, unsigned long len, unsigned char startByte);
 
     // The packet-check error text, set when a framing check fails.
     static std::string getLastError();

@@ -34,7 +34,8 @@ struct CwdGuard {
 TEST(OsiUtil, SnoozeSleepsRoughlyTheGivenMilliseconds) {
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(U::snoozeMs(0), 0);
-    EXPECT_LT(msSince(t0), 2.0);
+    // Loose: a loaded CI machine under the sanitizers still schedules late.
+    EXPECT_LT(msSince(t0), 4.0);
 
     t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(U::snoozeMs(5), 0);

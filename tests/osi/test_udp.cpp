@@ -17,21 +17,9 @@ namespace {
 
 const std::string kBadPort = "Failed to form broadcast address";
 
-sockaddr_in loopback(int port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
+using orvtest::loopback;
 
-void sendTo(int port, const std::string& data) {
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    const sockaddr_in to = loopback(port);
-    EXPECT_EQ(sendto(fd, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
-              static_cast<ssize_t>(data.size()));
-    ::close(fd);
-}
+void sendTo(int port, const std::string& data) { EXPECT_TRUE(orvtest::UdpSender().send(port, data)); }
 
 bool waitReadable(int fd) {
     pollfd p{fd, POLLIN, 0};
