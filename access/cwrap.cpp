@@ -1,13 +1,43 @@
 // The exported C functions: thin wrappers that catch everything the object
 // lets out and turn it into 0, "<exception>" or NULL.
+#include "access/cwrap.hpp"
+
+#include <algorithm>
 #include <cstring>
 #include <new>
+#include <string>
 
 #include "orvaccess/OrvAccess.hpp"
-#include "orvaccess/orvaccess.h"
 #include "osi/OrvosiUtil.hpp"
 
 namespace {
+
+char kExceptionText[] = "<exception>";
+
+// Runs f and hands back its result, or fallback if anything was thrown.
+template <class R, class F>
+R guarded(R fallback, F&& f) noexcept {
+    try {
+        return f();
+    } catch (...) {
+        return fallback;
+    }
+}
+
+// For functions without a result: an exception just ends the call.
+template <class F>
+void quietly(F&& f) noexcept {
+    try {
+        f();
+    } catch (...) {
+    }
+}
+
+// A bool method's result as the int 0 or 1; 0 after an exception.
+template <class F>
+int status(F&& f) noexcept {
+    return guarded(0, [&] { return f() ? 1 : 0; });
+}
 
 // Bounded copy: at most len bytes, zero padding, and always a zero at
 // buf[len - 1], so a text of len bytes or more is cut to len - 1 characters.
@@ -17,14 +47,49 @@ char* copyText(const std::string& text, char* buf, size_t len) {
     return buf;
 }
 
-char kExceptionText[] = "<exception>";
+template <class F>
+char* text(char* buf, size_t len, F&& f) noexcept {
+    return guarded(static_cast<char*>(kExceptionText), [&] { return copyText(f(), buf, len); });
+}
+
+// Getters that report delivery through a bool*: the method gets a flag of
+// ours, and the caller's int always ends up exactly 0 or 1, even when the
+// method failed before touching the flag.
+template <class F>
+int delivering(int* delivered, F&& f) noexcept {
+    bool flag = false;
+    const int ok = status([&] { return f(&flag); });
+    *delivered = flag ? 1 : 0;
+    return ok;
+}
+
+void copy3(float* dst, const float* src) { std::copy(src, src + 3, dst); }
 
 }  // namespace
 
+void orvaPackTrkData(const s_OrvAccessTrkDataExt& in, s_OrvAccessTrkData* out) {
+    out->packetTag = in.packetTag;
+    out->platPoseTime = in.platPoseTime;
+    copy3(out->vecA, in.vecA);
+    out->countA = in.countA;
+    out->countB = in.countB;
+    copy3(out->euler, in.euler);
+    copy3(out->motion[0], in.position);
+    copy3(out->motion[1], in.vecG);
+    copy3(out->motion[2], in.vecH);
+    copy3(out->motion[3], in.angularRate);
+    copy3(out->aux[0], in.vecJ);
+    copy3(out->aux[1], in.extB);
+    copy3(out->aux[2], in.extB + 3);
+    copy3(out->vecL, in.vecL);
+}
+
 extern "C" {
 
+// ---- lifecycle ----------------------------------------------------------------
+
 OrvAccess* OrvAccess_create(void) {
-    try {
+    return guarded<OrvAccess*>(nullptr, [] {
         // Zero-fill first, so that every member the constructor leaves alone
         // starts at zero.
         void* raw = ::operator new(sizeof(OrvAccess));
@@ -33,52 +98,239 @@ OrvAccess* OrvAccess_create(void) {
             return new (raw) OrvAccess();
         } catch (...) {
             ::operator delete(raw);
-            return nullptr;
+            throw;
         }
-    } catch (...) {
-        return nullptr;
-    }
+    });
 }
 
 void OrvAccess_destroy(OrvAccess* handle) {
-    try {
-        if (handle) {
-            handle->~OrvAccess();
-            ::operator delete(handle);
-        }
-    } catch (...) {
-    }
+    // A null handle is a no-op: releasing "nothing" must not crash, so the
+    // close is skipped too.
+    if (handle == nullptr) return;
+    quietly([&] { handle->close(); });
+    quietly([&] {
+        handle->~OrvAccess();
+        ::operator delete(handle);
+    });
 }
 
+int OrvAccess_open(OrvAccess* handle) {
+    return status([&] { return handle->open(); });
+}
+
+int OrvAccess_close(OrvAccess* handle) {
+    return status([&] { return handle->close(); });
+}
+
+void OrvAccess_setIniPath(OrvAccess* handle, const char* path) {
+    quietly([&] { handle->setIniPath(std::string(path)); });
+}
+
+// ---- identity, clock, status -----------------------------------------------------
+
 char* OrvAccess_getVersion(OrvAccess* handle, char* buf, size_t len) {
-    try {
-        return copyText(handle->getVersion(), buf, len);
-    } catch (...) {
-        return kExceptionText;
-    }
+    return text(buf, len, [&] { return handle->getVersion(); });
 }
 
 char* OrvAccess_getBuildDate(OrvAccess* handle, char* buf, size_t len) {
-    try {
-        return copyText(handle->getBuildDate(), buf, len);
-    } catch (...) {
-        return kExceptionText;
-    }
+    return text(buf, len, [&] { return handle->getBuildDate(); });
 }
 
+unsigned long OrvAccess_getTimeUs(OrvAccess* handle) {
+    return guarded(0UL, [&] { return handle->getTimeUs(); });
+}
+
+int OrvAccess_getStatus(OrvAccess* handle, s_OrvAccessStatus* st) {
+    return status([&] { return handle->getStatus(st); });
+}
+
+// ---- errors ---------------------------------------------------------------------
+
+char* OrvAccess_getLastError(OrvAccess* handle, char* buf, size_t len) {
+    return text(buf, len, [&] { return handle->getLastError(); });
+}
+
+unsigned short OrvAccess_getErrorCode(OrvAccess* handle, s_OrvAccessErrorCode* code) {
+    return guarded<unsigned short>(0, [&] { return handle->getErrorCode(code); });
+}
+
+char* OrvAccess_getErrorMessage(OrvAccess* handle, char* buf, size_t len, int code) {
+    return text(buf, len,
+                [&] { return handle->getErrorMessage(static_cast<unsigned short>(code & 0xFFFF)); });
+}
+
+// ---- tracking ---------------------------------------------------------------------
+
+int OrvAccess_getTrackingDataLatest(OrvAccess* handle, int* delivered, s_OrvAccessTrkData* data) {
+    return delivering(delivered, [&](bool* flag) {
+        s_OrvAccessTrkDataExt full{};
+        const bool ok = handle->getTrackingDataLatest(flag, &full);
+        if (*flag) orvaPackTrkData(full, data);
+        return ok;
+    });
+}
+
+int OrvAccess_getTrackingDataAtTime(OrvAccess* handle, unsigned long displayTimeUs, int* delivered,
+                                    s_OrvAccessTrkData* data) {
+    return delivering(delivered, [&](bool* flag) {
+        s_OrvAccessTrkDataExt full{};
+        const bool ok = handle->getTrackingDataAtTime(displayTimeUs, flag, &full);
+        if (*flag) orvaPackTrkData(full, data);
+        return ok;
+    });
+}
+
+int OrvAccess_getTrackingDataLatestExt(OrvAccess* handle, int* delivered, s_OrvAccessTrkDataExt* data) {
+    return delivering(delivered, [&](bool* flag) { return handle->getTrackingDataLatest(flag, data); });
+}
+
+int OrvAccess_getTrackingDataExt(OrvAccess* handle, int* delivered, s_OrvAccessTrkDataExt* data) {
+    return delivering(delivered, [&](bool* flag) { return handle->getTrackingData(flag, data); });
+}
+
+int OrvAccess_getTrackingDataAtTimeExt(OrvAccess* handle, unsigned long displayTimeUs, int* delivered,
+                                       s_OrvAccessTrkDataExt* data) {
+    return delivering(delivered,
+                      [&](bool* flag) { return handle->getTrackingDataAtTime(displayTimeUs, flag, data); });
+}
+
+int OrvAccess_getPoseRecoveryStats(OrvAccess* handle, int* delivered, s_OrvAccessPoseRecStats* stats) {
+    return delivering(delivered, [&](bool* flag) { return handle->getPoseRecoveryStats(flag, stats); });
+}
+
+int OrvAccess_setPrediction(OrvAccess* handle, float seconds) {
+    return status([&] { return handle->setPrediction(seconds); });
+}
+
+int OrvAccess_setBoresightRef(OrvAccess* handle, float* rollPitchYaw) {
+    return status([&] { return handle->setBoresightRef(rollPitchYaw); });
+}
+
+int OrvAccess_setTipOffset(OrvAccess* handle, float* xyz) {
+    return status([&] { return handle->setTipOffset(xyz); });
+}
+
+// ---- packets handed in by the application ---------------------------------------
+
+void OrvAccess_processMetaPkt(OrvAccess* handle, const unsigned char* packet) {
+    quietly([&] { handle->processMetaPkt(packet); });
+}
+
+void OrvAccess_processTrackingPkt(OrvAccess* handle, const unsigned char* packet) {
+    quietly([&] { handle->processTrackingPkt(packet); });
+}
+
+// ---- meta-packet data -------------------------------------------------------------
+
+int OrvAccess_getImuData(OrvAccess* handle, e_OrvAccessImuSelect imu, int* delivered,
+                         s_OrvAccessImuData* data) {
+    return delivering(delivered, [&](bool* flag) { return handle->getImuData(imu, flag, data); });
+}
+
+int OrvAccess_getImuDataLatest(OrvAccess* handle, int* delivered, s_OrvAccessImuData* data) {
+    return delivering(delivered, [&](bool* flag) { return handle->getImuDataLatest(flag, data); });
+}
+
+int OrvAccess_getAuxData(OrvAccess* handle, int* delivered, s_OrvAccessAuxData* data) {
+    return delivering(delivered, [&](bool* flag) { return handle->getAuxData(flag, data); });
+}
+
+int OrvAccess_getAuxDataLatest(OrvAccess* handle, int* delivered, s_OrvAccessAuxData* data) {
+    return delivering(delivered, [&](bool* flag) { return handle->getAuxDataLatest(flag, data); });
+}
+
+int OrvAccess_getDiagData(OrvAccess* handle, int* delivered, s_OrvAccessDiagData* data) {
+    return delivering(delivered, [&](bool* flag) { return handle->getDiagData(flag, data); });
+}
+
+int OrvAccess_getDiagDataLatest(OrvAccess* handle, int* delivered, s_OrvAccessDiagData* data) {
+    return delivering(delivered, [&](bool* flag) { return handle->getDiagDataLatest(flag, data); });
+}
+
+int OrvAccess_getGpsData(OrvAccess* handle, int* delivered, s_OrvAccessGpsData* data) {
+    return delivering(delivered, [&](bool* flag) { return handle->getGpsData(flag, data); });
+}
+
+int OrvAccess_getTargetCount(OrvAccess* handle, int* /*unused*/, unsigned int* tag, unsigned int* count) {
+    // C callers have never been told whether counts came; the flag stays ours.
+    return status([&] {
+        bool delivered = false;
+        return handle->getTargetCount(&delivered, tag, count);
+    });
+}
+
+// ---- uplink -----------------------------------------------------------------------
+
+int OrvAccess_setPlatformPoseData(OrvAccess* handle, s_OrvAccessPlatPoseData pose) {
+    return status([&] { return handle->setPlatformPoseData(pose); });
+}
+
+int OrvAccess_setGpsData(OrvAccess* handle, s_OrvAccessGpsData* gps) {
+    return status([&] { return handle->setGpsData(gps); });
+}
+
+int OrvAccess_sendInputData(OrvAccess* handle, unsigned char input) {
+    return status([&] { return handle->sendInputData(input); });
+}
+
+// ---- commands to orvRx ------------------------------------------------------------
+
+int OrvAccess_setRegister(OrvAccess* handle, unsigned int timeoutMs, unsigned int address,
+                          unsigned char value) {
+    return status([&] { return handle->setRegister(timeoutMs, address, value); });
+}
+
+int OrvAccess_getRegister(OrvAccess* handle, unsigned int timeoutMs, unsigned int address,
+                          unsigned char* value) {
+    return status([&] { return handle->getRegister(timeoutMs, address, value); });
+}
+
+int OrvAccess_setStreaming(OrvAccess* handle, int on) {
+    return status([&] { return handle->setStreaming(on != 0); });
+}
+
+int OrvAccess_getStreaming(OrvAccess* handle) {
+    return status([&] { return handle->getStreaming(); });
+}
+
+int OrvAccess_transactImu(OrvAccess* handle, e_OrvAccessImuSelect imu, unsigned char* transmit,
+                          unsigned long transmitLength, unsigned char* receive, unsigned long receiveCapacity,
+                          unsigned int timeout, unsigned long* receivedLength) {
+    return status([&] {
+        return handle->transactImu(imu, transmit, transmitLength, receive, receiveCapacity, timeout,
+                                   receivedLength);
+    });
+}
+
+int OrvAccess_getFile(OrvAccess* handle, const char* remoteName, e_OrvAccessFileLoc location,
+                      const char* localPath) {
+    return status([&] { return handle->getFile(std::string(remoteName), location, std::string(localPath)); });
+}
+
+// ---- images -----------------------------------------------------------------------
+
+unsigned int OrvAccess_getImageBufSize(OrvAccess* handle) {
+    return guarded(0U, [&] { return handle->getImageBufSize(); });
+}
+
+int OrvAccess_getImage(OrvAccess* handle, int* percent, e_OrvAccessImageFormat* format,
+                       unsigned int* sequenceId, unsigned char* buffer, unsigned long capacity) {
+    return status([&] { return handle->getImage(percent, format, sequenceId, buffer, capacity); });
+}
+
+int OrvAccess_getImageInfo(OrvAccess* handle, e_OrvAccessImageFormat format, unsigned long* size, int* width,
+                           int* height, int* bytesPerPixel) {
+    return status([&] { return handle->getImageInfo(format, size, width, height, bytesPerPixel); });
+}
+
+// ---- the library clock --------------------------------------------------------------
+
 void OrvosiUtil_snoozeMs(int ms) {
-    try {
-        OrvosiUtil::snoozeMs(ms);
-    } catch (...) {
-    }
+    quietly([&] { OrvosiUtil::snoozeMs(ms); });
 }
 
 double OrvosiUtil_getTimeMs(void) {
-    try {
-        return OrvosiUtil::getTimeMs();
-    } catch (...) {
-        return 0.0;
-    }
+    return guarded(0.0, [] { return OrvosiUtil::getTimeMs(); });
 }
 
 }  // extern "C"

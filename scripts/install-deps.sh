@@ -11,6 +11,7 @@ packages=(
   libsimpleini-dev
   libgtest-dev
   libgmock-dev
+  libbenchmark-dev
 )
 
 missing=()

@@ -6,13 +6,14 @@ set -euo pipefail
 source "$(dirname "$0")/common.sh"
 
 dir=$root/build
-args=()
+args=(-DORVACCESS_BUILD_TESTS=ON)
 if [ "${1:-}" = "--sanitize" ]; then
   dir=$root/build-san
-  args=(-DCMAKE_BUILD_TYPE=Debug -DORVACCESS_SANITIZE=address,undefined)
+  args+=(-DCMAKE_BUILD_TYPE=Debug -DORVACCESS_SANITIZE=address,undefined)
 fi
 
 "$root/scripts/install-deps.sh"
-configure_build "$dir" "${args[@]}"
+configure "$dir" "${args[@]}"
+build "$dir"
 cd "$dir"
 ctest --output-on-failure -j "$jobs"

@@ -14,16 +14,33 @@ fi
 # functions, the class and the two image helpers offered to applications.
 # Weak symbols are template and inline instances the compiler may emit.
 public='^(OrvAccess_[A-Za-z]+|OrvosiUtil_(snoozeMs|getTimeMs)|OrvAccess::.*|OrvosiUtil::GetImageResolution\(.*|OrvosiMath::DownsampleImage\(.*|typeinfo (name )?for OrvAccess|vtable for OrvAccess)$'
-bad=$(nm -D --defined-only -C "$lib" | awk '$2 ~ /^[TDBR]$/ { $1 = ""; $2 = ""; sub(/^  /, ""); print }' \
-  | grep -vE "$public" || true)
+# Read the tables once: grep -q on a live pipe would end nm early, and
+# pipefail would take that for a failure.
+plain=$(nm -D --defined-only "$lib")
+demangled=$(nm -D --defined-only -C "$lib")
+bad=$(awk '$2 ~ /^[TDBR]$/ { $1 = ""; $2 = ""; sub(/^  /, ""); print }' <<<"$demangled" | grep -vE "$public" || true)
 if [ -n "$bad" ]; then
   echo "internal symbols exported:"
   echo "$bad"
   exit 1
 fi
 
-for sym in OrvAccess_create OrvAccess_destroy OrvAccess_getVersion OrvosiUtil_snoozeMs OrvosiUtil_getTimeMs; do
-  nm -D --defined-only "$lib" | grep -qw "$sym" || { echo "missing export: $sym"; exit 1; }
+# The C interface: all 43 functions and the two clock helpers.
+c_functions="create destroy open close setIniPath getVersion getBuildDate getTimeUs getStatus
+  getLastError getErrorCode getErrorMessage getTrackingDataLatest getTrackingDataAtTime
+  getTrackingDataLatestExt getTrackingDataExt getTrackingDataAtTimeExt getPoseRecoveryStats
+  setPrediction setBoresightRef setTipOffset processMetaPkt processTrackingPkt getImuData
+  getImuDataLatest getAuxData getAuxDataLatest getDiagData getDiagDataLatest getGpsData
+  getTargetCount setPlatformPoseData setGpsData sendInputData setRegister getRegister
+  setStreaming getStreaming transactImu getFile getImageBufSize getImage getImageInfo"
+count=0
+for f in $c_functions; do
+  grep -qw "OrvAccess_$f" <<<"$plain" || { echo "missing export: OrvAccess_$f"; exit 1; }
+  count=$((count + 1))
 done
-nm -D --defined-only -C "$lib" | grep -q 'OrvAccess::getVersion' || { echo "class not exported"; exit 1; }
-echo "exports ok: $(nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBR]$/' | wc -l) public symbols, SONAME $soname"
+[ "$count" -eq 43 ] || { echo "expected 43 C functions, checked $count"; exit 1; }
+for sym in OrvosiUtil_snoozeMs OrvosiUtil_getTimeMs; do
+  grep -qw "$sym" <<<"$plain" || { echo "missing export: $sym"; exit 1; }
+done
+grep -q 'OrvAccess::getVersion' <<<"$demangled" || { echo "class not exported"; exit 1; }
+echo "exports ok: $(awk '$2 ~ /^[TDBR]$/' <<<"$plain" | wc -l) public symbols, SONAME $soname"
