@@ -7,6 +7,9 @@
 #include <memory>
 #include <string>
 
+#include "access/ImageState.hpp"
+#include "access/MetaState.hpp"
+#include "access/PredictionState.hpp"
 #include "access/RecordQueue.hpp"
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiSharedMem.hpp"
@@ -130,14 +133,11 @@ struct OrvAccess::State {
     double tipOffset[3] = {0.0, 0.0, 0.0};
 
     // Image reassembly.
-    std::unique_ptr<unsigned char[]> imageBuf[2];
-    uint32_t imageSeqId[2] = {0, 0};
-    int imageFill = 0;
-    int imageComplete = -1;
-    bool imageWaiting = true;
-    uint32_t imageReceived = 0;
-    unsigned char imageFormat = 0;
-    int imageProgress = 0;
+    ImageState img;
+    // Display-time prediction and clock alignment.
+    PredictionState vs;
+    // Meta-packet bookkeeping beyond the queues.
+    MetaState metaState;
 
     // The one receive buffer shared by every port.
     unsigned char rx[kReceiveBufferSize];

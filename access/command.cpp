@@ -80,12 +80,7 @@ void OrvAccess::resetStreamState() {
     s.tracking.clear();
     s.targetRes.clear();
     s.platPose.clear();
-    // Image reassembly starts over; the expected sequence id would go back to
-    // -1 ("none") here once it has a signed field of its own.
-    s.imageComplete = -1;
-    s.imageWaiting = true;
-    s.imageReceived = 0;
-    s.imageProgress = 0;
+    s.img.restart();
     imuCrsBufReset(&s.imuCrs[0]);
     imuCrsBufReset(&s.imuCrs[1]);
     s.imuDt = 0.0f;

@@ -131,14 +131,7 @@ void OrvAccess::init() {
     s.clearQueues();
 
     // Fresh image buffers (the previous ones, if any, are released here).
-    s.imageSeqId[0] = s.imageSeqId[1] = 0;
-    s.imageFill = 0;
-    s.imageComplete = -1;
-    s.imageWaiting = true;
-    s.imageReceived = 0;
-    s.imageProgress = 0;
-    s.imageBuf[0].reset(new (std::nothrow) unsigned char[c.imgBufSize]);
-    s.imageBuf[1].reset(new (std::nothrow) unsigned char[c.imgBufSize]);
+    s.img.init(c.imgBufSize);
 
     s.sharedMem.reset();
     if (!c.sMemImgName.empty()) s.sharedMem.reset(new OrvosiSharedMem(c.sMemImgName.c_str()));

@@ -95,8 +95,7 @@ bool OrvAccess::close() {
         OrvUtil::logLine(s.cfg.verbosity, "Closing");
         if (s.tcpOpen && !setStreaming(false)) OrvUtil::logLine(s.cfg.verbosity, s.lastError);
         s.closeEndpoints();
-        s.imageBuf[0].reset();
-        s.imageBuf[1].reset();
+        s.img.release();
         OrvUtil::logClose();
     }
     s.isOpen = false;

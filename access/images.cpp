@@ -15,6 +15,6 @@ bool OrvAccess::getImage(int* percent, ImageFormat* /*format*/, unsigned int* /*
                          unsigned char* /*buffer*/, unsigned long /*capacity*/) {
     *percent = 0;
     if (!serviceUdp(true)) return false;
-    *percent = st_->imageProgress;
+    *percent = st_->img.progress;
     return true;
 }

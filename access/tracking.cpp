@@ -1,9 +1,8 @@
 // Tracking records for the application: the latest and the queued pose,
-// adjusted on the way out, and the optical, pose-recovery, feature and hub
-// records that arrive with them.
+// adjusted on the way out (prediction, tip offset, boresight).
 //
-// The tracking, optical, PRA, hub and NFT parsers and the pose adjustment
-// arrive with the tracking path; until then records pass out unadjusted.
+// The pose adjustment arrives with the tracking path; until then records pass
+// out unadjusted.
 #include "access/State.hpp"
 
 bool OrvAccess::getTrackingDataLatest(bool* valid, s_OrvAccessTrkDataExt* data) {
@@ -42,25 +41,3 @@ bool OrvAccess::setTipOffset(float* xyz) {
 }
 
 void OrvAccess::initVsData() {}
-
-bool OrvAccess::getTargetResData(bool* valid, s_TgtResData* data) {
-    return popRecord(st_->targetRes, valid, data);
-}
-
-bool OrvAccess::getPoseRecoveryStats(bool* valid, s_OrvAccessPoseRecStats* stats) {
-    return popRecord(st_->poseRec, valid, stats);
-}
-
-bool OrvAccess::getFeatureData(bool* valid, s_FeatData* data) {
-    return popRecord(st_->features, valid, data);
-}
-
-bool OrvAccess::getHubData(bool* valid, s_OrvAccessHubData* data) {
-    return popRecord(st_->hubData, valid, data);
-}
-
-void OrvAccess::processTrackingPkt(const unsigned char* /*packet*/) {}
-void OrvAccess::processPraPkt(const unsigned char* /*packet*/) {}
-void OrvAccess::processHubDataPkt(const unsigned char* /*packet*/) {}
-void OrvAccess::processHubErrPkt(const unsigned char* /*packet*/) {}
-void OrvAccess::processNftDataPkt(const unsigned char* /*packet*/) {}

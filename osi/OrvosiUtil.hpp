@@ -6,6 +6,10 @@
 #include <cstdint>
 #include <string>
 
+#include "orvaccess/orvaccess_export.h"
+
+struct BrevantData;
+
 class OrvosiUtil {
 public:
     OrvosiUtil() = delete;
@@ -71,4 +75,20 @@ public:
     static unsigned char checksum(const unsigned char* buf, unsigned long len);
     // The library is built for little-endian hosts only.
     static bool IsLittleEndian() { return true; }
+
+    // ---- inertial chip packets (BrevantData in osi/BrevantData.hpp) ----
+    // Packet length and field mask by chip packet type; 0 for an unknown type.
+    static unsigned int GetBvPacketLength(unsigned char type);
+    static unsigned int GetPacketMask(unsigned char type);
+    // Decodes one chip packet; false (and out untouched) for an unknown type
+    // or a bad checksum.
+    static bool ParseBrevantPacket(unsigned char* pkt, BrevantData* out);
+    // Types 1 and 2; called by ParseBrevantPacket.
+    static bool ParseCompactPacket(unsigned char* pkt, BrevantData* out);
+
+    // ---- images ----
+    // Width, height and bytes per pixel of an image format code; false (and
+    // all three 0) for an illegal code. Offered to applications.
+    ORVACCESS_EXPORT static bool GetImageResolution(unsigned char format, unsigned int* width,
+                                                    unsigned int* height, unsigned int* bytesPerPixel);
 };

@@ -69,6 +69,19 @@ public:
     // false; success leaves the text alone. Reads nothing beyond len.
     static bool udpPktOk(const unsigned char* buf, unsigned long len, unsigned char startByte);
 
+    // ---- pose helpers on the float arrays of the public records ----
+    // Each widens to double, calls the OrvosiMath routine and narrows back.
+    static void matrixF2D(int n, int m, const float* a, double* out);
+    static void matrixD2F(int n, int m, const double* a, float* out);
+    static void euler2Cbn(const float* euler, double cbn[3][3]);
+    static void cbn2Euler(const float cbn[3][3], float* euler);
+    static void predictCbn(double dt, const float* rate, float cbn[3][3]);
+    static void predictPos(double dt, const float* vel, float* pos);
+    // cbn = cbn * transpose(ref), in place.
+    static void boresightM(const double ref[3][3], float cbn[3][3]);
+    // v = ref * v, in place.
+    static void boresightV(const double ref[3][3], float* v);
+
     // The packet-check error text, set when a framing check fails.
     static std::string getLastError();
     static void setLastError(const char* text);
