@@ -14,6 +14,7 @@
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiSharedMem.hpp"
 #include "osi/OrvosiTcp.hpp"
+#include "osi/OrvosiUtil.hpp"
 #include "osi/OrvosiUdp.hpp"
 
 // The configuration file's values, with their defaults. Ports stay text:
@@ -141,6 +142,18 @@ struct OrvAccess::State {
 
     // The one receive buffer shared by every port.
     unsigned char rx[kReceiveBufferSize];
+
+    // How many bytes a parser may read at `p`, inside the packet that starts
+    // at `packet`. A datagram from the service loop lives in rx, and reads
+    // may run on to the end of that buffer (some counts on the wire claim
+    // more than their packet holds); a packet that an application hands in
+    // from its own memory is trusted only as far as its own length field.
+    size_t readable(const unsigned char* packet, const unsigned char* p) const {
+        const unsigned char* end = packet >= rx && packet < rx + kReceiveBufferSize
+                                       ? rx + kReceiveBufferSize
+                                       : packet + OrvosiUtil::word16(packet + 1);
+        return p < end ? static_cast<size_t>(end - p) : 0;
+    }
 
     // Sets the queue bounds from the configuration.
     void applyQueueBounds();
