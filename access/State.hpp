@@ -149,10 +149,13 @@ struct OrvAccess::State {
     // more than their packet holds); a packet that an application hands in
     // from its own memory is trusted only as far as its own length field.
     size_t readable(const unsigned char* packet, const unsigned char* p) const {
-        const unsigned char* end = packet >= rx && packet < rx + kReceiveBufferSize
-                                       ? rx + kReceiveBufferSize
-                                       : packet + OrvosiUtil::word16(packet + 1);
-        return p < end ? static_cast<size_t>(end - p) : 0;
+        const uintptr_t start = reinterpret_cast<uintptr_t>(rx);
+        const uintptr_t at = reinterpret_cast<uintptr_t>(packet);
+        const uintptr_t end = at >= start && at < start + kReceiveBufferSize
+                                  ? start + kReceiveBufferSize
+                                  : at + OrvosiUtil::word16(packet + 1);
+        const uintptr_t here = reinterpret_cast<uintptr_t>(p);
+        return here < end ? static_cast<size_t>(end - here) : 0;
     }
 
     // Sets the queue bounds from the configuration.
