@@ -66,6 +66,17 @@ void OrvAccess::State::closeEndpoints() {
     nft.close();
 }
 
+void OrvAccess::State::addErrorCode(unsigned short code, unsigned int value) {
+    errors.push(s_OrvAccessErrorCode{code, value}, cfg.verbosity);
+    newError = 1;
+}
+
+void OrvAccess::State::refusePacket(const char* problem, const char* reason, unsigned short code) {
+    OrvUtil::logLine(cfg.verbosity, problem, reason);
+    addErrorCode(code, 0);
+    packetRefused = true;
+}
+
 void OrvAccess::State::fail(const std::string& text, bool echo) {
     lastError = text;
     if (echo) OrvUtil::errLine(cfg.verbosity, lastError);

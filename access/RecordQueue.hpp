@@ -32,7 +32,7 @@ public:
     // fit: afterwards size() + extra < bound(). extra = 0 is the ordinary rule
     // (room for one more); a parser that appends a batch of n records with a
     // closing record asks for n + 1 at once. When the bound is too small for
-    // the batch the queue is emptied.
+    // the batch the queue is emptied (and append() keeps the batch's newest).
     // A queue filled by two parsers may name the overflow differently for
     // each: `text` replaces the queue's own overflow text for this call.
     void makeRoom(unsigned int verbosity, size_t extra = 0, const char* text = nullptr) {
@@ -47,17 +47,14 @@ public:
         append(record);
     }
 
-    // Appends after makeRoom() has made room for a batch. Grows the ring if it
-    // is full; past the bound the oldest record goes, so storage never
-    // exceeds the bound.
+    // Appends after makeRoom() has made room for a batch. A queue never holds
+    // more than its bound: should a batch be larger than the bound, the
+    // oldest records of the batch go too. Grows the ring while below the bound.
     void append(const T& record) {
+        if (count_ >= bound_) dropOldest();
         if (count_ == capacity_) {
-            if (capacity_ < bound_) {
-                const size_t grown = capacity_ == 0 ? 1 : capacity_ * 2;
-                reallocate(grown < bound_ ? grown : bound_);
-            } else {
-                dropOldest();
-            }
+            const size_t grown = capacity_ == 0 ? 1 : capacity_ * 2;
+            reallocate(grown < bound_ ? grown : bound_);
         }
         data_[(head_ + count_) % capacity_] = record;
         ++count_;

@@ -14,8 +14,8 @@
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiSharedMem.hpp"
 #include "osi/OrvosiTcp.hpp"
-#include "osi/OrvosiUtil.hpp"
 #include "osi/OrvosiUdp.hpp"
+#include "osi/OrvosiUtil.hpp"
 
 // The configuration file's values, with their defaults. Ports stay text:
 // "0" disables a port, compared as text.
@@ -140,8 +140,13 @@ struct OrvAccess::State {
     // Meta-packet bookkeeping beyond the queues.
     MetaState metaState;
 
-    // The one receive buffer shared by every port.
-    unsigned char rx[kReceiveBufferSize];
+    // The one receive buffer shared by every port. Zeroed once, so that reads
+    // past a short datagram (which some counts on the wire ask for) see
+    // repeatable bytes.
+    unsigned char rx[kReceiveBufferSize]{};
+    // Set by a parser that refuses its whole packet as bad: the dispatch then
+    // does not count the packet as received.
+    bool packetRefused = false;
 
     // How many bytes a parser may read at `p`, inside the packet that starts
     // at `packet`. A datagram from the service loop lives in rx, and reads
@@ -164,6 +169,12 @@ struct OrvAccess::State {
     void closeEndpoints();
     // Empties every record queue and the error-code queue.
     void clearQueues();
+    // Queues one error code and raises the new-error flag of the status.
+    void addErrorCode(unsigned short code, unsigned int value);
+    // A parser refusing its whole packet as bad, as the framing check would:
+    // the "Problem with ..." line under verbosity 0x1, the port's code, and
+    // the packet is not counted as received.
+    void refusePacket(const char* problem, const char* reason, unsigned short code);
     // Stores the reason of a failure; echoed as "ORVAERR: " under bit 0x4 when asked.
     void fail(const std::string& text, bool echo);
 };

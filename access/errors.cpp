@@ -65,10 +65,7 @@ std::string OrvAccess::getLastError() { return st_->lastError; }
 
 void OrvAccess::clearLastError() { st_->lastError.clear(); }
 
-void OrvAccess::addErrorCode(unsigned short code, unsigned int value) {
-    st_->errors.push(s_OrvAccessErrorCode{code, value}, st_->cfg.verbosity);
-    st_->newError = 1;
-}
+void OrvAccess::addErrorCode(unsigned short code, unsigned int value) { st_->addErrorCode(code, value); }
 
 unsigned short OrvAccess::getErrorCode(s_OrvAccessErrorCode* code) {
     code->code = 0;

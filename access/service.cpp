@@ -73,8 +73,9 @@ bool dispatch(OrvAccess& access, OrvAccess::State& s, const Route* route, unsign
         return true;
     }
     if (s.cfg.logging & route->logChannel) OrvUtil::logBuf(buf, n, route->logChannel, s.cfg.logPath);
+    s.packetRefused = false;
     (access.*(route->parser))(buf);
-    s.receivedMask |= route->receivedBit;
+    if (!s.packetRefused) s.receivedMask |= route->receivedBit;
     return true;
 }
 

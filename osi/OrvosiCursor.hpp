@@ -109,6 +109,7 @@ public:
         if (unsigned char* p = room(8)) OrvosiUtil::lendianFloat64(p, v);
     }
     void bytes(const void* src, size_t n) {
+        if (n == 0) return;  // src may be null then
         if (unsigned char* p = room(n)) std::memcpy(p, src, n);
     }
     void zeros(size_t n) {

@@ -79,15 +79,27 @@ private:
     int fd_;
 };
 
-// A datagram of `size` bytes with the common framing: start byte, length
-// word, a body pattern, and the checksum byte that seals it.
+// Writes the start byte, the length word and the closing checksum byte of
+// a datagram whose body is already in place.
+inline Bytes& seal(Bytes& b, unsigned char start) {
+    b[0] = start;
+    OrvosiUtil::lendian(&b[1], b.size(), 2);
+    b.back() = static_cast<unsigned char>(-OrvosiUtil::checksum(b.data(), b.size() - 1));
+    return b;
+}
+
+// A datagram of `size` bytes with the common framing and a body pattern.
 inline Bytes sealedFrame(unsigned char start, size_t size) {
     Bytes b(size);
     for (size_t i = 0; i < size; ++i) b[i] = static_cast<unsigned char>(i * 7);
-    b[0] = start;
-    OrvosiUtil::lendian(&b[1], size, 2);
-    b[size - 1] = static_cast<unsigned char>(-OrvosiUtil::checksum(b.data(), size - 1));
-    return b;
+    return seal(b, start);
+}
+
+// The same with a zero body: every parser reads it as an empty record of its
+// kind (no interval, no offsets, no counts).
+inline Bytes zeroFrame(unsigned char start, size_t size) {
+    Bytes b(size, 0);
+    return seal(b, start);
 }
 
 // The five receive ports of an access object, in service order.
@@ -99,8 +111,9 @@ enum Port { kMeta, kImage, kCore, kHub, kNft };
 inline std::string receiverIni(const int (&port)[5], const std::string& extra = "") {
     return "[Communication]\ntcpOrvRxEnabled = 0\nudpOrvRxInputPort = 0\nsMemImgName =\nudpOrvRxPort = " +
            std::to_string(port[kMeta]) + "\nudpOrvRxImgPort = " + std::to_string(port[kImage]) +
-           "\nudpOrvCorePort = " + std::to_string(port[kCore]) + "\nudpOrvHubPort = " +
-           std::to_string(port[kHub]) + "\nudpNftPort = " + std::to_string(port[kNft]) + "\n" + extra;
+           "\nudpOrvCorePort = " + std::to_string(port[kCore]) +
+           "\nudpOrvHubPort = " + std::to_string(port[kHub]) +
+           "\nudpNftPort = " + std::to_string(port[kNft]) + "\n" + extra;
 }
 
 }  // namespace orvtest
