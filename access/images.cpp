@@ -1,20 +1,222 @@
-// Camera images over UDP and from orvHub's shared memory.
-//
-// Reassembly and delivery arrive with the image issue; until then no image
-// is delivered.
+// Camera images: pieces sent by orvRx over UDP, reassembled into one of two
+// buffers, and whole images published by orvHub in shared memory.
+#include <cstdio>
+#include <cstring>
+#include <type_traits>
+
 #include "access/State.hpp"
+#include "osi/OrvosiCursor.hpp"
+#include "osi/OrvosiUtil.hpp"
 
-void OrvAccess::processImagePkt(const unsigned char* /*packet*/) {}
+namespace {
 
-bool OrvAccess::getImageInfo(ImageFormat /*format*/, unsigned long* /*size*/, int* /*width*/, int* /*height*/,
-                             int* /*bytesPerPixel*/) {
-    return false;
+constexpr unsigned int kImageErrorCode = 769;
+constexpr size_t kPieceHeader = 11;                  // type, length, sequence id, format, address
+constexpr size_t kPieceOverhead = kPieceHeader + 1;  // and the checksum byte
+constexpr uint32_t kSharedMemReceivedBit = 0x40;
+
+// Shared-memory region: ready flag, sequence id, format code, pixels.
+constexpr size_t kRegionReady = 0;
+constexpr size_t kRegionSeqId = 1;
+constexpr size_t kRegionFormat = 5;
+constexpr size_t kRegionPixels = 6;
+
+// The format code goes out through the caller's enum as it came, legal or
+// not; written as the enum's own underlying integer so that no out-of-range
+// conversion to the enum type takes place.
+void storeFormat(OrvAccess::ImageFormat* out, unsigned char code) {
+    const std::underlying_type_t<OrvAccess::ImageFormat> value = code;
+    static_assert(sizeof value == sizeof *out, "an enum is stored as its underlying type");
+    std::memcpy(out, &value, sizeof value);
 }
 
-bool OrvAccess::getImage(int* percent, ImageFormat* /*format*/, unsigned int* /*sequenceId*/,
-                         unsigned char* /*buffer*/, unsigned long /*capacity*/) {
+// "Buffer too small (image size is N)" without building temporaries.
+void setTooSmall(std::string& error, unsigned long size) {
+    char text[64];
+    std::snprintf(text, sizeof text, "Buffer too small (image size is %lu)", size);
+    error.assign(text);
+}
+
+// The one format table (OrvosiUtil::GetImageResolution) with the fallback
+// geometry 640 x 480 x 1 for an illegal code, which also sets the last error.
+bool lookUpFormat(int code, unsigned long* size, int* width, int* height, int* bytesPerPixel,
+                  std::string& error) {
+    unsigned int w = 0, h = 0, b = 0;
+    const bool legal = code >= 0 && code <= 255 &&
+                       OrvosiUtil::GetImageResolution(static_cast<unsigned char>(code), &w, &h, &b);
+    if (!legal) {
+        char text[48];
+        std::snprintf(text, sizeof text, "Illegal image format (%d)", code);
+        error.assign(text);
+        w = 640;
+        h = 480;
+        b = 1;
+    }
+    if (size != nullptr) *size = static_cast<unsigned long>(w) * h * b;
+    if (width != nullptr) *width = static_cast<int>(w);
+    if (height != nullptr) *height = static_cast<int>(h);
+    if (bytesPerPixel != nullptr) *bytesPerPixel = static_cast<int>(b);
+    return legal;
+}
+
+}  // namespace
+
+bool OrvAccess::getImageInfo(ImageFormat format, unsigned long* size, int* width, int* height,
+                             int* bytesPerPixel) {
+    return lookUpFormat(static_cast<int>(format), size, width, height, bytesPerPixel, st_->lastError);
+}
+
+// One piece of an image. The service loop has checked the framing, so the
+// length word equals the datagram's size; nothing past it is read, and
+// nothing is written past the buffer's imgBufSize bytes.
+void OrvAccess::processImagePkt(const unsigned char* packet) {
+    State& s = *st_;
+    ImageState& img = s.img;
+    const unsigned int v = s.cfg.verbosity;
+    img.progress = 0;
+
+    const size_t length = OrvosiUtil::word16(packet + 1);
+    if (length < kPieceOverhead) {
+        // Too short to hold its own header: nothing in it can be trusted.
+        OrvUtil::logLine(v, "Image packet too short (", length, " bytes)");
+        addErrorCode(kImageErrorCode, 0);
+        img.waiting = true;
+        return;
+    }
+    OrvosiReader r(packet, length);
+    r.skip(3);
+    const uint32_t seqId = r.u32();
+    const unsigned char format = r.u8();
+    const uint32_t address = r.u24();
+    const size_t pixels = length - kPieceOverhead;
+    img.format = format;
+
+    if (address != 0) {
+        if (img.waiting) {
+            OrvUtil::infoLine(v, "Waiting for initial image packet (", address, ")");
+            return;
+        }
+        if (seqId != img.seqId[img.fill]) {
+            OrvUtil::logLine(v, "Sequence ID mismatch in image packet (packet sid=", seqId,
+                             ", image sid=", img.seqId[img.fill], ")");
+            addErrorCode(kImageErrorCode, img.seqId[img.fill]);
+            img.waiting = true;
+            return;
+        }
+    } else {
+        img.seqId[img.fill] = seqId;
+        img.received = 0;
+        img.waiting = false;
+    }
+
+    unsigned long imageSize = 0;
+    const char* problem = nullptr;
+    const uint64_t end = static_cast<uint64_t>(address) + pixels;
+    unsigned char* target = img.buf[img.fill].get();
+    if (!lookUpFormat(format, &imageSize, nullptr, nullptr, nullptr, s.lastError)) {
+        problem = s.lastError.c_str();
+    } else if (img.received != address) {
+        problem = "Address mismatch in image packet";
+    } else if (target == nullptr || end > img.size) {
+        // A buffer that could not be allocated has no room at all.
+        problem = "Image buffer overflow";
+    }
+    if (problem != nullptr) {
+        OrvUtil::logLine(v, problem);
+        addErrorCode(kImageErrorCode, seqId);
+        img.waiting = true;
+        return;
+    }
+
+    const unsigned char* data = r.take(pixels);
+    if (data == nullptr) return;  // cannot happen: the reader holds exactly `length` bytes
+    std::memcpy(target + address, data, pixels);
+    img.received = static_cast<uint32_t>(end);
+
+    const uint64_t percent = end * 100 / imageSize;
+    img.progress = percent == 0 ? 1 : percent > 99 ? 99 : static_cast<int>(percent);
+    if (end >= imageSize) {
+        OrvUtil::infoLine(v, "Image received");
+        img.waiting = true;
+        img.progress = 0;
+        img.complete = img.fill;
+        img.completeFormat = format;
+        img.fill = 1 - img.fill;
+        return;
+    }
+    OrvUtil::infoLine(v, "Received image packet, packet sid ", seqId, " (", img.progress, "%)");
+}
+
+bool OrvAccess::getImage(int* percent, ImageFormat* format, unsigned int* sequenceId, unsigned char* buffer,
+                         unsigned long capacity) {
+    State& s = *st_;
+    ImageState& img = s.img;
+    const unsigned int v = s.cfg.verbosity;
     *percent = 0;
-    if (!serviceUdp(true)) return false;
-    *percent = st_->img.progress;
-    return true;
+    if (!serviceUdp(true)) {
+        *percent = img.progress;
+        return false;
+    }
+
+    // UDP first: the newest complete image, kept until it fits the caller.
+    if (img.complete >= 0) {
+        unsigned long size = 0;
+        if (!lookUpFormat(img.completeFormat, &size, nullptr, nullptr, nullptr, s.lastError)) return false;
+        if (size > capacity) {
+            setTooSmall(s.lastError, size);
+            return false;
+        }
+        const unsigned char* held = img.buf[img.complete].get();
+        if (held == nullptr || size > img.size) return false;  // completion rules both out
+        OrvUtil::infoLine(v, "Received image via UDP");
+        *percent = 100;
+        storeFormat(format, img.completeFormat);
+        *sequenceId = img.seqId[img.complete];
+        std::memcpy(buffer, held, size);
+        img.complete = -1;
+        return true;
+    }
+
+    *percent = img.progress;
+    if (!s.sharedMemOk || !s.sharedMem) return true;
+
+    OrvosiSharedMem& mem = *s.sharedMem;
+    unsigned char* region = static_cast<unsigned char*>(mem.get());
+    if (region == nullptr) {
+        s.lastError = "Error accessing shared memory";
+        return false;
+    }
+    // Every read below stays inside the mapping, whatever the producer wrote.
+    const size_t mapped = mem.size();
+    if (mapped <= kRegionReady || region[kRegionReady] != 1) {
+        mem.release();
+        return true;
+    }
+
+    bool ok = false;
+    if (mapped < kRegionPixels) {
+        s.lastError = "Incorrect image format";
+    } else {
+        const unsigned char code = region[kRegionFormat];
+        *sequenceId = OrvosiUtil::word32(region + kRegionSeqId);
+        storeFormat(format, code);
+        unsigned long size = 0;
+        if (!lookUpFormat(code, &size, nullptr, nullptr, nullptr, s.lastError) ||
+            size > mapped - kRegionPixels) {
+            // An illegal code, or a region too small for the image it announces.
+            s.lastError = "Incorrect image format";
+        } else if (size > capacity) {
+            setTooSmall(s.lastError, size);
+        } else {
+            OrvUtil::infoLine(v, "Received image via shared memory");
+            std::memcpy(buffer, region + kRegionPixels, size);
+            *percent = 100;
+            s.receivedMask |= kSharedMemReceivedBit;
+            ok = true;
+        }
+    }
+    // The image is dealt with either way: one that did not fit is dropped.
+    region[kRegionReady] = 0;
+    mem.release();
+    return ok;
 }
