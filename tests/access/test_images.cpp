@@ -25,30 +25,8 @@
 #include "orvaccess/orvaccess.h"
 #include "osi/OrvosiSharedMem.hpp"
 #include "osi/OrvosiUtil.hpp"
+#include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
-
-// Every allocation of the process is counted while gCounting is set. All
-// forms are replaced together, so that every new pairs with its own delete.
-static std::atomic<bool> gCounting{false};
-static std::atomic<long> gAllocations{0};
-static void* counted(std::size_t n) noexcept {
-    if (gCounting) ++gAllocations;
-    return std::malloc(n != 0 ? n : 1);
-}
-[[gnu::noinline]] void* operator new(std::size_t n) {
-    if (void* p = counted(n)) return p;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void* operator new[](std::size_t n) {
-    if (void* p = counted(n)) return p;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return counted(n); }
-[[gnu::noinline]] void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return counted(n); }
-[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -460,16 +438,15 @@ TEST_F(Images, ReassemblyDoesNotAllocate) {
     for (size_t at = 0; at < size; at += kStep)
         pieces.push_back(
             piece(51, 10, static_cast<uint32_t>(at), content.data() + at, std::min(kStep, size - at)));
-    gAllocations = 0;
-    gCounting = true;
+    orvtest::startCountingAllocations();
     for (size_t i = 0; i < pieces.size(); ++i) {
         send(pieces[i]);
         if (i == kBatch) pump();
     }
     const Fetched f = fetch(out);
-    gCounting = false;
+    const long allocations = orvtest::stopCountingAllocations();
     EXPECT_EQ(f.percent, 100);
-    EXPECT_EQ(gAllocations.load(), 0);
+    EXPECT_EQ(allocations, 0);
 }
 
 TEST_F(Images, ImageInfoSharesTheFormatTable) {

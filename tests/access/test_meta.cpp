@@ -10,19 +10,8 @@
 
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiUtil.hpp"
+#include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
-
-// Every allocation of the process is counted while gCounting is set. Kept
-// out of line so that g++ does not pair an inlined new with free().
-static std::atomic<bool> gCounting{false};
-static std::atomic<long> gAllocations{0};
-[[gnu::noinline]] void* operator new(std::size_t n) {
-    if (gCounting) ++gAllocations;
-    if (void* p = std::malloc(n != 0 ? n : 1)) return p;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -484,14 +473,13 @@ TEST_F(MetaTest, BurstDoesNotAllocate) {
     for (size_t i = 0; i < 48; ++i) ASSERT_TRUE(sender.send(port[kMeta], burst[i]));
     access.setVerbosity(0x2);
     orvtest::CapturedStdout out;
-    gAllocations = 0;
-    gCounting = true;
+    orvtest::startCountingAllocations();
     const bool ok = access.serviceUdp(false);
-    gCounting = false;
+    const long allocations = orvtest::stopCountingAllocations();
     access.setVerbosity(0);
     out.text();
     EXPECT_TRUE(ok);
-    EXPECT_EQ(gAllocations.load(), 0);
+    EXPECT_EQ(allocations, 0);
     EXPECT_EQ(drainImu().size(), 48u);
 }
 

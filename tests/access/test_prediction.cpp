@@ -19,20 +19,9 @@
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiMath.hpp"
 #include "osi/OrvosiUtil.hpp"
+#include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
-
-// Every allocation of the process is counted while gCounting is set. Kept
-// out of line so that g++ does not pair an inlined new with free().
-static std::atomic<bool> gCounting{false};
-static std::atomic<long> gAllocations{0};
-[[gnu::noinline]] void* operator new(std::size_t n) {
-    if (gCounting) ++gAllocations;
-    if (void* p = std::malloc(n != 0 ? n : 1)) return p;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -504,18 +493,20 @@ TEST_F(PoseOut, GettersDoNotAllocate) {
         EXPECT_TRUE(access.getTrackingDataAtTime(tdisp += 16667, &valid, &r));
     }
     // Only the getters are counted: building the datagrams allocates.
+    long allocations = 0;
     for (int i = 3; i < 200; ++i) {
         p.tag = static_cast<uint32_t>(i);
         p.time += 1000;
         send(p);
         send(p);
-        gCounting = true;
-        const bool ok = access.getTrackingDataLatest(&valid, &r) && access.getTrackingData(&valid, &r) &&
-                        access.getTrackingDataAtTime(tdisp += 16667, &valid, &r);
-        gCounting = false;
+        bool ok = false;
+        allocations += orvtest::allocationsDuring([&] {
+            ok = access.getTrackingDataLatest(&valid, &r) && access.getTrackingData(&valid, &r) &&
+                 access.getTrackingDataAtTime(tdisp += 16667, &valid, &r);
+        });
         EXPECT_TRUE(ok);
     }
-    EXPECT_EQ(gAllocations.load(), 0);
+    EXPECT_EQ(allocations, 0);
 }
 
 }  // namespace

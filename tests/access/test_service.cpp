@@ -11,20 +11,9 @@
 
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiUtil.hpp"
+#include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
-
-// Every allocation of the process is counted while gCounting is set. Kept
-// out of line so that g++ does not pair an inlined new with free().
-static std::atomic<bool> gCounting{false};
-static std::atomic<long> gAllocations{0};
-[[gnu::noinline]] void* operator new(std::size_t n) {
-    if (gCounting) ++gAllocations;
-    if (void* p = std::malloc(n != 0 ? n : 1)) return p;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -46,26 +35,16 @@ Bytes frame(unsigned char start, size_t size) {
     return b;
 }
 
-class Service : public testing::Test {
+class Service : public orvtest::ReceiverTest {
 protected:
-    void SetUp() override {
-        for (int& p : port) p = orvtest::freePort();
-        access.setIniPath(dir.write("orvaccess.ini", orvtest::receiverIni(port)));
-        ASSERT_TRUE(access.open()) << access.getLastError();
-    }
+    void SetUp() override { openReceiver(); }
     void TearDown() override { access.setVerbosity(0); }
 
-    void send(int which, const Bytes& b) { ASSERT_TRUE(sender.send(port[which], b)); }
     s_OrvAccessStatus status() {
         s_OrvAccessStatus st{};
         EXPECT_TRUE(access.getStatus(&st)) << access.getLastError();
         return st;
     }
-
-    orvtest::TempDir dir;
-    int port[5] = {};
-    orvtest::UdpSender sender;
-    OrvAccess access;
 };
 
 TEST(FramingCheck, SuccessKeepsTheTextAndShortBuffersFail) {
@@ -245,12 +224,11 @@ TEST_F(Service, BurstDoesNotAllocate) {
     EXPECT_EQ(status().received, 0x1B6u);
 
     sendAll(29);  // 203 datagrams
-    gAllocations = 0;
-    gCounting = true;
+    orvtest::startCountingAllocations();
     const bool ok = access.serviceUdp(true);
-    gCounting = false;
+    const long allocations = orvtest::stopCountingAllocations();
     EXPECT_TRUE(ok);
-    EXPECT_EQ(gAllocations.load(), 0);
+    EXPECT_EQ(allocations, 0);
     const s_OrvAccessStatus st = status();
     EXPECT_EQ(st.received, 0x1B6u);
     EXPECT_EQ(st.newError, 0u);

@@ -13,19 +13,9 @@
 #include <vector>
 
 #include "orvaccess/OrvAccess.hpp"
+#include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
-
-// Every allocation of the process is counted while gCounting is set.
-static std::atomic<bool> gCounting{false};
-static std::atomic<long> gAllocations{0};
-[[gnu::noinline]] void* operator new(std::size_t n) {
-    if (gCounting) ++gAllocations;
-    if (void* p = std::malloc(n != 0 ? n : 1)) return p;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -452,13 +442,12 @@ TEST_F(Subpackets, DumpsLogChannelsAndNoAllocation) {
     access.setVerbosity(0);
     const Bytes packet = metaPkt({subs[kPlat], subs[kTarget], diagSub(1, {5, 0, 0, 0}, 1, 30), subs[kGps]});
     for (int i = 0; i < 50; ++i) ASSERT_TRUE(sender.send(port[orvtest::kMeta], packet));
-    gAllocations = 0;
-    gCounting = true;
+    orvtest::startCountingAllocations();
     s_OrvAccessStatus st{};
     const bool ok = access.getStatus(&st);
-    gCounting = false;
+    const long allocations = orvtest::stopCountingAllocations();
     EXPECT_TRUE(ok);
-    EXPECT_EQ(gAllocations.load(), 0);
+    EXPECT_EQ(allocations, 0);
     EXPECT_EQ(errors().size(), 50u);
 
     access.close();

@@ -17,20 +17,9 @@
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiCursor.hpp"
 #include "osi/OrvosiUtil.hpp"
+#include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
-
-// Every allocation of the process is counted while gCounting is set. Kept
-// out of line so that g++ does not pair an inlined new with free().
-static std::atomic<bool> gCounting{false};
-static std::atomic<long> gAllocations{0};
-[[gnu::noinline]] void* operator new(std::size_t n) {
-    if (gCounting) ++gAllocations;
-    if (void* p = std::malloc(n != 0 ? n : 1)) return p;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
-[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -506,12 +495,10 @@ TEST_F(Tracking, TenThousandPacketsWithOpticalDataDoNotAllocate) {
     long allocations = 0;
     for (uint32_t first = 0; first < 2 * kBurst; first += kChunk) {
         for (uint32_t i = first; i < first + kChunk; ++i) send(packets[i]);
-        gAllocations = 0;
-        gCounting = first >= kBurst;
-        const bool ok = access.serviceUdp(false);
-        gCounting = false;
+        bool ok = false;
+        const long n = orvtest::allocationsDuring([&] { ok = access.serviceUdp(false); });
         ASSERT_TRUE(ok) << access.getLastError();
-        allocations += gAllocations.load();
+        if (first >= kBurst) allocations += n;
     }
     EXPECT_EQ(allocations, 0);
     EXPECT_TRUE(errorCodes().empty());

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "orvaccess/OrvAccess.hpp"
 #include "support/Loopback.hpp"
 
 #include <cstdlib>
@@ -13,6 +14,8 @@
 #include <fstream>
 #include <iostream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace orvtest {
 
@@ -72,6 +75,40 @@ public:
         std::cerr.flush();
         return testing::internal::GetCapturedStderr();
     }
+};
+
+// A fixture with an access object that receives on five fresh ports (no
+// command channel, no uplink, no shared memory) and a sender aimed at them.
+class ReceiverTest : public testing::Test {
+protected:
+    using Codes = std::vector<std::pair<unsigned short, unsigned int>>;
+
+    // Opens (or reopens) with the receiver configuration plus `extra` keys.
+    void openReceiver(const std::string& extra = "") {
+        for (int& p : port)
+            if (p == 0) p = freePort();
+        access.setIniPath(dir.write("orvaccess.ini", receiverIni(port, extra)));
+        ASSERT_TRUE(access.open()) << access.getLastError();
+    }
+    void send(int which, const Bytes& b) { ASSERT_TRUE(sender.send(port[which], b)); }
+    // The received-packets word of the status (servicing the ports first).
+    uint32_t received() {
+        s_OrvAccessStatus st{};
+        EXPECT_TRUE(access.getStatus(&st)) << access.getLastError();
+        return st.received;
+    }
+    // Every queued error code with its value, oldest first.
+    Codes errorCodes() {
+        Codes out;
+        s_OrvAccessErrorCode e{};
+        while (access.getErrorCode(&e) != 0) out.emplace_back(e.code, e.value);
+        return out;
+    }
+
+    TempDir dir;
+    int port[5] = {};
+    UdpSender sender;
+    OrvAccess access;
 };
 
 }  // namespace orvtest
