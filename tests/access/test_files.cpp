@@ -1,369 +1,188 @@
-// File transfer with a fake orvRx over real TCP on 127.0.0.1: files of every
-// size class go both ways byte for byte, the frames are exact, and every way
-// the server can misbehave ends in its own message.
+// File transfer with a fake orvRx over real TCP on 127.0.0.1: files go both
+// ways byte for byte in exact frames, and every way the server or the local
+// file can fail ends in its own message.
 #include <gtest/gtest.h>
-
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "orvaccess/OrvAccess.hpp"
 #include "orvaccess/orvaccess.h"
 #include "support/FakeOrvRx.hpp"
-#include "support/TestSupport.hpp"
 
 using orvtest::Bytes;
-using orvtest::FakeOrvRx;
-using Fault = orvtest::FakeOrvRx::FileFault;
+using orvtest::randomBytes;
+using orvtest::withChecksum;
+using Files = orvtest::OrvRxTest;
 
 namespace {
-
-Bytes randomBytes(size_t n, unsigned int seed) {
-    std::mt19937 gen(seed);
-    Bytes b(n);
-    for (unsigned char& c : b) c = static_cast<unsigned char>(gen());
-    return b;
-}
 
 Bytes readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-void writeFile(const std::string& path, const Bytes& b) {
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
+std::string writeFile(const std::string& path, const Bytes& b) {
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), b.size());
+    return path;
 }
 
-unsigned char negSum(const Bytes& b) {
-    unsigned int sum = 0;
-    for (unsigned char c : b) sum += c;
-    return static_cast<unsigned char>(-sum);
+// What a transfer sends with streaming on: the stop, then AB, the code, the
+// location, the name with its zero, `more` and the checksum.
+std::vector<Bytes> start(unsigned char code, unsigned char location, const std::string& name,
+                         Bytes more = {}) {
+    Bytes frame{0xAB, code, location};
+    frame.insert(frame.end(), name.c_str(), name.c_str() + name.size() + 1);
+    frame.insert(frame.end(), more.begin(), more.end());
+    return {withChecksum({0xAB, 0xC4, 0, 0, 0, 0}), withChecksum(frame)};
 }
 
-double msSince(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+// A put sends one chunk per 512 bytes.
+std::vector<Bytes> putFrames(const Bytes& file, const std::string& name, unsigned char location) {
+    std::vector<Bytes> frames = start(0xC6, location, name, orvtest::le24(file.size()));
+    for (size_t at = 0; at < file.size(); at += 512) frames.push_back(orvtest::chunk(file, at));
+    return frames;
 }
-
-// An object opened on the fake's TCP port with every other channel off.
-class Files : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const std::string ini = dir.prefix() + "orvaccess.ini";
-        std::ofstream(ini) << "[Communication]\ntcpOrvRxAddr=127.0.0.1\ntcpOrvRxPort=" << fake.port()
-                           << "\nudpOrvRxPort=0\nudpOrvRxImgPort=0\nudpOrvRxInputPort=0\nudpOrvCorePort=0\n"
-                              "udpNftPort=0\nsMemImgName=\n";
-        a.setIniPath(ini);
-        ASSERT_TRUE(a.open()) << a.getLastError();
-        ASSERT_TRUE(fake.waitFrames(1));
-        fake.clearFrames();
-    }
-    std::string path(const std::string& name) const { return dir.prefix() + name; }
-
-    // A put of `content` as `name`; the frames it produced are checked
-    // against the protocol: start frame, then one 518-byte chunk per 512
-    // bytes, offsets in order.
-    void putAndCheck(const Bytes& content, const std::string& name, unsigned char location) {
-        SCOPED_TRACE("put of " + std::to_string(content.size()) + " bytes");
-        const std::string local = path("put.bin");
-        writeFile(local, content);
-        fake.clearFrames();
-        ASSERT_TRUE(a.putFile(local, name, static_cast<e_OrvAccessFileLoc>(location))) << a.getLastError();
-        Bytes stored;
-        ASSERT_TRUE(fake.storedFile(location, name, &stored));
-        EXPECT_TRUE(stored == content);
-        EXPECT_TRUE(fake.violations().empty()) << fake.violations().front();
-
-        const auto frames = fake.frames();
-        const size_t chunks = (content.size() + 511) / 512;
-        ASSERT_EQ(frames.size(), 1 + chunks);
-        Bytes start{0xAB, 0xC6, location};
-        start.insert(start.end(), name.begin(), name.end());
-        start.push_back(0);
-        const size_t n = content.size();
-        start.insert(start.end(), {static_cast<unsigned char>(n), static_cast<unsigned char>(n >> 8),
-                                   static_cast<unsigned char>(n >> 16)});
-        start.push_back(negSum(start));
-        EXPECT_EQ(frames[0], start);
-        for (size_t i = 0; i < chunks; ++i) {
-            ASSERT_EQ(frames[1 + i].size(), 518u);
-            EXPECT_EQ(frames[1 + i][2] | frames[1 + i][3] << 8 | frames[1 + i][4] << 16,
-                      static_cast<int>(i * 512));
-        }
-    }
-
-    FakeOrvRx fake;  // declared first: outlives the object, whose close() may still talk
-    orvtest::TempDir dir;
-    OrvAccess a;
-};
 
 }  // namespace
 
-TEST_F(Files, SmallFilesRoundTripByteForByte) {
-    unsigned int seed = 1;
-    for (size_t size : {size_t{1}, size_t{511}, size_t{512}, size_t{513}, size_t{1000}, size_t{1536}}) {
-        const Bytes content = randomBytes(size, seed++);
-        putAndCheck(content, "cal/file" + std::to_string(size) + ".ini", 2);
-
-        fake.clearFrames();
-        const std::string back = path("back.bin");
-        ASSERT_TRUE(a.getFile("cal/file" + std::to_string(size) + ".ini", ORVACCESS_FILE_LOC_2, back))
-            << a.getLastError();
-        EXPECT_TRUE(readFile(back) == content) << size;
-        // The request, then one bare C7 per chunk received.
-        const size_t chunks = (size + 511) / 512;
-        EXPECT_TRUE(fake.waitFrames(1 + chunks));
-        const auto frames = fake.frames();
-        ASSERT_EQ(frames.size(), 1 + chunks);
+TEST_F(Files, FilesGoBothWaysByteForByteInExactFramesStreamingStopped) {
+    // 1000 bytes: the second chunk carries 488 file bytes and 24 zeros.
+    for (const auto& [size, location] :
+         std::vector<std::pair<size_t, unsigned char>>{{1, 2}, {512, 0}, {513, 255}, {1000, 1}}) {
+        const Bytes file = randomBytes(size, static_cast<unsigned int>(size));
         const std::string name = "cal/file" + std::to_string(size) + ".ini";
-        Bytes request{0xAB, 0xC5, 0x02};
-        request.insert(request.end(), name.begin(), name.end());
-        request.push_back(0);
-        request.push_back(negSum(request));
-        EXPECT_EQ(frames[0], request);
-        for (size_t i = 1; i < frames.size(); ++i) EXPECT_EQ(frames[i], Bytes{0xC7});
+        const auto loc = static_cast<e_OrvAccessFileLoc>(location);
+        ASSERT_TRUE(access.setStreaming(true));
+        fake.clearFrames();
+        ASSERT_TRUE(access.putFile(writeFile(path("put.bin"), file), name, loc)) << access.getLastError();
+        EXPECT_EQ(fake.frames(), putFrames(file, name, location)) << size;
+
+        fake.serve(file);
+        ASSERT_TRUE(access.setStreaming(true));
+        fake.clearFrames();
+        ASSERT_TRUE(access.getFile(name, loc, path("got.bin"))) << access.getLastError();
+        EXPECT_EQ(readFile(path("got.bin")), file) << size;
+        // A get acknowledges each chunk with a bare C7.
+        std::vector<Bytes> expected = start(0xC5, location, name);
+        expected.resize(2 + (size + 511) / 512, Bytes{0xC7});
+        EXPECT_TRUE(fake.waitFrames(expected.size()));
+        EXPECT_EQ(fake.frames(), expected) << size;
     }
-    EXPECT_TRUE(fake.violations().empty());
-}
-
-TEST_F(Files, LastChunkIsFilledWithZerosAndLocationsAreKeptApart) {
-    // 1000 bytes: two chunks, the second with 488 file bytes and 24 zeros.
-    Bytes content(1000, 0xFF);
-    putAndCheck(content, "a", 0);
-    const auto frames = fake.frames();
-    const Bytes& second = frames.at(2);
-    EXPECT_EQ(second[2], 0x00);
-    EXPECT_EQ(second[3], 0x02);
-    EXPECT_EQ(second[5 + 487], 0xFF);
-    for (size_t i = 5 + 488; i < 517; ++i) ASSERT_EQ(second[i], 0x00) << i;
-    EXPECT_EQ(negSum(Bytes(second.begin(), second.end() - 1)), second[517]);
-
-    // The same name at another location is another file.
-    putAndCheck(Bytes{1, 2, 3}, "a", 255);
-    Bytes stored;
-    ASSERT_TRUE(fake.storedFile(0, "a", &stored));
-    EXPECT_EQ(stored.size(), 1000u);
-    const std::string back = path("loc255");
-    ASSERT_TRUE(a.getFile("a", ORVACCESS_FILE_LOC_MAX, back)) << a.getLastError();
-    EXPECT_EQ(readFile(back), (Bytes{1, 2, 3}));
 }
 
 TEST_F(Files, MultiMegabytePut) {
-    const Bytes content = randomBytes(2 * 1024 * 1024 + 77, 42);
-    const std::string local = path("big.bin");
-    writeFile(local, content);
-    ASSERT_TRUE(a.putFile(local, "big", ORVACCESS_FILE_LOC_1)) << a.getLastError();
-    Bytes stored;
-    ASSERT_TRUE(fake.storedFile(1, "big", &stored));
-    EXPECT_TRUE(stored == content);
-    EXPECT_TRUE(fake.violations().empty());
-    EXPECT_EQ(fake.frames().size(), 1 + (content.size() + 511) / 512);
+    const Bytes file = randomBytes(2 * 1024 * 1024 + 77, 42);
+    ASSERT_TRUE(access.setStreaming(true));
+    fake.clearFrames();
+    ASSERT_TRUE(access.putFile(writeFile(path("big.bin"), file), "big", ORVACCESS_FILE_LOC_1))
+        << access.getLastError();
+    EXPECT_TRUE(fake.frames() == putFrames(file, "big", 1));
 }
 
 TEST_F(Files, MultiMegabyteGetThroughTheCInterface) {
-    const Bytes content = randomBytes(2 * 1024 * 1024 + 300, 43);
-    fake.storeFile(3, "big", content);
-    const std::string local = path("big.bin");
-    ASSERT_EQ(OrvAccess_getFile(&a, "big", ORVACCESS_FILE_LOC_3, local.c_str()), 1) << a.getLastError();
-    EXPECT_TRUE(readFile(local) == content);
-    EXPECT_TRUE(fake.violations().empty());
-    EXPECT_EQ(fake.aborts(), 0u);
+    const Bytes file = randomBytes(2 * 1024 * 1024 + 300, 43);
+    fake.serve(file);
+    ASSERT_EQ(OrvAccess_getFile(&access, "big", ORVACCESS_FILE_LOC_3, path("big.bin").c_str()), 1)
+        << access.getLastError();
+    EXPECT_TRUE(readFile(path("big.bin")) == file);
 }
 
 TEST_F(Files, LocalFileProblemsAndSizeLimits) {
-    a.setVerbosity(0x4);
+    access.setVerbosity(0x4);
     orvtest::CapturedStderr err;
-
-    EXPECT_FALSE(a.putFile(path("missing.bin"), "x", ORVACCESS_FILE_LOC_0));
-    EXPECT_EQ(a.getLastError(), "No such file or directory");
-
-    writeFile(path("empty.bin"), {});
-    EXPECT_FALSE(a.putFile(path("empty.bin"), "x", ORVACCESS_FILE_LOC_0));
-    EXPECT_EQ(a.getLastError(), "File empty or unreadable");
-
-    // One byte beyond what 24 bits can carry: refused before anything goes out.
-    const std::string huge = path("huge.bin");
-    { std::ofstream(huge, std::ios::binary); }
+    fake.clearFrames();
+    EXPECT_FALSE(access.putFile(path("missing.bin"), "x", ORVACCESS_FILE_LOC_0));
+    EXPECT_EQ(access.getLastError(), "No such file or directory");
+    EXPECT_FALSE(access.putFile(writeFile(path("empty.bin"), {}), "x", ORVACCESS_FILE_LOC_0));
+    EXPECT_EQ(access.getLastError(), "File empty or unreadable");
+    // One byte beyond what 24 bits can carry.
+    const std::string huge = writeFile(path("huge.bin"), {});
     std::filesystem::resize_file(huge, 16777216);
-    EXPECT_FALSE(a.putFile(huge, "x", ORVACCESS_FILE_LOC_0));
-    EXPECT_EQ(a.getLastError(), "File too large (limit is 16777215 bytes)");
-    EXPECT_TRUE(fake.frames().empty());
+    EXPECT_FALSE(access.putFile(huge, "x", ORVACCESS_FILE_LOC_0));
+    EXPECT_EQ(access.getLastError(), "File too large (limit is 16777215 bytes)");
+    EXPECT_TRUE(fake.frames().empty()) << "refused before anything goes out";
 
-    // The largest size that fits is announced as FF FF FF.
+    // The largest size that fits is announced as FF FF FF; a wrong ack stops the put.
     std::filesystem::resize_file(huge, 16777215);
-    fake.setFileFault(Fault::WrongAck, 0);
-    EXPECT_FALSE(a.putFile(huge, "x", ORVACCESS_FILE_LOC_0));
-    EXPECT_EQ(a.getLastError(), "Start failed - no/bad response from orvRx");
-    ASSERT_EQ(fake.frames().size(), 1u);
-    const Bytes start{0xAB, 0xC6, 0x00, 'x', 0x00, 0xFF, 0xFF, 0xFF};
-    EXPECT_EQ(fake.frames()[0], (Bytes{0xAB, 0xC6, 0x00, 'x', 0x00, 0xFF, 0xFF, 0xFF, negSum(start)}));
-    fake.setFileFault(Fault::None);
+    fake.fault(0, [](Bytes& b) { b = {0x00}; });
+    EXPECT_FALSE(access.putFile(huge, "x", ORVACCESS_FILE_LOC_0));
+    EXPECT_EQ(access.getLastError(), "Start failed - no/bad response from orvRx");
+    EXPECT_EQ(fake.frames(), std::vector<Bytes>{withChecksum({0xAB, 0xC6, 0, 'x', 0, 0xFF, 0xFF, 0xFF})});
+    fake.fault(0, nullptr);
 
-    // A local file that cannot be created: the server's file is there, the
-    // transfer stops before a byte is written.
-    fake.storeFile(0, "y", Bytes(600, 7));
-    EXPECT_FALSE(a.getFile("y", ORVACCESS_FILE_LOC_0, path("no/such/dir.bin")));
-    EXPECT_EQ(a.getLastError(), "No such file or directory");
+    // A local file that cannot be created: the transfer stops before a byte is written.
+    fake.serve(Bytes(600, 7));
+    EXPECT_FALSE(access.getFile("y", ORVACCESS_FILE_LOC_0, path("no/such/dir.bin")));
+    EXPECT_EQ(access.getLastError(), "No such file or directory");
+    EXPECT_EQ(err.text(),
+              "ORVAERR: No such file or directory\nORVAERR: File empty or unreadable\n"
+              "ORVAERR: File too large (limit is 16777215 bytes)\n"
+              "ORVAERR: Start failed - no/bad response from orvRx\nORVAERR: No such file or directory\n");
 
-    const std::string text = err.text();
-    for (const char* line : {"ORVAERR: No such file or directory\n", "ORVAERR: File empty or unreadable\n",
-                             "ORVAERR: File too large (limit is 16777215 bytes)\n",
-                             "ORVAERR: Start failed - no/bad response from orvRx\n"})
-        EXPECT_NE(text.find(line), std::string::npos) << line << text;
-
-    // The next transfer is not disturbed by the abandoned one.
-    const std::string back = path("y.bin");
-    ASSERT_TRUE(a.getFile("y", ORVACCESS_FILE_LOC_0, back)) << a.getLastError();
-    EXPECT_EQ(readFile(back), Bytes(600, 7));
-}
-
-TEST_F(Files, PutFailsOnEveryBadAnswer) {
-    const std::string local = path("three-chunks.bin");
-    writeFile(local, randomBytes(1300, 5));
-    a.setVerbosity(0x4);
-    orvtest::CapturedStderr err;
-
-    fake.setFileFault(Fault::Silence, 0);
-    auto t0 = std::chrono::steady_clock::now();
-    EXPECT_FALSE(a.putFile(local, "p", ORVACCESS_FILE_LOC_0));
-    EXPECT_EQ(a.getLastError(), "Start failed - no/bad response from orvRx");
-    EXPECT_GE(msSince(t0), 4000.0);
-    EXPECT_LT(msSince(t0), 6000.0);
-    EXPECT_EQ(fake.frames().size(), 1u) << "no chunk after an unanswered start";
-
-    fake.setFileFault(Fault::WrongAck, 0);
-    EXPECT_FALSE(a.putFile(local, "p", ORVACCESS_FILE_LOC_0));
-    EXPECT_EQ(a.getLastError(), "Start failed - no/bad response from orvRx");
-
-    // The second chunk's ack never comes: one second, then the transfer stops.
+    // A stop that orvRx does not acknowledge ends a transfer before it starts.
+    ASSERT_TRUE(access.setStreaming(true));
+    fake.silence();
     fake.clearFrames();
-    fake.setFileFault(Fault::Silence, 2);
-    t0 = std::chrono::steady_clock::now();
-    EXPECT_FALSE(a.putFile(local, "p", ORVACCESS_FILE_LOC_0));
-    EXPECT_EQ(a.getLastError(), "No/bad response from server");
-    EXPECT_GE(msSince(t0), 1000.0);
-    EXPECT_LT(msSince(t0), 2500.0);
-    EXPECT_EQ(fake.frames().size(), 3u) << "start and two chunks, the third never sent";
-
-    fake.clearFrames();
-    fake.setFileFault(Fault::WrongAck, 1);
-    EXPECT_FALSE(a.putFile(local, "p", ORVACCESS_FILE_LOC_0));
-    EXPECT_EQ(a.getLastError(), "No/bad response from server");
-    EXPECT_EQ(fake.frames().size(), 2u);
-
-    const std::string text = err.text();
-    EXPECT_NE(text.find("ORVAERR: Start failed - no/bad response from orvRx\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("ORVAERR: No/bad response from server\n"), std::string::npos) << text;
-
-    Bytes stored;
-    EXPECT_FALSE(fake.storedFile(0, "p", &stored)) << "no transfer completed";
-    fake.setFileFault(Fault::None);
-    EXPECT_TRUE(a.putFile(local, "p", ORVACCESS_FILE_LOC_0)) << a.getLastError();
-}
-
-TEST_F(Files, GetFailsOnEveryBadReply) {
-    fake.storeFile(1, "g", randomBytes(1300, 9));
-    const std::string local = path("g.bin");
-    a.setVerbosity(0x4);
-    orvtest::CapturedStderr err;
-
-    fake.setFileFault(Fault::Silence, 0);
-    const auto t0 = std::chrono::steady_clock::now();
-    EXPECT_FALSE(a.getFile("g", ORVACCESS_FILE_LOC_1, local));
-    EXPECT_EQ(a.getLastError(), "No/bad response from server");
-    EXPECT_GE(msSince(t0), 4000.0);
-    EXPECT_LT(msSince(t0), 6000.0);
-
-    for (Fault f : {Fault::WrongAck, Fault::BadChecksum, Fault::Short}) {
-        fake.setFileFault(f, 0);
-        EXPECT_FALSE(a.getFile("g", ORVACCESS_FILE_LOC_1, local));
-        EXPECT_EQ(a.getLastError(), "No/bad response from server") << static_cast<int>(f);
-    }
-    EXPECT_FALSE(std::filesystem::exists(local)) << "no local file before a good reply";
-
-    // Size 0, whether the server says so or the file is not there.
-    fake.setFileFault(Fault::ZeroSize, 0);
-    EXPECT_FALSE(a.getFile("g", ORVACCESS_FILE_LOC_1, local));
-    EXPECT_EQ(a.getLastError(), "File not found by server");
-    fake.setFileFault(Fault::None);
-    EXPECT_FALSE(a.getFile("g", ORVACCESS_FILE_LOC_0, local));
-    EXPECT_EQ(a.getLastError(), "File not found by server");
-    EXPECT_FALSE(std::filesystem::exists(local));
-
-    // Bad chunks are answered with C8; what came before stays on disk.
-    struct Case {
-        Fault fault;
-        size_t step;
-        size_t keptBytes;
-    };
-    for (const Case& c :
-         {Case{Fault::BadChecksum, 1, 0}, Case{Fault::WrongOffset, 2, 512}, Case{Fault::Short, 1, 0},
-          Case{Fault::WrongAck, 3, 1024}, Case{Fault::Silence, 2, 512}}) {
-        SCOPED_TRACE(static_cast<int>(c.fault));
-        fake.setFileFault(c.fault, c.step);
-        const size_t abortsBefore = fake.aborts();
-        EXPECT_FALSE(a.getFile("g", ORVACCESS_FILE_LOC_1, local));
-        EXPECT_EQ(a.getLastError(), "No/bad data packet from server");
-        for (int i = 0; i < 500 && fake.aborts() == abortsBefore; ++i) usleep(2000);
-        EXPECT_EQ(fake.aborts(), abortsBefore + 1);
-        EXPECT_EQ(fake.frames().back(), Bytes{0xC8});
-        EXPECT_EQ(std::filesystem::file_size(local), c.keptBytes);
-    }
-
-    const std::string text = err.text();
-    for (const char* line : {"ORVAERR: No/bad response from server\n", "ORVAERR: File not found by server\n",
-                             "ORVAERR: No/bad data packet from server\n"})
-        EXPECT_NE(text.find(line), std::string::npos) << line << text;
-
-    fake.setFileFault(Fault::None);
-    ASSERT_TRUE(a.getFile("g", ORVACCESS_FILE_LOC_1, local)) << a.getLastError();
-    Bytes stored;
-    ASSERT_TRUE(fake.storedFile(1, "g", &stored));
-    EXPECT_TRUE(readFile(local) == stored);
-    EXPECT_TRUE(fake.violations().empty()) << fake.violations().front();
-}
-
-TEST_F(Files, TransfersStopStreamingFirst) {
-    fake.storeFile(0, "s", Bytes{9});
-    writeFile(path("s.bin"), Bytes{8});
-    const Bytes stop{0xAB, 0xC4, 0, 0, 0, 0, 0x91};
-
-    ASSERT_TRUE(a.setStreaming(true)) << a.getLastError();
-    fake.clearFrames();
-    ASSERT_TRUE(a.getFile("s", ORVACCESS_FILE_LOC_0, path("got.bin"))) << a.getLastError();
-    EXPECT_FALSE(a.getStreaming());
-    EXPECT_EQ(fake.frames().at(0), stop);
-    EXPECT_EQ(fake.frames().at(1)[1], 0xC5);
-
-    ASSERT_TRUE(a.setStreaming(true));
-    fake.clearFrames();
-    ASSERT_TRUE(a.putFile(path("s.bin"), "t", ORVACCESS_FILE_LOC_0)) << a.getLastError();
-    EXPECT_FALSE(a.getStreaming());
-    EXPECT_EQ(fake.frames().at(0), stop);
-    EXPECT_EQ(fake.frames().at(1)[1], 0xC6);
-
-    // A stop that orvRx does not acknowledge ends the transfer before it starts.
-    ASSERT_TRUE(a.setStreaming(true));
-    fake.setMode(FakeOrvRx::Mode::Silent);
-    fake.clearFrames();
-    EXPECT_FALSE(a.getFile("s", ORVACCESS_FILE_LOC_0, path("got2.bin")));
-    EXPECT_EQ(a.getLastError(), "Failed to set streaming state");
+    EXPECT_FALSE(access.putFile(huge, "x", ORVACCESS_FILE_LOC_0));
+    EXPECT_EQ(access.getLastError(), "Failed to set streaming state");
     EXPECT_EQ(fake.frames().size(), 1u);
 }
 
-TEST(FilesClosed, TransfersNeedTheTcpChannel) {
-    orvtest::TempDir dir;
-    OrvAccess a;
-    const std::string local = dir.write("f.bin", "abc");
-    EXPECT_FALSE(a.putFile(local, "f", ORVACCESS_FILE_LOC_0));
-    EXPECT_EQ(a.getLastError(), "TCP not open");
-    EXPECT_EQ(OrvAccess_getFile(&a, "f", ORVACCESS_FILE_LOC_0, (dir.prefix() + "g").c_str()), 0);
-    EXPECT_EQ(a.getLastError(), "TCP not open");
-    EXPECT_FALSE(std::filesystem::exists(dir.prefix() + "g"));
+TEST_F(Files, EveryFailedStepEndsTheTransferWithItsMessage) {
+    const Bytes file = randomBytes(1300, 9);  // three chunks
+    fake.serve(file);
+    const std::string local = writeFile(path("put.bin"), file), got = path("got.bin");
+    const auto silence = [](Bytes& b) { b.clear(); };
+    const auto wrongReplyCode = [](Bytes& b) { b[0] = 0xC6, --b.back(); };  // the checksum still fits
+    const auto wrongChunkCode = [](Bytes& b) { b[1] = 0xC6, ++b.back(); };
+    const auto wrongOffset = [](Bytes& b) { b[3] += 2, b.back() -= 2; };  // 512 further on
+    const auto badChecksum = [](Bytes& b) { ++b.back(); };
+    const auto shortened = [](Bytes& b) { b.pop_back(); };
+    const auto sizeZero = [](Bytes& b) { b = withChecksum({0xC5, 0, 0, 0}); };  // an empty or missing file
+    const std::string badReply = "No/bad response from server", badChunk = "No/bad data packet from server";
+    // put or get, the step that fails, how, the message, the least time it takes
+    const std::tuple<bool, size_t, std::function<void(Bytes&)>, std::string, double> cases[] = {
+        {true, 0, silence, "Start failed - no/bad response from orvRx", 4000},
+        {true, 2, silence, badReply, 1000},
+        {true, 1, [](Bytes& b) { b = {0xC6}; }, badReply, 0},
+        {false, 0, silence, badReply, 4000},
+        {false, 0, wrongReplyCode, badReply, 0},
+        {false, 0, badChecksum, badReply, 0},
+        {false, 0, shortened, badReply, 0},
+        {false, 0, sizeZero, "File not found by server", 0},
+        {false, 1, badChecksum, badChunk, 0},
+        {false, 2, wrongOffset, badChunk, 0},
+        {false, 1, shortened, badChunk, 0},
+        {false, 3, wrongChunkCode, badChunk, 0},
+        {false, 2, silence, badChunk, 1000}};
+    access.setVerbosity(0x4);
+    orvtest::CapturedStderr err;
+    std::string echoed;
+    for (const auto& [put, step, change, error, minMs] : cases) {
+        SCOPED_TRACE(error + " at step " + std::to_string(step));
+        std::filesystem::remove(got);
+        fake.clearFrames();
+        fake.fault(step, change);
+        const auto t0 = std::chrono::steady_clock::now();
+        EXPECT_FALSE(put ? access.putFile(local, "f", ORVACCESS_FILE_LOC_1)
+                         : access.getFile("f", ORVACCESS_FILE_LOC_1, got));
+        EXPECT_EQ(access.getLastError(), error);
+        EXPECT_GE(orvtest::msSince(t0), minMs);
+        EXPECT_LT(orvtest::msSince(t0), minMs + 1500);
+        echoed += "ORVAERR: " + error + "\n";
+        // Nothing more goes out after the failed step but the abort C8 of a get.
+        const bool aborted = !put && step > 0;
+        EXPECT_TRUE(fake.waitFrames(step + 1));
+        EXPECT_EQ(fake.frames().size(), step + 1);
+        EXPECT_EQ(fake.last() == Bytes{0xC8}, aborted);
+        // The chunks before a bad one stay on disk; no file before a good reply.
+        EXPECT_EQ(std::filesystem::exists(got), aborted);
+        EXPECT_EQ(readFile(got), Bytes(file.begin(), file.begin() + (aborted ? (step - 1) * 512 : 0)));
+    }
+    EXPECT_EQ(err.text(), echoed);
 }

@@ -1,500 +1,329 @@
-// Tracking packets and their optical subpackets, built byte by byte and sent
-// to an open object over UDP on 127.0.0.1: every field at its offset, the
-// error-code bytes, queue bounds and room rules, overruns and bad framing,
-// counts that claim more than may be read, and a burst of ten thousand
-// packets parsed without a single allocation.
+// Tracking, optical, hub data, hub error, PRA and NFT packets, built byte by
+// byte and sent to an open object over UDP on 127.0.0.1: every field at its
+// offset, the error-code bytes, the byte gap of hub data, the pairing of the
+// PRA counts, queue bounds and room rules, overruns and bad framing, counts
+// that claim more than may be read, and a burst of ten thousand packets
+// parsed without a single allocation.
 #include <algorithm>
-#include <atomic>
-#include <cmath>
+#include <array>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
-#include <new>
+#include <utility>
 #include <vector>
 
 #include "orvaccess/OrvAccess.hpp"
-#include "osi/OrvosiCursor.hpp"
 #include "osi/OrvosiUtil.hpp"
 #include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
 
+// The packets are built by copying record fields, which holds on
+// little-endian hosts only.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "little-endian host");
+
 namespace {
 
 using orvtest::Bytes;
+using orvtest::kCore;
+using orvtest::kHub;
+using orvtest::kNft;
+using Rec = s_OrvAccessTrkDataExt;
 using TgtRes = OrvAccess::s_TgtResData;
 using Stats = s_OrvAccessPoseRecStats;
-using Codes = std::vector<std::pair<unsigned short, unsigned int>>;
+using Hub = s_OrvAccessHubData;
+using Feat = OrvAccess::s_FeatData;
+using Tracking = orvtest::ReceiverTest;
+using Packets = orvtest::ReceiverTest;
 
-void putFloats(OrvosiWriter& w, const float* v, size_t n) {
-    for (size_t i = 0; i < n; ++i) w.f32(v[i]);
+template <typename T>
+std::vector<T> drain(OrvAccess& a, bool (OrvAccess::*get)(bool*, T*)) {
+    std::vector<T> out;
+    T r{};
+    for (bool valid = true; (a.*get)(&valid, &r) && valid;) out.push_back(r);
+    return out;
+}
+// Records made only of 32-bit words compare as bytes.
+template <typename T>
+void expectRecords(const std::vector<T>& got, const std::vector<T>& want) {
+    ASSERT_EQ(got.size(), want.size());
+    EXPECT_EQ(std::memcmp(got.data(), want.data(), sizeof(T) * got.size()), 0);
 }
 
-// Body to navigation, Rz(yaw) * Ry(pitch) * Rx(roll), written out by hand.
-void rotation(double roll, double pitch, double yaw, float m[3][3]) {
-    const double cr = std::cos(roll), sr = std::sin(roll), cp = std::cos(pitch), sp = std::sin(pitch),
-                 cy = std::cos(yaw), sy = std::sin(yaw);
-    const double r[3][3] = {{cy * cp, cy * sp * sr - sy * cr, cy * sp * cr + sy * sr},
-                            {sy * cp, sy * sp * sr + cy * cr, sy * sp * cr - cy * sr},
-                            {-sp, cp * sr, cp * cr}};
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) m[i][j] = static_cast<float>(r[i][j]);
+const unsigned char* bytesOf(const void* record, size_t offset = 0) {
+    return static_cast<const unsigned char*>(record) + offset;
 }
 
-constexpr double kRoll = 0.1, kPitch = -0.2, kYaw = 0.3;
+// The fields a tracking packet carries, in wire order, as record offset and size.
+#define FIELD(m) \
+    { offsetof(Rec, m), sizeof(Rec::m) }
+constexpr std::pair<size_t, size_t> kWire[] = {
+    FIELD(packetTag), FIELD(poseTime),    FIELD(platPoseTime), FIELD(statusWord), FIELD(vecA),
+    FIELD(vecB),      FIELD(vecC),        FIELD(vecD),         FIELD(vecE),       FIELD(vecF),
+    FIELD(countA),    FIELD(countB),      FIELD(cbn),          FIELD(position),   FIELD(vecG),
+    FIELD(vecH),      FIELD(angularRate), FIELD(vecI),         FIELD(cbn2),       FIELD(vecJ),
+    FIELD(vecK),      FIELD(time2),       FIELD(vecL),         FIELD(vecM),       FIELD(scalarA),
+    FIELD(scalarB),   FIELD(errorCodes),  FIELD(vecN),         FIELD(vecO)};
 
-// Every wire field holds a value no other field holds; cbn is a rotation
-// with known Euler angles.
-s_OrvAccessTrkDataExt distinctTracking(uint32_t seed) {
-    s_OrvAccessTrkDataExt t{};
-    t.packetTag = 1000 + seed;
-    t.poseTime = 0x0102030405060708ull + seed;
-    t.platPoseTime = 0xA0B0C0D0u + seed;
-    t.time2 = 0x1112131415161718ull + seed;
-    t.statusWord = 0x55AA00FFu ^ seed;
-    t.countA = static_cast<uint16_t>(0x1234 + seed);
-    t.countB = static_cast<uint16_t>(0xFEDC - seed);
-    float next = 0.25f + static_cast<float>(seed);
-    for (float* v : {t.vecA, t.vecB, t.vecC,        t.vecD,        t.vecE,        t.vecF,       t.position,
-                     t.vecG, t.vecH, t.angularRate, t.vecI,        t.vecJ,        t.vecK,       t.vecL,
-                     t.vecM, t.vecN, t.vecO,        &t.cbn2[0][0], &t.cbn2[1][0], &t.cbn2[2][0]})
-        for (int i = 0; i < 3; ++i, next += 0.5f) v[i] = next;
-    t.scalarA = -1.5f;
-    t.scalarB = 2.75f;
-    rotation(kRoll, kPitch, kYaw, t.cbn);
+// Every field the packet carries holds a value no other field holds: the
+// floats 0.75, 1.25, 1.75 ... word by word in wire order, a few set apart.
+Rec distinct(uint32_t tag) {
+    Rec t;
+    std::memset(&t, 0, sizeof t);
+    float next = 0.75f;
+    for (const auto& [offset, size] : kWire)
+        for (size_t i = 0; i + 4 <= size; i += 4, next += 0.5f)
+            std::memcpy(reinterpret_cast<char*>(&t) + offset + i, &next, 4);
+    t.packetTag = tag, t.countA = 0x1234, t.countB = 0xFEDC;
+    std::memset(t.errorCodes, 0, 4);
     return t;
 }
 
-// The wire layout, with the offsets of the packet table checked on the way.
-Bytes trackingPacket(const s_OrvAccessTrkDataExt& t, const Bytes& optical = {}) {
-    Bytes b(332 + optical.size());
-    OrvosiWriter w(b.data(), b.size());
-    w.u8(10);
-    w.u16(b.size());
-    w.u32(t.packetTag);
-    w.u64(t.poseTime);
-    w.u32(t.platPoseTime);
-    w.u32(t.statusWord);
-    for (const float* v : {t.vecA, t.vecB, t.vecC, t.vecD, t.vecE, t.vecF}) putFloats(w, v, 3);
-    EXPECT_EQ(w.pos(), 95u);
-    w.u16(t.countA);
-    w.u16(t.countB);
-    putFloats(w, &t.cbn[0][0], 9);
-    for (const float* v : {t.position, t.vecG, t.vecH, t.angularRate, t.vecI}) putFloats(w, v, 3);
-    putFloats(w, &t.cbn2[0][0], 9);
-    EXPECT_EQ(w.pos(), 231u);
-    putFloats(w, t.vecJ, 3);
-    putFloats(w, t.vecK, 3);
-    w.u64(t.time2);
-    putFloats(w, t.vecL, 3);
-    putFloats(w, t.vecM, 3);
-    w.f32(t.scalarA);
-    w.f32(t.scalarB);
-    w.bytes(t.errorCodes, 4);
-    putFloats(w, t.vecN, 3);
-    putFloats(w, t.vecO, 3);
-    EXPECT_EQ(w.pos(), 323u);
-    w.u64(0xDEADBEEFCAFEF00Dull);  // reserved: must land nowhere
-    if (!optical.empty()) w.bytes(optical.data(), optical.size());
-    w.seal();
-    EXPECT_TRUE(w.ok());
-    return b;
+Bytes packet(const Rec& t, const Bytes& optical = {}) {
+    Bytes b(332 + optical.size(), 0xEE);  // the 8 reserved bytes at 323 must land nowhere
+    size_t at = 3;
+    for (const auto& [offset, size] : kWire) std::memcpy(&b[at], bytesOf(&t, offset), size), at += size;
+    std::copy(optical.begin(), optical.end(), b.begin() + 331);
+    return orvtest::seal(b, 10);
 }
 
-// Every field as sent; the export adds the Euler angles of cbn and, with no
-// prediction, boresight or tip offset, changes nothing else. From statusWord
-// on the record has no padding, so that part compares as bytes.
-void expectTracking(const s_OrvAccessTrkDataExt& got, s_OrvAccessTrkDataExt want) {
-    EXPECT_NEAR(got.euler[0], kRoll, 1e-5);
-    EXPECT_NEAR(got.euler[1], kPitch, 1e-5);
-    EXPECT_NEAR(got.euler[2], kYaw, 1e-5);
-    std::memcpy(want.euler, got.euler, sizeof want.euler);
-    EXPECT_EQ(got.packetTag, want.packetTag);
-    EXPECT_EQ(got.poseTime, want.poseTime);
-    EXPECT_EQ(got.platPoseTime, want.platPoseTime);
-    EXPECT_EQ(got.time2, want.time2);
-    constexpr size_t kFrom = offsetof(s_OrvAccessTrkDataExt, statusWord);
-    const auto* g = reinterpret_cast<const unsigned char*>(&got);
-    const auto* e = reinterpret_cast<const unsigned char*>(&want);
-    const auto diff = std::mismatch(g + kFrom, g + sizeof got, e + kFrom);
-    EXPECT_EQ(diff.first, g + sizeof got) << "first difference at record offset " << (diff.first - g);
+// The export adds the Euler angles of cbn and, with no prediction, boresight
+// or tip offset, changes nothing else. From statusWord on the record has no
+// padding, so that part compares as bytes.
+void expectRecord(const Rec& got, Rec want) {
+    OrvUtil::cbn2Euler(want.cbn, want.euler);
+    EXPECT_TRUE(got.packetTag == want.packetTag && got.poseTime == want.poseTime &&
+                got.platPoseTime == want.platPoseTime && got.time2 == want.time2);
+    EXPECT_EQ(std::memcmp(&got.statusWord, &want.statusWord, sizeof got - offsetof(Rec, statusWord)), 0);
 }
 
-struct Target {
-    uint16_t id;
-    float resid[5];
-};
+// The records a subpacket with `count` targets, ids from `first`, yields:
+// one per target and the closing one (id 0, the last residuals repeated).
+std::vector<TgtRes> residuals(uint32_t tag, uint32_t first, uint32_t count) {
+    std::vector<TgtRes> r;
+    for (uint32_t i = 0; i <= count; ++i) {
+        const float k = static_cast<float>(first + std::min(i, count - 1));
+        r.push_back({tag, i, i < count ? first + i : 0, {k * 10, k + 0.5f, -2.5f, 0.125f * k, 1e6f + k}});
+    }
+    return r;
+}
 
-Target target(uint16_t id) { return {id, {id * 10.0f, id * 10.0f + 1, -2.5f, 0.125f * id, 1e6f + id}}; }
-
-// Statistics as the record should hold them; on the wire the flags are sent
-// as the bytes 7 and 0.
+// Statistics as the record holds them; on the wire the flags are 7 and, for
+// odd tags, 9.
 Stats expectedStats(uint32_t tag) {
-    Stats s{};
-    s.tag = tag;
-    s.stat0 = 1;
-    s.stat1 = 2;
-    s.stat2 = 250;
-    s.stat3 = 4;
-    s.value0 = 0.125f;
-    s.flagA = 1;
-    s.value1 = -3.5f;
-    float next = 100.0f;
-    for (float* v : {s.vec1, s.vec2, s.vec3, s.vec4})
-        for (int i = 0; i < 3; ++i) v[i] = next++;
-    s.value2 = 7.25f;
-    s.value3 = 8.5f;
-    s.value4 = 9.75f;
-    s.value5 = -10.0f;
+    Stats s{tag, 1, 2, 250, 4, 0.125f, 1, tag & 1, -3.5f, {}, {}, {}, {}, 0, 0, 0, 0, {}};
+    float next = 100;
+    for (float* v : {s.vec1, s.vec2, s.vec3, s.vec4}) v[0] = next++, v[1] = next++, v[2] = next++;
+    s.value2 = 7.25f, s.value3 = 8.5f, s.value4 = 9.75f, s.value5 = -10.0f;
     return s;
 }
 
-Bytes opticalSubpacket(uint32_t tag, const std::vector<Target>& targets, bool withStats = false) {
-    Bytes b(10 + 22 * targets.size() + (withStats ? 78 : 0) + 1);
-    OrvosiWriter w(b.data(), b.size());
-    w.u8(16);
-    w.u16(b.size());
-    w.u32(tag);
-    w.u8(static_cast<unsigned char>(targets.size()));
-    w.u16(0xBEEF);  // not read
-    for (const Target& t : targets) {
-        w.u16(t.id);
-        putFloats(w, t.resid, 5);
-    }
+// The subpacket that yields `records` (closing record last).
+Bytes optical(const std::vector<TgtRes>& records, bool withStats = false) {
+    const size_t n = records.size() - 1;
+    Bytes b{16, 0, 0, 0, 0, 0, 0, static_cast<unsigned char>(n), 0xEF, 0xBE};  // bytes 8 and 9 are not read
+    OrvosiUtil::lendian(&b[3], records[0].tag, 4);
+    const auto append = [&b](const void* p, size_t size) {
+        b.insert(b.end(), static_cast<const unsigned char*>(p), static_cast<const unsigned char*>(p) + size);
+    };
+    for (size_t i = 0; i < n; ++i) append(&records[i].id, 2), append(records[i].resid, 20);
     if (withStats) {
-        const Stats s = expectedStats(tag);
-        for (uint32_t v : {s.stat0, s.stat1, s.stat2, s.stat3}) w.u8(static_cast<unsigned char>(v));
-        w.f32(s.value0);
-        w.u8(7);
-        w.u8(0);
-        w.f32(s.value1);
-        for (const float* v : {s.vec1, s.vec2, s.vec3, s.vec4}) putFloats(w, v, 3);
-        for (float v : {s.value2, s.value3, s.value4, s.value5}) w.f32(v);
+        const Stats s = expectedStats(records[0].tag);
+        const unsigned char flags[2] = {7, static_cast<unsigned char>(s.flagB * 9)};
+        for (const uint32_t* v : {&s.stat0, &s.stat1, &s.stat2, &s.stat3}) append(v, 1);
+        append(&s.value0, 4), append(flags, 2),
+            append(bytesOf(&s, offsetof(Stats, value1)), 68);  // to value5
     }
-    w.seal();
-    EXPECT_TRUE(w.ok());
+    b.push_back(0);
+    return orvtest::seal(b, 16);
+}
+
+// Byte i of a record becomes i * 7 + 1: every field differs from every other.
+void pattern(void* record, size_t size) {
+    for (size_t i = 0; i < size; ++i)
+        static_cast<unsigned char*>(record)[i] = static_cast<unsigned char>(i * 7 + 1);
+}
+// A datagram of `size` bytes (filler 0xEE, not sealed) carrying record fields
+// given as {wire offset, record offset, size}.
+#define AT(at, Type, field, size) \
+    { at, offsetof(Type, field), size }
+Bytes datagram(size_t size, const void* record, std::initializer_list<std::array<size_t, 3>> fields) {
+    Bytes b(size, 0xEE);
+    for (const auto& [at, offset, n] : fields) std::memcpy(&b[at], bytesOf(record, offset), n);
     return b;
 }
 
-// New length word and checksum for `length` bytes; the checksum overwrites
-// whatever lay in the last byte.
-void reseal(Bytes& sub, size_t length) {
-    sub.resize(length);
-    OrvosiUtil::lendian(&sub[1], length, 2);
-    sub[length - 1] = 0;
-    sub[length - 1] = static_cast<unsigned char>(-OrvosiUtil::checksum(sub.data(), length));
+// A PRA packet: a matrix goes one row to each of vec1 to vec3, three vectors
+// to vec4 and the first six words of extra; the sixty counts go to the other
+// words as they lie, the first of each pair in the low half.
+Bytes praPacket(const Stats& s) {
+    Bytes b = datagram(
+        220, &s,
+        {AT(3, Stats, tag, 4), AT(7, Stats, flagA, 1), AT(8, Stats, stat0, 1), AT(9, Stats, stat1, 1),
+         AT(10, Stats, stat2, 1), AT(11, Stats, value0, 4), AT(15, Stats, vec1, 48), AT(63, Stats, extra, 24),
+         AT(87, Stats, value3, 12), AT(99, Stats, extra[6], 120)});
+    return orvtest::seal(b, 15);
 }
 
-void expectResidual(const TgtRes& got, uint32_t tag, uint32_t index, uint32_t id, const float* resid) {
-    EXPECT_EQ(got.tag, tag);
-    EXPECT_EQ(got.index, index);
-    EXPECT_EQ(got.id, id);
-    EXPECT_EQ(std::memcmp(got.resid, resid, sizeof got.resid), 0) << "residuals of index " << index;
-}
-
-class Tracking : public testing::Test {
-protected:
-    void SetUp() override {
-        for (int& p : port) p = orvtest::freePort();
-        reopen("");
-    }
-    void TearDown() override {
-        access.setVerbosity(0);
-        access.setLogging(0, "./");
-    }
-    // Opens the object again with `extra` appended to the configuration.
-    void reopen(const std::string& extra) {
-        access.setIniPath(dir.write("orvaccess.ini", orvtest::receiverIni(port, extra)));
-        ASSERT_TRUE(access.open()) << access.getLastError();
-    }
-    void send(const Bytes& b) { ASSERT_TRUE(sender.send(port[orvtest::kCore], b)); }
-    uint32_t received() {
-        s_OrvAccessStatus st{};
-        EXPECT_TRUE(access.getStatus(&st)) << access.getLastError();
-        return st.received;
-    }
-    // Drains a queue through its getter.
-    template <typename T, typename Getter>
-    std::vector<T> drain(Getter get) {
-        std::vector<T> out;
-        T r{};
-        for (bool valid = true; (access.*get)(&valid, &r) && valid;) out.push_back(r);
-        return out;
-    }
-    std::vector<TgtRes> residuals() { return drain<TgtRes>(&OrvAccess::getTargetResData); }
-    std::vector<Stats> stats() { return drain<Stats>(&OrvAccess::getPoseRecoveryStats); }
-    std::vector<uint32_t> trackingTags() {
-        std::vector<uint32_t> tags;
-        for (const auto& t : drain<s_OrvAccessTrkDataExt>(&OrvAccess::getTrackingData))
-            tags.push_back(t.packetTag);
-        return tags;
-    }
-    Codes errorCodes() {
-        Codes out;
-        s_OrvAccessErrorCode e{};
-        while (access.getErrorCode(&e) != 0) out.emplace_back(e.code, e.value);
-        return out;
-    }
-
-    orvtest::TempDir dir;
-    int port[5] = {};
-    orvtest::UdpSender sender;
-    OrvAccess access;
-};
-
-TEST_F(Tracking, EveryFieldArrivesAndErrorBytesBecomeCodes) {
-    s_OrvAccessTrkDataExt sent = distinctTracking(7);
-    const unsigned char codes[4] = {0, 5, 0, 7};
-    std::memcpy(sent.errorCodes, codes, 4);
-    send(trackingPacket(sent));
-    EXPECT_EQ(received(), 0x10u);
-    EXPECT_EQ(errorCodes(), (Codes{{5, sent.packetTag}, {7, sent.packetTag}}));
-
-    s_OrvAccessTrkDataExt got{};
-    bool valid = false;
-    ASSERT_TRUE(access.getTrackingData(&valid, &got));
-    ASSERT_TRUE(valid);
-    expectTracking(got, sent);
-    got = {};
-    ASSERT_TRUE(access.getTrackingDataLatest(&valid, &got));
-    ASSERT_TRUE(valid);
-    expectTracking(got, sent);
-    EXPECT_TRUE(residuals().empty());  // 332 bytes carry no optical data
-
-    // The same bytes handed in by the application give the same record.
-    const Bytes again = trackingPacket(sent);
-    access.processTrackingPkt(again.data());
-    ASSERT_TRUE(access.getTrackingData(&valid, &got));
-    ASSERT_TRUE(valid);
-    expectTracking(got, sent);
-}
-
-TEST_F(Tracking, QueueKeepsTheNewestAndTheLatestSlotFollows) {
-    reopen("[Memory]\ntrackingQueueSize = 2\n");
-    access.setVerbosity(0x2);
-    orvtest::CapturedStdout out;
-    for (uint32_t i = 1; i <= 3; ++i) send(trackingPacket(distinctTracking(i)));
-    EXPECT_EQ(received(), 0x10u);
-    EXPECT_NE(out.text().find("ORVAINFO: Tracking data queue overflow\n"), std::string::npos);
-    EXPECT_EQ(trackingTags(), (std::vector<uint32_t>{1002, 1003}));
-    // Draining the queue leaves the latest record in place.
-    s_OrvAccessTrkDataExt latest{};
-    bool valid = false;
-    ASSERT_TRUE(access.getTrackingDataLatest(&valid, &latest));
-    EXPECT_TRUE(valid);
-    EXPECT_EQ(latest.packetTag, 1003u);
-}
-
-TEST_F(Tracking, PlatformPoseTraceAndHarmonisationLog) {
-    s_OrvAccessTrkDataExt sent = distinctTracking(1);
-    const float l[3] = {0.5f, -1.25f, 3.0f}, m[3] = {0.125f, -2.0f, 1024.5f};
-    std::memcpy(sent.vecL, l, sizeof l);
-    std::memcpy(sent.vecM, m, sizeof m);
+TEST_F(Tracking, EveryFieldErrorBytesQueueBoundTraceAndLog) {
+    openReceiver("[Memory]\ntrackingQueueSize = 2\n");
     OrvUtil::resetLogState();
     OrvUtil::setLastHarmonisationMs(OrvosiUtil::getTimeMs() - 10000.0);
-    access.setLogging(0x8, dir.prefix());
-    access.setVerbosity(0x400000);
-    {
-        orvtest::CapturedStdout out;
-        send(trackingPacket(sent));
-        sent.packetTag = 99;  // within 5 s of the first: not logged
-        send(trackingPacket(sent));
-        EXPECT_EQ(received(), 0x10u);
-        const std::string trace = "ORVAPLATPOSE: tout=" + std::to_string(sent.platPoseTime) + "\n";
-        EXPECT_EQ(out.text(), trace + "ORVAMSG: Opened " + dir.prefix() + "orvaHarm.log\n" + trace);
-    }
-    access.setLogging(0, dir.prefix());  // closes the file
+    access.setLogging(0x8, dir.prefix()), access.setVerbosity(0x400002);
+    Rec want = distinct(3);
+    want.errorCodes[1] = 5, want.errorCodes[3] = 7;
+    orvtest::CapturedStdout out;
+    for (const Rec& r : {distinct(1), distinct(2), want}) send(kCore, packet(r));
+    EXPECT_EQ(received(), 0x10u);
+    const std::string text = out.text();
+    EXPECT_NE(text.find("ORVAINFO: Tracking data queue overflow\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("ORVAPLATPOSE: tout=" + std::to_string(want.platPoseTime) + "\nORVAMSG: Opened " +
+                        dir.prefix() + "orvaHarm.log\n"),
+              std::string::npos)
+        << text;
+    EXPECT_EQ(errorCodes(), (Codes{{5, 3}, {7, 3}}));
+    Rec latest{};
+    bool valid = false;
+    ASSERT_TRUE(access.getTrackingDataLatest(&valid, &latest) && valid);
+    expectRecord(latest, want);
+    const std::vector<Rec> queued = drain(access, &OrvAccess::getTrackingData);
+    ASSERT_EQ(queued.size(), 2u);
+    EXPECT_EQ(queued[0].packetTag, 2u);
+    expectRecord(queued[1], want);
+    EXPECT_TRUE(drain(access, &OrvAccess::getTargetResData).empty());  // 332 bytes carry no optical data
+    // Only the first of packets within 5 s reaches the harmonisation log.
+    access.setLogging(0, dir.prefix());
     std::ifstream in(dir.prefix() + "orvaHarm.log", std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "1001 0.5 -1.25 3 0.125 -2 1024.5\n");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "1 32.75 33.25 33.75 34.25 34.75 35.25\n");
     OrvUtil::resetLogState();
 }
 
-TEST_F(Tracking, OpticalResidualsStatisticsAndClosingRecords) {
-    const Target a = target(0x1234), b = target(0xFFFE);
-    access.setVerbosity(0x2);
-    orvtest::CapturedStdout out;
-    send(trackingPacket(distinctTracking(1), opticalSubpacket(0x77665544, {a, b}, true)));
-    send(trackingPacket(distinctTracking(2), opticalSubpacket(42, {})));  // eleven bytes
-    EXPECT_EQ(received(), 0x10u);
-    EXPECT_NE(out.text().find("ORVAINFO: Received optical subpacket\n"), std::string::npos);
-
-    const std::vector<TgtRes> res = residuals();
-    ASSERT_EQ(res.size(), 4u);
-    expectResidual(res[0], 0x77665544, 0, 0x1234, a.resid);
-    expectResidual(res[1], 0x77665544, 1, 0xFFFE, b.resid);
-    expectResidual(res[2], 0x77665544, 2, 0, b.resid);  // closes, repeating the last residuals
-    const float zero[5] = {};
-    expectResidual(res[3], 42, 0, 0, zero);
-
-    // The record is all 32-bit words: it compares as bytes, extra words zero.
-    const std::vector<Stats> st = stats();
-    ASSERT_EQ(st.size(), 1u);
-    const Stats want = expectedStats(0x77665544);
-    EXPECT_EQ(std::memcmp(&st[0], &want, sizeof want), 0);
-    EXPECT_TRUE(errorCodes().empty());
-}
-
-TEST_F(Tracking, OpticalOverrunAndBadFraming) {
+// Residuals with their closing records and statistics; subpackets that claim
+// more than they hold or fail their framing. Counts and lengths that claim
+// more than may be read are refused before anything is queued; counts that
+// run past the datagram but stay inside the receive buffer are read. Under
+// the address sanitizer any read outside a buffer fails the test.
+TEST_F(Tracking, OpticalRecordsOverrunsAndBadFraming) {
+    openReceiver();
+    std::vector<TgtRes> two = residuals(0x77665545, 0xFFFE, 2);
     // Two targets in a subpacket one byte short of the second entry: the
     // records stay (the last residual ends in the checksum byte) and the
     // overrun is reported with the tag.
-    const Target a = target(3), b = target(4);
-    Bytes shortSub = opticalSubpacket(0xABCD, {a, b});
-    reseal(shortSub, 54);
-    Bytes corrupt = opticalSubpacket(0xABCE, {a, b});
-    corrupt[12] ^= 0x40;
-    send(trackingPacket(distinctTracking(1), shortSub));
-    send(trackingPacket(distinctTracking(2), corrupt));
+    std::vector<TgtRes> overrun = residuals(0xABCD, 3, 2);
+    Bytes shortSub = optical(overrun), corrupt = optical(residuals(0xABCE, 3, 2));
+    shortSub.resize(54), orvtest::seal(shortSub, 16), corrupt[12] ^= 0x40;
+    std::memcpy(overrun[1].resid, &shortSub[34], 20), std::memcpy(overrun[2].resid, &shortSub[34], 20);
+    Bytes huge = optical(residuals(6, 1, 1)), tiny = optical(residuals(5, 0, 0));
+    OrvosiUtil::lendian(&huge[1], 65535, 2);  // beyond the end of the receive buffer
+    tiny[7] = 255, orvtest::seal(tiny, 16);   // read on through the receive buffer
+    for (const Bytes& sub :
+         {optical(two, true), shortSub, corrupt, huge, optical(residuals(42, 0, 0), true), tiny})
+        send(kCore, packet(distinct(1), sub));
     // A one-byte subpacket: its length word comes from what follows in the
     // buffer, here an ignored datagram of kind 9, which also ends the call.
-    send(Bytes(600, 9));
-    send(trackingPacket(distinctTracking(3), Bytes{0}));
-    access.setVerbosity(0x1);
+    send(kCore, Bytes(600, 9)), send(kCore, packet(distinct(1), Bytes{0}));
+    access.setVerbosity(0x3);
     orvtest::CapturedStderr err;
-    EXPECT_EQ(received(), 0x10u);
-    EXPECT_EQ(received(), 0x10u);
+    {
+        orvtest::CapturedStdout out;
+        EXPECT_EQ(received(), 0x10u);
+        EXPECT_EQ(received(), 0x10u);
+        EXPECT_NE(out.text().find("ORVAINFO: Received optical subpacket\n"), std::string::npos);
+    }
+    EXPECT_EQ(drain(access, &OrvAccess::getTrackingData).size(), 7u);
+    expectRecords(drain(access, &OrvAccess::getPoseRecoveryStats),
+                  {expectedStats(0x77665545), expectedStats(42)});
+    std::vector<TgtRes> r = drain(access, &OrvAccess::getTargetResData);
+    ASSERT_EQ(r.size(), 6 + 1 + 256u);
+    // n = 0: only the closing record; then the 256 records of the subpacket read on.
+    EXPECT_TRUE(r[6].tag == 42 && r[6].index == 0 && r[6].id == 0 && r[7].tag == 5 && r.back().index == 255);
+    r.resize(6), two.insert(two.end(), overrun.begin(), overrun.end());
+    expectRecords(r, two);
+
+    // Handed in by the application, a packet is read only as far as its own
+    // length says; each buffer below is exactly as long as its packet.
+    Bytes counted = optical(residuals(7, 1, 2));
+    counted[7] = 3;  // one more target than the subpacket holds
+    const Bytes handedIn[] = {
+        packet(distinct(3), orvtest::seal(counted, 16)),
+        packet(distinct(4), Bytes{16}),        // no room for a length word
+        packet(distinct(5), Bytes{16, 9, 0}),  // length beyond the packet
+        orvtest::sealedFrame(10, 300),         // too short for the fixed fields
+        packet(distinct(6), optical(residuals(8, 9, 1))),
+    };
+    for (const Bytes& b : handedIn) access.processTrackingPkt(b.data());
     EXPECT_EQ(err.text(),
               "ORVALOG: Overrun in optical data subpacket\n"
               "ORVALOG: Bad optical subpacket: Invalid checksum\n"
-              "ORVALOG: Bad optical subpacket: Wrong start byte\n");
-    EXPECT_EQ(errorCodes(), (Codes{{780, 0xABCD}, {773, 0}, {773, 0}}));
-    EXPECT_EQ(trackingTags(), (std::vector<uint32_t>{1001, 1002, 1003}));
-
-    const std::vector<TgtRes> res = residuals();
-    ASSERT_EQ(res.size(), 3u);
-    expectResidual(res[0], 0xABCD, 0, 3, a.resid);
-    float last[5];
-    std::memcpy(last, &shortSub[34], sizeof last);
-    expectResidual(res[1], 0xABCD, 1, 4, last);
-    expectResidual(res[2], 0xABCD, 2, 0, last);
+              "ORVALOG: Bad optical subpacket: Length beyond buffer\n"
+              "ORVALOG: Overrun in optical data subpacket\n"
+              "ORVALOG: Bad optical subpacket: Wrong start byte\n"
+              "ORVALOG: Bad optical subpacket: Target count beyond buffer\n"
+              "ORVALOG: Bad optical subpacket: Length beyond buffer\n"
+              "ORVALOG: Bad optical subpacket: Length beyond buffer\n"
+              "ORVALOG: Problem with orvCore packet: Packet too short\n");
+    EXPECT_EQ(
+        errorCodes(),
+        (Codes{
+            {780, 0xABCD}, {773, 0}, {773, 0}, {780, 5}, {773, 0}, {773, 0}, {773, 0}, {773, 0}, {770, 0}}));
+    EXPECT_EQ(drain(access, &OrvAccess::getTrackingData).size(), 4u);
+    expectRecords(drain(access, &OrvAccess::getTargetResData), residuals(8, 9, 1));
 }
 
-TEST_F(Tracking, OpticalRoomRulesAndOverflowTexts) {
-    reopen("[Memory]\ntargetQueueSize = 10\n");
-    const auto targets = [](uint16_t first, uint16_t count) {
-        std::vector<Target> t;
-        for (uint16_t i = 0; i < count; ++i) t.push_back(target(first + i));
-        return t;
-    };
-    send(trackingPacket(distinctTracking(1), opticalSubpacket(1, targets(1, 5))));
-    EXPECT_EQ(received(), 0x10u);
+TEST_F(Tracking, OpticalRoomRulesPraRecordsAndOverflowTexts) {
+    openReceiver("[Memory]\ntargetQueueSize = 10\n");
     // 6 queued + 4 is not below 10, 5 + 4 is: the oldest record goes.
     access.setVerbosity(0x2);
     {
         orvtest::CapturedStdout out;
-        send(trackingPacket(distinctTracking(2), opticalSubpacket(2, targets(11, 3))));
+        send(kCore, packet(distinct(1), optical(residuals(1, 1, 5)))), received();
+        send(kCore, packet(distinct(2), optical(residuals(2, 11, 3))));
         EXPECT_EQ(received(), 0x10u);
         EXPECT_EQ(out.text(),
-                  "ORVAINFO: Received orvCore packet, size 409\n"
-                  "ORVAINFO: Received optical subpacket\n"
+                  "ORVAINFO: Received orvCore packet, size 453\nORVAINFO: Received optical subpacket\n"
+                  "ORVAINFO: Received orvCore packet, size 409\nORVAINFO: Received optical subpacket\n"
                   "ORVAINFO: Target residuals data queue overflow\n");
     }
-    access.setVerbosity(0);
-    std::vector<TgtRes> res = residuals();
-    ASSERT_EQ(res.size(), 9u);
-    EXPECT_EQ(res[0].tag, 1u);
-    EXPECT_EQ(res[0].index, 1u);
-    EXPECT_EQ(res[5].tag, 2u);
-    EXPECT_EQ(res[8].id, 0u);
+    std::vector<TgtRes> want = residuals(1, 1, 5), more = residuals(2, 11, 3);
+    want.erase(want.begin()), want.insert(want.end(), more.begin(), more.end());
+    expectRecords(drain(access, &OrvAccess::getTargetResData), want);
 
     // A subpacket larger than the bound empties the queue first; its newest
     // records, the closing one last, are kept.
-    send(trackingPacket(distinctTracking(3), opticalSubpacket(3, targets(1, 12))));
-    res = residuals();
-    ASSERT_FALSE(res.empty());
-    EXPECT_LE(res.size(), 13u);
-    EXPECT_EQ(res.front().tag, 3u);
-    EXPECT_EQ(res.back().index, 12u);
-    EXPECT_EQ(res.back().id, 0u);
+    send(kCore, packet(distinct(3), optical(residuals(3, 1, 12))));
+    const std::vector<TgtRes> r = drain(access, &OrvAccess::getTargetResData);
+    ASSERT_TRUE(!r.empty() && r.size() <= 13u);
+    EXPECT_TRUE(r.front().tag == 3 && r.back().index == 12 && r.back().id == 0);
 
-    // Statistics follow the ordinary rule under their own text.
-    for (uint32_t i = 0; i < 10; ++i)
-        send(trackingPacket(distinctTracking(4), opticalSubpacket(i, {}, true)));
-    received();
-    access.setVerbosity(0x2);
+    // Statistics and PRA records share a queue under the ordinary rule, each
+    // with its own overflow text.
+    Stats pra;
+    pattern(&pra, sizeof pra);
+    for (uint32_t* v : {&pra.flagA, &pra.stat0, &pra.stat1, &pra.stat2}) *v &= 0xFF;
+    pra.stat3 = pra.flagB = 0, pra.value1 = pra.value2 = 0;
+    for (uint32_t i = 0; i <= 10; ++i) send(kCore, packet(distinct(4), optical(residuals(i, 0, 0), true)));
+    send(kCore, praPacket(pra));
     orvtest::CapturedStdout out;
-    send(trackingPacket(distinctTracking(5), opticalSubpacket(10, {}, true)));
-    received();
-    EXPECT_NE(out.text().find("ORVAINFO: Pose recovery stats queue overflow\n"), std::string::npos);
-    const std::vector<Stats> st = stats();
-    ASSERT_EQ(st.size(), 10u);
-    EXPECT_EQ(st.front().tag, 1u);
-    EXPECT_EQ(st.back().tag, 10u);
-}
-
-// Counts and lengths that claim more than may be read are refused before
-// anything is queued; counts that run past the datagram but stay inside the
-// receive buffer are read. Under the address sanitizer any read outside a
-// buffer fails the test.
-TEST_F(Tracking, OversizedOpticalCountsNeverLeaveTheBuffer) {
-    // Over UDP: 255 targets claimed by an eleven-byte subpacket are read on
-    // through the receive buffer and reported as an overrun.
-    Bytes tiny = opticalSubpacket(5, {});
-    tiny[7] = 255;
-    reseal(tiny, 11);
-    Bytes huge = opticalSubpacket(6, {target(1)});
-    OrvosiUtil::lendian(&huge[1], 65535, 2);  // beyond the end of the buffer
-    send(trackingPacket(distinctTracking(1), tiny));
-    send(trackingPacket(distinctTracking(2), huge));
-    access.setVerbosity(0x1);
-    {
-        orvtest::CapturedStderr err;
-        received();
-        EXPECT_EQ(err.text(),
-                  "ORVALOG: Overrun in optical data subpacket\n"
-                  "ORVALOG: Bad optical subpacket: Length beyond buffer\n");
-    }
-    EXPECT_EQ(errorCodes(), (Codes{{780, 5}, {773, 0}}));
-    const std::vector<TgtRes> res = residuals();
-    ASSERT_EQ(res.size(), 256u);
-    EXPECT_EQ(res[255].index, 255u);
-    EXPECT_EQ(trackingTags(), (std::vector<uint32_t>{1001, 1002}));
-
-    // Handed in by the application, a packet is read only as far as its own
-    // length says; each buffer below is exactly as long as its packet.
-    Bytes counted = opticalSubpacket(7, {target(1), target(2)});
-    counted[7] = 3;  // one more target than the subpacket holds
-    reseal(counted, counted.size());
-    const Bytes refused[] = {
-        trackingPacket(distinctTracking(3), counted),
-        trackingPacket(distinctTracking(4), Bytes{16}),        // no room for a length word
-        trackingPacket(distinctTracking(5), Bytes{16, 9, 0}),  // length beyond the packet
-        orvtest::sealedFrame(10, 300),                         // too short for the fixed fields
-    };
-    {
-        orvtest::CapturedStderr err;
-        for (const Bytes& b : refused) access.processTrackingPkt(b.data());
-        EXPECT_EQ(err.text(),
-                  "ORVALOG: Bad optical subpacket: Target count beyond buffer\n"
-                  "ORVALOG: Bad optical subpacket: Length beyond buffer\n"
-                  "ORVALOG: Bad optical subpacket: Length beyond buffer\n"
-                  "ORVALOG: Problem with orvCore packet: Packet too short\n");
-    }
-    EXPECT_EQ(errorCodes(), (Codes{{773, 0}, {773, 0}, {773, 0}, {770, 0}}));
-    EXPECT_TRUE(residuals().empty());
-    EXPECT_EQ(trackingTags(), (std::vector<uint32_t>{1003, 1004, 1005}));
-
-    const Bytes good = trackingPacket(distinctTracking(6), opticalSubpacket(8, {target(9)}));
-    access.processTrackingPkt(good.data());
-    EXPECT_EQ(residuals().size(), 2u);
-    EXPECT_TRUE(errorCodes().empty());
+    EXPECT_EQ(received(), 0x110u);
+    const std::string text = out.text();
+    EXPECT_NE(text.find("ORVAINFO: Pose recovery stats queue overflow\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("ORVAINFO: Pose Recovery data queue overflow\n"), std::string::npos) << text;
+    const std::vector<Stats> st = drain(access, &OrvAccess::getPoseRecoveryStats);
+    ASSERT_TRUE(st.size() == 10 && st.front().tag == 2);
+    EXPECT_EQ(std::memcmp(&st.back(), &pra, sizeof pra), 0);
 }
 
 TEST_F(Tracking, TenThousandPacketsWithOpticalDataDoNotAllocate) {
-    reopen("udpOrvCoreRcvBufSize = 1048576\n");
+    openReceiver("udpOrvCoreRcvBufSize = 1048576\n");
     constexpr uint32_t kBurst = 10000, kChunk = 200;
-    std::vector<Bytes> packets;
-    for (uint32_t i = 0; i < 2 * kBurst; ++i) {
-        s_OrvAccessTrkDataExt t = distinctTracking(0);
-        t.packetTag = i;
-        packets.push_back(trackingPacket(t, opticalSubpacket(i, {target(1), target(2)}, true)));
-    }
-    // The first half grows every queue to its bound; the second is measured.
+    // The first half grows every queue to its bound; the second is measured,
+    // the service calls alone (building the datagrams allocates).
     long allocations = 0;
     for (uint32_t first = 0; first < 2 * kBurst; first += kChunk) {
-        for (uint32_t i = first; i < first + kChunk; ++i) send(packets[i]);
+        for (uint32_t i = first; i < first + kChunk; ++i)
+            send(kCore, packet(distinct(i), optical(residuals(i, 1, 2), true)));
         bool ok = false;
         const long n = orvtest::allocationsDuring([&] { ok = access.serviceUdp(false); });
         ASSERT_TRUE(ok) << access.getLastError();
@@ -502,16 +331,127 @@ TEST_F(Tracking, TenThousandPacketsWithOpticalDataDoNotAllocate) {
     }
     EXPECT_EQ(allocations, 0);
     EXPECT_TRUE(errorCodes().empty());
-
     // Nothing was lost: the tracking and statistics queues (bound 10000)
     // hold exactly the measured packets, in order.
-    const std::vector<uint32_t> tags = trackingTags();
-    ASSERT_EQ(tags.size(), kBurst);
-    for (uint32_t i = 0; i < kBurst; ++i) ASSERT_EQ(tags[i], kBurst + i);
-    const std::vector<Stats> st = stats();
-    ASSERT_EQ(st.size(), kBurst);
-    EXPECT_EQ(st.front().tag, kBurst);
-    EXPECT_EQ(residuals().back().tag, 2 * kBurst - 1);
+    const std::vector<Rec> t = drain(access, &OrvAccess::getTrackingData);
+    const std::vector<Stats> st = drain(access, &OrvAccess::getPoseRecoveryStats);
+    ASSERT_TRUE(t.size() == kBurst && st.size() == kBurst);
+    EXPECT_TRUE(t.front().packetTag == kBurst && t.back().packetTag == 2 * kBurst - 1 &&
+                st.front().tag == kBurst);
+}
+
+TEST_F(Packets, HubDataFieldsGapEulerAnglesAndHubErrors) {
+    openReceiver();
+    Hub want;
+    pattern(&want, sizeof want);
+    OrvUtil::cbn2Euler(want.cbn, want.euler);
+    // Bytes 7 to 9 carry nothing for the record.
+    Bytes b = datagram(
+        151, &want,
+        {AT(3, Hub, word, 4), AT(10, Hub, status, 1), AT(11, Hub, halfWord, 2), AT(13, Hub, words, 8),
+         AT(21, Hub, time, 8), AT(29, Hub, cbn, 36), AT(65, Hub, vec, 84), AT(149, Hub, lastByte, 1)});
+    send(kHub, orvtest::seal(b, 11));
+    EXPECT_EQ(received(), 0x20u);
+    Hub got;
+    bool valid = false;
+    ASSERT_TRUE(access.getHubData(&valid, &got) && valid);
+    // Everything but the padding bytes at 7 and after lastByte.
+    EXPECT_EQ(std::memcmp(&got, &want, 7), 0);
+    EXPECT_EQ(std::memcmp(bytesOf(&got, 8), bytesOf(&want, 8), offsetof(Hub, lastByte) - 7), 0);
+
+    // Hub errors: the value at 3, the code at 8 (byte 7 is not read, the
+    // checksum not checked); code 0 queues nothing and no bit is set.
+    for (unsigned char code : {5, 0, 8}) {
+        Bytes e{12, 10, 0, 0, 0, 0, 0, 0x77, code, 0x42};
+        OrvosiUtil::lendian(&e[3], 0xDEADBE00u + code, 4);
+        send(kHub, e);
+    }
+    EXPECT_EQ(received(), 0u);
+    EXPECT_EQ(errorCodes(), (Codes{{0x405, 0xDEADBE05}, {0x408, 0xDEADBE08}}));
+}
+
+// A pose as an NFT packet carries it: every carried field distinct, the rest zero.
+Rec nftPose(uint32_t tag) {
+    Rec p;
+    std::memset(&p, 0, sizeof p);
+    float next = 0.125f;
+    for (float* v : {p.cbn[0], p.cbn[1], p.cbn[2], p.position, p.vecG, p.vecH, p.angularRate, p.vecJ, p.extB,
+                     p.extB + 3, p.extD})
+        for (int i = 0; i < 3; ++i) v[i] = next += 0.5f;
+    p.packetTag = tag, p.poseTime = 0x0A0B0C0D0E0F1011ull, p.countA = 0xB7;
+    return p;
+}
+std::vector<Feat> features(uint32_t tag, uint32_t n) {
+    std::vector<Feat> f;
+    for (uint32_t i = 0; i < n; ++i) f.push_back({tag, i, 1, {i + 0.25f, -1.0f * i, 1000.0f + i}});
+    return f;
+}
+// `count` replaces the feature count on the wire when given. Position, vecG,
+// vecH and angularRate lie together in both.
+Bytes nftPacket(const Rec& p, const std::vector<Feat>& f, long count = -1) {
+    const size_t end = 140 + 12 * f.size();
+    Bytes b = datagram(
+        end + 13, &p,
+        {AT(3, Rec, packetTag, 4), AT(7, Rec, poseTime, 8), AT(15, Rec, cbn, 36), AT(51, Rec, position, 48),
+         AT(99, Rec, vecJ, 12), AT(111, Rec, extB, 24), AT(135, Rec, countA, 1), AT(end, Rec, extD, 12)});
+    OrvosiUtil::lendian(&b[136], count >= 0 ? static_cast<unsigned long>(count) : f.size(), 4);
+    for (size_t i = 0; i < f.size(); ++i) std::memcpy(&b[140 + 12 * i], f[i].position, 12);
+    return orvtest::seal(b, 14);
+}
+TEST_F(Packets, NftPoseJoinsTheTrackingQueueAndRoomIsMadeForTheWholePacket) {
+    openReceiver("[Memory]\ntargetQueueSize = 10\n");
+    const Rec a = nftPose(0x600D), none = nftPose(0x600E), c = nftPose(0x600F);
+    send(kNft, nftPacket(a, features(a.packetTag, 4))), send(kNft, nftPacket(none, {}));
+    EXPECT_EQ(received(), 0x80u);
+    Rec latest{};
+    bool valid = false;
+    ASSERT_TRUE(access.getTrackingDataLatest(&valid, &latest) && valid);
+    expectRecord(latest, none);
+    const std::vector<Rec> queued = drain(access, &OrvAccess::getTrackingData);
+    ASSERT_EQ(queued.size(), 2u);
+    expectRecord(queued[0], a), expectRecord(queued[1], none);
+
+    // With 4 queued, 5 + 4 + 1 reaches 10, 5 + 3 + 1 does not: one old
+    // feature goes, once.
+    access.setVerbosity(0x2);
+    orvtest::CapturedStdout out;
+    send(kNft, nftPacket(c, features(c.packetTag, 5)));
+    EXPECT_EQ(received(), 0x80u);
+    EXPECT_EQ(out.text(),
+              "ORVAINFO: Received NFT packet, size 213\n"
+              "ORVAINFO: Feature data queue overflow\n");
+    std::vector<Feat> want = features(a.packetTag, 4), more = features(c.packetTag, 5);
+    want.erase(want.begin()), want.insert(want.end(), more.begin(), more.end());
+    expectRecords(drain(access, &OrvAccess::getFeatureData), want);
+}
+
+// Features may be read past the packet's end, inside the receive buffer,
+// never beyond it: the largest count that fits is read as sent, anything
+// larger drops the whole packet. Run under the address sanitizer, a read
+// outside the buffer fails the test.
+TEST_F(Packets, OversizedFeatureCountsNeverLeaveTheBuffer) {
+    openReceiver();
+    const Rec p = nftPose(0x51);
+    constexpr long kMostThatFit = (65535 - 140 - 12) / 12;  // 5448 features fit in 65535 bytes
+    access.setVerbosity(0x1);
+    {
+        orvtest::CapturedStderr err;
+        send(kNft, nftPacket(p, {}, 0xFFFFFFFFl)), send(kNft, nftPacket(p, {}, kMostThatFit + 1)), received();
+        EXPECT_EQ(err.text(),
+                  "ORVALOG: Problem with NFT packet: Feature count beyond buffer\n"
+                  "ORVALOG: Problem with NFT packet: Feature count beyond buffer\n");
+    }
+    EXPECT_EQ(errorCodes(), (Codes{{782, 0}, {782, 0}}));
+    EXPECT_TRUE(drain(access, &OrvAccess::getFeatureData).empty());
+    EXPECT_TRUE(drain(access, &OrvAccess::getTrackingData).empty());
+
+    send(kNft, nftPacket(p, {}, kMostThatFit));
+    received();
+    EXPECT_TRUE(errorCodes().empty());
+    const std::vector<Feat> f = drain(access, &OrvAccess::getFeatureData);
+    ASSERT_EQ(f.size(), static_cast<size_t>(kMostThatFit));
+    EXPECT_TRUE(f.back().index == kMostThatFit - 1 && f.back().sequenceId == p.packetTag);
+    EXPECT_EQ(drain(access, &OrvAccess::getTrackingData).size(), 1u);
 }
 
 }  // namespace

@@ -9,8 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -19,196 +17,115 @@
 #include <vector>
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 namespace {
 
-std::string readFile(const fs::path& p) {
+std::string readFile(const std::string& p) {
     std::ifstream in(p, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-std::vector<std::string> filesIn(const fs::path& dir) {
-    std::vector<std::string> names;
-    for (const auto& e : fs::directory_iterator(dir)) names.push_back(e.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 void log(const std::string& bytes, unsigned int type, const std::string& path) {
     OrvUtil::logBuf(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), type, path);
 }
 
-std::string dump(const std::vector<unsigned char>& bytes, unsigned int type) {
-    orvtest::CapturedStdout out;
-    OrvUtil::dumpBuf(bytes.data(), bytes.size(), type);
-    return out.text();
-}
-
-std::string groups(const std::vector<unsigned char>& bytes, std::size_t n) {
-    std::string s;
-    char g[4];
-    for (std::size_t i = 0; i < n; ++i) {
-        std::snprintf(g, sizeof g, "%02X ", bytes[i]);
-        s += g;
-    }
-    return s;
-}
+std::string opened(const std::string& path) { return "ORVAMSG: Opened " + path + "\n"; }
 
 class LogFiles : public testing::Test {
 protected:
     void SetUp() override { OrvUtil::resetLogState(); }
     void TearDown() override { OrvUtil::resetLogState(); }
     orvtest::TempDir dir;
+    const std::string prefix = dir.prefix();
 };
 
 }  // namespace
 
-TEST(TextLines, EachKindOnItsStreamUnderItsBitOnly) {
-    {
-        orvtest::CapturedStdout out;
-        OrvUtil::infoLine(OrvUtil::kVerbInfo, "queue ", 7, " full");
-        OrvUtil::infoLine(OrvUtil::kVerbLog | OrvUtil::kVerbErr, "hidden");
-        EXPECT_EQ(out.text(), "ORVAINFO: queue 7 full\n");
-    }
-    {
-        orvtest::CapturedStderr err;
-        OrvUtil::logLine(OrvUtil::kVerbLog, "a", 1);
-        OrvUtil::errLine(OrvUtil::kVerbErr, "b", 2);
-        OrvUtil::logLine(OrvUtil::kVerbInfo | OrvUtil::kVerbErr, "hidden");
-        OrvUtil::errLine(OrvUtil::kVerbInfo | OrvUtil::kVerbLog, "hidden");
-        EXPECT_EQ(err.text(), "ORVALOG: a1\nORVAERR: b2\n");
-    }
-}
-
-TEST(Dump, LineFormatTagsAndCut) {
-    EXPECT_EQ(dump({0x01, 0xAB, 0xFF}, 0x1000), "ORVATRK: 01 AB FF \n");
-    EXPECT_EQ(dump({}, 0x2000), "ORVAMETA: \n");
-    EXPECT_EQ(dump({0x0A}, 0x10000), "ORVADUMP: 0A \n");
-    EXPECT_EQ(dump({0x00}, 0x3), "ORVADUMP: 00 \n");  // two bits is no bit
-
-    std::vector<unsigned char> big(250);
-    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<unsigned char>(i * 7);
-    EXPECT_EQ(dump(big, 0x4000), "ORVAIMG: " + groups(big, 200) + "...\n");
-    big.resize(200);
-    EXPECT_EQ(dump(big, 0x4000), "ORVAIMG: " + groups(big, 200) + "\n");
-    big.resize(201);
-    EXPECT_EQ(dump(big, 0x4000), "ORVAIMG: " + groups(big, 200) + "...\n");
+TEST(TextLinesAndDumps, PrefixesBitsTagsCutAndDecimalStream) {
+    const std::vector<unsigned char> b = {0x01, 0xAB, 0xFF}, big(201, 0xAB);
+    std::string groups;
+    for (int i = 0; i < 200; ++i) groups += "AB ";
+    orvtest::CapturedStdout out;
+    orvtest::CapturedStderr err;
+    // Each kind of line on its stream, under its own bit only.
+    OrvUtil::infoLine(OrvUtil::kVerbInfo, "queue ", 7, " full");
+    OrvUtil::infoLine(OrvUtil::kVerbLog | OrvUtil::kVerbErr, "hidden");
+    OrvUtil::logLine(OrvUtil::kVerbLog, "a", 1);
+    OrvUtil::errLine(OrvUtil::kVerbErr, "b", 2);
+    OrvUtil::logLine(OrvUtil::kVerbInfo | OrvUtil::kVerbErr, "hidden");
+    OrvUtil::errLine(OrvUtil::kVerbInfo | OrvUtil::kVerbLog, "hidden");
+    std::cout << std::hex;  // a caller that left the stream in hex gets it back in decimal
+    OrvUtil::dumpBuf(b.data(), 3, 0x1000);
+    OrvUtil::dumpBuf(b.data(), 0, 0x2000);
+    OrvUtil::dumpBuf(b.data(), 1, 0x10000);
+    OrvUtil::dumpBuf(b.data(), 1, 0x3);  // two bits is no bit
+    OrvUtil::dumpBuf(big.data(), 200, 0x4000);
+    OrvUtil::dumpBuf(big.data(), 201, 0x4000);  // only the first 200 bytes show
+    std::cout << 255;
+    EXPECT_EQ(
+        out.text(),
+        "ORVAINFO: queue 7 full\nORVATRK: 01 AB FF \nORVAMETA: \nORVADUMP: 01 \nORVADUMP: 01 \nORVAIMG: " +
+            groups + "\nORVAIMG: " + groups + "...\n255");
+    EXPECT_EQ(err.text(), "ORVALOG: a1\nORVAERR: b2\n");
 
     const std::pair<unsigned int, const char*> tags[] = {
-        {0x10, "ORVATCPOUT"},  {0x20, "ORVATCPIN"},    {0x40, "ORVAUDPOUT"},    {0x100, "ORVATGT"},
-        {0x200, "ORVAIMUCAM"}, {0x400, "ORVAIMUPLAT"}, {0x800, "ORVAPLATPOSE"}, {0x1000, "ORVATRK"},
-        {0x2000, "ORVAMETA"},  {0x4000, "ORVAIMG"},    {0x8000, "ORVATGTRES"},  {0x20000, "ORVAHUB"},
-        {0x40000, "ORVANFT"},  {0x80000, "ORVAPRA"},   {0x1, "ORVADUMP"},       {0x100000, "ORVADUMP"},
-    };
+        {0x100, "ORVATGT"},   {0x200, "ORVAIMUCAM"}, {0x400, "ORVAIMUPLAT"}, {0x8000, "ORVATGTRES"},
+        {0x20000, "ORVAHUB"}, {0x40000, "ORVANFT"},  {0x80000, "ORVAPRA"},   {0x100000, "ORVADUMP"}};
     for (const auto& [type, tag] : tags) EXPECT_STREQ(OrvUtil::dumpTag(type), tag) << type;
-
-    // A caller that left the stream in hex gets it back in decimal.
-    orvtest::CapturedStdout out;
-    std::cout << std::hex;
-    OrvUtil::dumpBuf(big.data(), 1, 0x1000);
-    std::cout << 255;
-    EXPECT_EQ(out.text(), "ORVATRK: 00 \n255");
+    OrvUtil::setLastError(nullptr);  // the packet-check text: null clears it
+    EXPECT_EQ(OrvUtil::getLastError(), "");
 }
 
-TEST_F(LogFiles, OpensOnceAppendsRawBytesAndSkipsUnknownChannels) {
-    const std::string prefix = dir.prefix();
-    std::ofstream(prefix + "orvaTrk.log", std::ios::binary) << "old";
-
+TEST_F(LogFiles, EachChannelToItsFileOpenedOnceAndAppendedRaw) {
+    dir.write("orvaTrk.log", "old");
     orvtest::CapturedStdout out;
     log(std::string("\x01\x0A\x00\xFF", 4), 1, prefix);
-    log(std::string("\x00\x0D", 2), 1, prefix);
-    for (unsigned int type : {0u, 3u, 1024u, 2048u, 32768u, 0xFFFFFFFFu}) log("x", type, prefix);
-    EXPECT_EQ(out.text(), "ORVAMSG: Opened " + prefix + "orvaTrk.log\n");
-
-    OrvUtil::logClose();
-    EXPECT_EQ(readFile(prefix + "orvaTrk.log"), std::string("old\x01\x0A\x00\xFF\x00\x0D", 9));
-    EXPECT_EQ(filesIn(dir.path()), std::vector<std::string>{"orvaTrk.log"});
-}
-
-TEST_F(LogFiles, EachChannelToItsFile) {
-    const std::string prefix = dir.prefix();
-    {
-        orvtest::CapturedStdout quiet;
-        log("T", 1, prefix);
-        log("M", 2, prefix);
-        log("P", 4, prefix);
-        log("H", 8, prefix);
-        for (unsigned int type : {16u, 32u, 64u, 128u, 256u, 512u}) log("s", type, prefix);
-        log("h", 4096, prefix);  // subpacket stream already open: lands in orvaSub.log
-        log("N", 8192, prefix);
-        log("R", 16384, prefix);
-        quiet.text();
-    }
-    OrvUtil::resetLogState();
-    EXPECT_EQ(readFile(prefix + "orvaTrk.log"), "T");
-    EXPECT_EQ(readFile(prefix + "orvaMeta.log"), "M");
-    EXPECT_EQ(readFile(prefix + "orvaPred.log"), "P");
-    EXPECT_EQ(readFile(prefix + "orvaHarm.log"), "H");
-    EXPECT_EQ(readFile(prefix + "orvaSub.log"), "ssssssh");
-    EXPECT_EQ(readFile(prefix + "orvaNFT.log"), "N");
-    EXPECT_EQ(readFile(prefix + "orvaPRA.log"), "R");
-    EXPECT_EQ(filesIn(dir.path()).size(), 7u);
-}
-
-TEST_F(LogFiles, HubBeforeAnySubpacketOpensTheSubpacketStreamAsNft) {
-    const std::string prefix = dir.prefix();
-    orvtest::CapturedStdout out;
-    log("h", 4096, prefix);
-    log("s", 16, prefix);
-    log("t", 512, prefix);
-    EXPECT_EQ(out.text(), "ORVAMSG: Opened " + prefix + "orvaNFT.log\n");
-    OrvUtil::logClose();
-    EXPECT_EQ(readFile(prefix + "orvaNFT.log"), "hst");
-    EXPECT_FALSE(fs::exists(prefix + "orvaSub.log"));
-}
-
-TEST_F(LogFiles, CloseReopensUnderNewPathButPraStaysWhereItWas) {
-    orvtest::TempDir other;
-    const std::string a = dir.prefix(), b = other.prefix();
-    orvtest::CapturedStdout out;
-    log("1", 1, a);
-    log("r", 16384, a);
-    OrvUtil::logClose();
-    log("2", 1, b);
-    log("R", 16384, b);
-    EXPECT_EQ(out.text(), "ORVAMSG: Opened " + a + "orvaTrk.log\n" + "ORVAMSG: Opened " + a +
-                              "orvaPRA.log\n" + "ORVAMSG: Opened " + b + "orvaTrk.log\n");
-    OrvUtil::resetLogState();
-    EXPECT_EQ(readFile(a + "orvaTrk.log"), "1");
-    EXPECT_EQ(readFile(b + "orvaTrk.log"), "2");
-    EXPECT_EQ(readFile(a + "orvaPRA.log"), "rR");
-    EXPECT_FALSE(fs::exists(b + "orvaPRA.log"));
-}
-
-TEST_F(LogFiles, HarmonisationAtMostOncePer5000Ms) {
-    const std::string prefix = dir.prefix();
-    orvtest::CapturedStdout quiet;
-    log("A", 8, prefix);  // last record at time 0: long ago
-    log("B", 8, prefix);  // right after A
+    // Hub packets (4096) go to the subpacket stream, already open here as
+    // orvaSub.log; NFT packets (8192) to the hub stream, named orvaNFT.log.
+    const std::pair<const char*, unsigned int> records[] = {
+        {"T", 1},   {"M", 2},    {"P", 4},    {"H", 8},     {"s", 16},        {"s", 32},    {"s", 64},
+        {"s", 128}, {"s", 256},  {"s", 512},  {"h", 4096},  {"N", 8192},      {"R", 16384}, {"x", 0},
+        {"x", 3},   {"x", 1024}, {"x", 2048}, {"x", 32768}, {"x", 0xFFFFFFFF}};
+    for (const auto& [bytes, type] : records) log(bytes, type, prefix);
+    // Harmonisation records at most once per 5000 ms: H was long after time 0.
+    log("B", 8, prefix);
     OrvUtil::setLastHarmonisationMs(OrvosiUtil::getTimeMs() - 4000);
     log("C", 8, prefix);
     OrvUtil::setLastHarmonisationMs(OrvosiUtil::getTimeMs() - 6000);
     log("D", 8, prefix);
     log("E", 8, prefix);  // D restarted the gate
-    quiet.text();
-    OrvUtil::logClose();
-    EXPECT_EQ(readFile(prefix + "orvaHarm.log"), "AD");
+    const std::string text = out.text();
+    OrvUtil::resetLogState();
+
+    std::string all, lines;  // in the order of opening
+    for (const char* name :
+         {"orvaTrk", "orvaMeta", "orvaPred", "orvaHarm", "orvaSub", "orvaNFT", "orvaPRA"}) {
+        all += readFile(prefix + name + ".log") + "|";
+        lines += opened(prefix + name + ".log");
+    }
+    EXPECT_EQ(all, "old\x01\x0A"s + '\0' + "\xFFT|M|P|HD|ssssssh|N|R|");
+    EXPECT_EQ(text, lines);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 7);
 }
 
-TEST_F(LogFiles, UnopenablePathSkippedSilentlyThenRetried) {
-    const std::string prefix = (dir.path() / "later").string() + "/";
+TEST_F(LogFiles, CloseReopensUnderNewPathButPraStaysAndHubFirstOpensNft) {
+    const std::string b = prefix + "later/";
     orvtest::CapturedStdout out;
-    log("lost", 2, prefix);
-    ASSERT_TRUE(fs::create_directory(dir.path() / "later"));
-    log("kept", 2, prefix);
-    EXPECT_EQ(out.text(), "ORVAMSG: Opened " + prefix + "orvaMeta.log\n");
+    log("1", 1, prefix);
+    log("r", 16384, prefix);
     OrvUtil::logClose();
-    EXPECT_EQ(readFile(prefix + "orvaMeta.log"), "kept");
-}
-
-TEST(PacketCheckError, KeepsTheLastText) {
-    OrvUtil::setLastError("Invalid size");
-    EXPECT_EQ(OrvUtil::getLastError(), "Invalid size");
-    OrvUtil::setLastError(nullptr);
-    EXPECT_EQ(OrvUtil::getLastError(), "");
+    log("lost", 4096, b);  // the folder is not there yet: skipped silently, tried again next time
+    ASSERT_TRUE(fs::create_directory(b));
+    log("h", 4096, b);  // a hub packet before any subpacket opens the subpacket stream as orvaNFT.log
+    log("s", 16, b);
+    log("2", 1, b);
+    log("R", 16384, b);
+    EXPECT_EQ(out.text(), opened(prefix + "orvaTrk.log") + opened(prefix + "orvaPRA.log") +
+                              opened(b + "orvaNFT.log") + opened(b + "orvaTrk.log"));
+    OrvUtil::resetLogState();
+    EXPECT_EQ(readFile(prefix + "orvaTrk.log") + readFile(b + "orvaTrk.log") + readFile(b + "orvaNFT.log"),
+              "12hs");
+    EXPECT_EQ(readFile(prefix + "orvaPRA.log"), "rR");
+    EXPECT_FALSE(fs::exists(b + "orvaPRA.log") || fs::exists(b + "orvaSub.log"));
 }
