@@ -7,17 +7,13 @@
 #include <new>
 #include <vector>
 
+#include "access/CommandCodes.hpp"
 #include "access/State.hpp"
 #include "osi/OrvosiCursor.hpp"
 #include "osi/OrvosiUtil.hpp"
 
 namespace {
 
-constexpr unsigned char kFrameStart = 0xAB;
-constexpr unsigned char kCmdImu = 0xC0;
-constexpr unsigned char kCmdGetRegister = 0xC3;
-constexpr unsigned char kCmdSetRegister = 0xC4;
-constexpr unsigned int kStreamingRegister = 0;
 constexpr unsigned int kStreamingAckMs = 200;
 constexpr int kImuReplyMs = 1000;
 constexpr int kPollStepMs = 5;
@@ -95,8 +91,8 @@ bool OrvAccess::setRegister(unsigned int timeoutMs, unsigned int address, unsign
     }
     unsigned char frame[7];
     OrvosiWriter w(frame, sizeof frame);
-    w.u8(kFrameStart);
-    w.u8(kCmdSetRegister);
+    w.u8(orvcmd::kFrameStart);
+    w.u8(orvcmd::kSetRegister);
     w.u24(address & 0xFFFFFFu);
     w.u8(value);
     w.u8(0);  // checksum, filled in by writeOrvRx
@@ -105,7 +101,7 @@ bool OrvAccess::setRegister(unsigned int timeoutMs, unsigned int address, unsign
     unsigned char reply[kReplyBufferSize];
     size_t n = 0;
     if (!readOrvRx(reply, sizeof reply, pollTime(timeoutMs), &n)) return false;
-    if (n == 1 && reply[0] == kCmdSetRegister) return true;
+    if (n == 1 && reply[0] == orvcmd::kSetRegister) return true;
     s.fail(n == 0 ? "No response to set register command" : "Invalid ack to set register command", true);
     return false;
 }
@@ -116,8 +112,8 @@ bool OrvAccess::getRegister(unsigned int timeoutMs, unsigned int address, unsign
     if (!setStreaming(false)) return false;
     unsigned char frame[6];
     OrvosiWriter w(frame, sizeof frame);
-    w.u8(kFrameStart);
-    w.u8(kCmdGetRegister);
+    w.u8(orvcmd::kFrameStart);
+    w.u8(orvcmd::kGetRegister);
     w.u24(address & 0xFFFFFFu);
     w.u8(0);  // checksum
     if (!writeOrvRx(frame, w.pos())) return false;
@@ -125,7 +121,7 @@ bool OrvAccess::getRegister(unsigned int timeoutMs, unsigned int address, unsign
     unsigned char reply[kReplyBufferSize];
     size_t n = 0;
     if (!readOrvRx(reply, sizeof reply, pollTime(timeoutMs), &n)) return false;
-    if (n == 3 && reply[0] == kCmdGetRegister && OrvosiUtil::checksum(reply, 3) == 0) {
+    if (n == 3 && reply[0] == orvcmd::kGetRegister && OrvosiUtil::checksum(reply, 3) == 0) {
         *value = reply[1];
         return true;
     }
@@ -142,7 +138,7 @@ bool OrvAccess::setStreaming(bool on) {
     if (on == s.streaming) return true;
     OrvUtil::logLine(s.cfg.verbosity, "Setting streaming mode to ", on ? 1 : 0);
 
-    bool ok = setRegister(kStreamingAckMs, kStreamingRegister, on ? 1 : 0);
+    bool ok = setRegister(kStreamingAckMs, orvcmd::kStreamingRegister, on ? 1 : 0);
     if (!ok) s.fail("Failed to set streaming state", false);
     // The rest runs even when orvRx did not acknowledge: the local state must
     // not keep data from before the switch. Datagrams already in flight get
@@ -173,8 +169,8 @@ bool OrvAccess::transactImu(e_OrvAccessImuSelect imu, unsigned char* transmit, u
     const unsigned char receiveLength =
         static_cast<unsigned char>(std::min<unsigned long>(receiveCapacity, 255));
     OrvosiWriter w(buf.data(), buf.size());
-    w.u8(kFrameStart);
-    w.u8(kCmdImu);
+    w.u8(orvcmd::kFrameStart);
+    w.u8(orvcmd::kImu);
     w.u8(static_cast<int>(imu) == 1 ? 2 : 1);
     // Only the low byte of the length fits the frame; callers keep it <= 255.
     w.u8(static_cast<unsigned char>(transmitLength));

@@ -6,20 +6,14 @@
 #include <memory>
 #include <vector>
 
+#include "access/CommandCodes.hpp"
 #include "access/State.hpp"
 #include "osi/OrvosiCursor.hpp"
 #include "osi/OrvosiUtil.hpp"
 
 namespace {
 
-constexpr unsigned char kFrameStart = 0xAB;
-constexpr unsigned char kCmdGetFile = 0xC5;
-constexpr unsigned char kCmdPutFile = 0xC6;
-constexpr unsigned char kCmdChunk = 0xC7;
-constexpr unsigned char kAbort = 0xC8;
-
-constexpr size_t kChunkData = 512;
-constexpr size_t kChunkFrame = 2 + 3 + kChunkData + 1;  // start, code, offset, data, checksum
+constexpr size_t kChunkFrame = 2 + 3 + orvcmd::kChunkData + 1;  // start, code, offset, data, checksum
 constexpr size_t kChunkReadCapacity = 612;
 constexpr size_t kGetReply = 5;  // code, size, checksum
 // Sizes and offsets travel in 24 bits.
@@ -41,7 +35,7 @@ std::vector<unsigned char> requestFrame(unsigned char code, e_OrvAccessFileLoc l
     const size_t n = std::strlen(name);
     std::vector<unsigned char> frame;
     frame.reserve(n + 8);
-    frame.push_back(kFrameStart);
+    frame.push_back(orvcmd::kFrameStart);
     frame.push_back(code);
     frame.push_back(static_cast<unsigned char>(location));
     frame.insert(frame.end(), name, name + n + 1);
@@ -71,7 +65,7 @@ bool OrvAccess::putFile(std::string localPath, std::string remoteName, e_OrvAcce
         return false;
     }
 
-    std::vector<unsigned char> start = requestFrame(kCmdPutFile, location, remoteName);
+    std::vector<unsigned char> start = requestFrame(orvcmd::kPutFile, location, remoteName);
     unsigned char tail[4];
     OrvosiUtil::lendian(tail, static_cast<unsigned long>(size), 3);
     tail[3] = 0;  // checksum, filled in by writeOrvRx
@@ -81,21 +75,21 @@ bool OrvAccess::putFile(std::string localPath, std::string remoteName, e_OrvAcce
     unsigned char reply = 0;
     size_t n = 0;
     if (!readOrvRx(&reply, 1, kStartReplyMs, &n)) return false;
-    if (n != 1 || reply != kCmdPutFile) {
+    if (n != 1 || reply != orvcmd::kPutFile) {
         s.fail("Start failed - no/bad response from orvRx", true);
         return false;
     }
 
     unsigned char chunk[kChunkFrame];
-    for (long offset = 0; offset < size; offset += static_cast<long>(kChunkData)) {
-        const size_t count = static_cast<size_t>(std::min<long>(size - offset, kChunkData));
+    for (long offset = 0; offset < size; offset += static_cast<long>(orvcmd::kChunkData)) {
+        const size_t count = static_cast<size_t>(std::min<long>(size - offset, orvcmd::kChunkData));
         OrvosiWriter w(chunk, sizeof chunk);
-        w.u8(kFrameStart);
-        w.u8(kCmdChunk);
+        w.u8(orvcmd::kFrameStart);
+        w.u8(orvcmd::kChunk);
         w.u24(static_cast<unsigned long>(offset));
         // The last chunk is filled up with zeros: every chunk carries 512 bytes.
         unsigned char* data = chunk + w.pos();
-        std::memset(data, 0, kChunkData);
+        std::memset(data, 0, orvcmd::kChunkData);
         if (std::fread(data, 1, count, file.get()) != count) {
             // The file shrank or failed under us; its bytes cannot be sent.
             s.fail("File empty or unreadable", true);
@@ -103,7 +97,7 @@ bool OrvAccess::putFile(std::string localPath, std::string remoteName, e_OrvAcce
         }
         if (!writeOrvRx(chunk, sizeof chunk)) return false;
         if (!readOrvRx(&reply, 1, kChunkReplyMs, &n)) return false;
-        if (n != 1 || reply != kCmdChunk) {
+        if (n != 1 || reply != orvcmd::kChunk) {
             s.fail("No/bad response from server", true);
             return false;
         }
@@ -115,14 +109,14 @@ bool OrvAccess::getFile(std::string remoteName, e_OrvAccessFileLoc location, std
     State& s = *st_;
     if (!setStreaming(false)) return false;
 
-    std::vector<unsigned char> request = requestFrame(kCmdGetFile, location, remoteName);
+    std::vector<unsigned char> request = requestFrame(orvcmd::kGetFile, location, remoteName);
     request.push_back(0);  // checksum
     if (!writeOrvRx(request.data(), request.size())) return false;
 
     unsigned char reply[kGetReply];
     size_t n = 0;
     if (!readOrvRx(reply, sizeof reply, kStartReplyMs, &n)) return false;
-    if (n != kGetReply || reply[0] != kCmdGetFile || OrvosiUtil::checksum(reply, kGetReply) != 0) {
+    if (n != kGetReply || reply[0] != orvcmd::kGetFile || OrvosiUtil::checksum(reply, kGetReply) != 0) {
         s.fail("No/bad response from server", true);
         return false;
     }
@@ -139,21 +133,21 @@ bool OrvAccess::getFile(std::string remoteName, e_OrvAccessFileLoc location, std
     }
 
     unsigned char chunk[kChunkReadCapacity];
-    for (unsigned long offset = 0; offset < size; offset += kChunkData) {
+    for (unsigned long offset = 0; offset < size; offset += orvcmd::kChunkData) {
         if (!readOrvRx(chunk, sizeof chunk, kChunkReplyMs, &n)) return false;
         // A chunk must arrive whole in one read; a missing one counts as bad.
-        const bool good = n == kChunkFrame && chunk[0] == kFrameStart && chunk[1] == kCmdChunk &&
+        const bool good = n == kChunkFrame && chunk[0] == orvcmd::kFrameStart && chunk[1] == orvcmd::kChunk &&
                           OrvosiUtil::checksum(chunk, kChunkFrame) == 0 &&
                           OrvosiUtil::word24(chunk + 2) == offset;
         if (!good) {
-            unsigned char abort = kAbort;
+            unsigned char abort = orvcmd::kAbort;
             writeOrvRx(&abort, 1);
             s.fail("No/bad data packet from server", true);
             return false;
         }
-        unsigned char ack = kCmdChunk;
+        unsigned char ack = orvcmd::kChunk;
         if (!writeOrvRx(&ack, 1)) return false;
-        const size_t count = static_cast<size_t>(std::min<unsigned long>(size - offset, kChunkData));
+        const size_t count = static_cast<size_t>(std::min<unsigned long>(size - offset, orvcmd::kChunkData));
         if (std::fwrite(chunk + 5, 1, count, file.get()) != count) {
             s.fail(OrvosiUtil::getSystemErrorMsg(), true);
             return false;

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "osi/OrvosiSocket.hpp"
 #include "osi/OrvosiUtil.hpp"
 
 namespace {
@@ -107,15 +108,8 @@ bool OrvosiTcpClient::write(const char* data, size_t length) {
 }
 
 bool OrvosiTcpClient::flush() {
-    char scratch[100];
-    for (;;) {
-        int waiting = 0;
-        if (ioctl(fd_, FIONREAD, &waiting) != 0)
-            return OrvosiUtil::failWithSystemText(lastError_, "Failed to query FIONREAD...");
-        if (waiting <= 0) return true;
-        int received = 0;
-        if (!read(scratch, sizeof scratch, &received)) return false;
-    }
+    return orvosiDrainSocket(fd_, lastError_,
+                             [this](char* buf, size_t cap, int* n) { return read(buf, cap, n); });
 }
 
 int OrvosiTcpClient::close() {

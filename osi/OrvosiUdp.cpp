@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "osi/OrvosiSocket.hpp"
 #include "osi/OrvosiUtil.hpp"
 
 namespace {
@@ -128,17 +129,8 @@ bool OrvosiUdpClient::read(char* buffer, size_t capacity, int* received) {
 }
 
 bool OrvosiUdpClient::flush() {
-    // FIONREAD gives the size of the next datagram, so an empty datagram at
-    // the head of the queue looks like an empty queue and ends the flush there.
-    char scratch[100];
-    for (;;) {
-        int waiting = 0;
-        if (ioctl(fd_, FIONREAD, &waiting) != 0)
-            return OrvosiUtil::failWithSystemText(lastError_, "Failed to query FIONREAD...");
-        if (waiting <= 0) return true;
-        int received = 0;
-        if (!read(scratch, sizeof scratch, &received)) return false;
-    }
+    return orvosiDrainSocket(fd_, lastError_,
+                             [this](char* buf, size_t cap, int* n) { return read(buf, cap, n); });
 }
 
 int OrvosiUdpClient::close() {
