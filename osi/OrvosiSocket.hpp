@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -23,4 +24,13 @@ bool orvosiDrainSocket(int fd, std::string& error, Read&& read) {
         int received = 0;
         if (!read(scratch, sizeof scratch, &received)) return false;
     }
+}
+
+// Closes a descriptor the endpoint owns and marks it closed; an endpoint that
+// was never opened (or is closed already) is left alone and gives -1.
+inline int orvosiCloseSocket(int& fd) {
+    if (fd < 0) return -1;
+    const int result = ::close(fd);
+    fd = -1;
+    return result;
 }

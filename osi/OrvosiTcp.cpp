@@ -112,9 +112,4 @@ bool OrvosiTcpClient::flush() {
                              [this](char* buf, size_t cap, int* n) { return read(buf, cap, n); });
 }
 
-int OrvosiTcpClient::close() {
-    if (fd_ < 0) return -1;
-    const int result = ::close(fd_);
-    fd_ = -1;
-    return result;
-}
+int OrvosiTcpClient::close() { return orvosiCloseSocket(fd_); }

@@ -133,12 +133,7 @@ bool OrvosiUdpClient::flush() {
                              [this](char* buf, size_t cap, int* n) { return read(buf, cap, n); });
 }
 
-int OrvosiUdpClient::close() {
-    if (fd_ < 0) return -1;
-    const int result = ::close(fd_);
-    fd_ = -1;
-    return result;
-}
+int OrvosiUdpClient::close() { return orvosiCloseSocket(fd_); }
 
 int OrvosiUdpClient::localPort() const {
     sockaddr_in bound{};
@@ -212,9 +207,4 @@ bool OrvosiUdpServer::write(const char* data, size_t length) {
     return OrvosiUtil::failWithSystemText(lastError_, "Error sending packet...");
 }
 
-int OrvosiUdpServer::close() {
-    if (fd_ < 0) return -1;
-    const int result = ::close(fd_);
-    fd_ = -1;
-    return result;
-}
+int OrvosiUdpServer::close() { return orvosiCloseSocket(fd_); }
