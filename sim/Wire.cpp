@@ -87,7 +87,9 @@ void writeStats(OrvosiWriter& w, const s_OrvAccessPoseRecStats& s, bool pra) {
     w.f32(s.value5);
 }
 
-Datagram buildOptical(const Optical& o) {
+}  // namespace
+
+Datagram buildOpticalSubpacket(const Optical& o) {
     require(o.targets.size() <= 255, "more than 255 optical targets");
     Packet p(kind::kOpticalSub, 11 + 22 * o.targets.size() + 78);
     p.w.u32(o.tag);
@@ -101,7 +103,7 @@ Datagram buildOptical(const Optical& o) {
     return p.finish("optical subpacket");
 }
 
-Datagram buildPlatPose(const s_OrvAccessPlatPoseData& pose) {
+Datagram buildPlatPoseSubpacket(const s_OrvAccessPlatPoseData& pose) {
     Packet p(kind::kPlatPoseSub);
     p.w.u32(pose.tag);
     p.w.u8(3);
@@ -109,7 +111,7 @@ Datagram buildPlatPose(const s_OrvAccessPlatPoseData& pose) {
     return p.finish("platform pose");
 }
 
-Datagram buildDiag(const s_OrvAccessDiagData& d) {
+Datagram buildDiagSubpacket(const s_OrvAccessDiagData& d) {
     Packet p(kind::kDiagSub);
     p.w.u32(d.tag);
     p.w.f32(d.diagValue1);
@@ -123,7 +125,7 @@ Datagram buildDiag(const s_OrvAccessDiagData& d) {
     return p.finish("diagnostic");
 }
 
-Datagram buildGps(const s_OrvAccessGpsData& g) {
+Datagram buildGpsSubpacket(const s_OrvAccessGpsData& g) {
     Packet p(kind::kGpsSub);
     p.w.u8(1);
     p.w.u32(g.gpsWord1);
@@ -144,10 +146,11 @@ Datagram buildGps(const s_OrvAccessGpsData& g) {
     return p.finish("GPS");
 }
 
-}  // namespace
-
 Datagram buildTracking(const s_OrvAccessTrkDataExt& r, const Optical* optical) {
-    const Datagram sub = optical != nullptr ? buildOptical(*optical) : Datagram();
+    return buildTracking(r, optical != nullptr ? buildOpticalSubpacket(*optical) : Datagram());
+}
+
+Datagram buildTracking(const s_OrvAccessTrkDataExt& r, const Datagram& sub) {
     Packet p(kind::kTracking, kTrackingSize + sub.size());
     OrvosiWriter& w = p.w;
     w.u32(r.packetTag);
@@ -243,29 +246,37 @@ Datagram buildChipPacket(const ChipSample& c) {
 }
 
 Datagram buildMeta(const MetaContent& m) {
-    Packet p(kind::kMeta, kSmall + (m.target ? m.target->size() : 0));
+    MetaSubpackets subs;
+    if (m.platPose) subs[0] = buildPlatPoseSubpacket(*m.platPose);
+    if (m.target) subs[1] = *m.target;
+    if (m.diag) subs[2] = buildDiagSubpacket(*m.diag);
+    if (m.gps) subs[3] = buildGpsSubpacket(*m.gps);
+    return buildMeta(m.tag, m.interval, m.time, m.interval > 0.0f ? buildChipPacket(m.imu) : Datagram(),
+                     subs);
+}
+
+Datagram buildMeta(uint32_t tag, float interval, uint64_t time, const Datagram& chip,
+                   const MetaSubpackets& subs) {
+    size_t size = kSmall + chip.size();
+    for (const Datagram& sub : subs) size += sub.size();
+    Packet p(kind::kMeta, size);
     OrvosiWriter& w = p.w;
-    w.u32(m.tag);
+    w.u32(tag);
     w.u8(0);
-    w.f32(m.interval);
+    w.f32(interval);
     w.u8(0);
     const size_t offsets = w.pos();
     w.zeros(6);  // four offsets, patched below
-    w.u64(m.time);
-    if (m.interval > 0.0f) {
-        const Datagram chip = buildChipPacket(m.imu);
-        w.bytes(chip.data(), chip.size());
-    }
+    w.u64(time);
+    w.bytes(chip.data(), chip.size());
     size_t at[4] = {0, 0, 0, 0};
-    auto append = [&](int slot, const Datagram& sub) {
+    for (size_t slot = 0; slot < subs.size(); ++slot) {
+        if (subs[slot].empty()) continue;
         at[slot] = w.pos();
-        w.bytes(sub.data(), sub.size());
-    };
-    if (m.platPose) append(0, buildPlatPose(*m.platPose));
-    if (m.target) append(1, *m.target);
-    if (m.diag) append(2, buildDiag(*m.diag));
-    if (m.gps) append(3, buildGps(*m.gps));
+        w.bytes(subs[slot].data(), subs[slot].size());
+    }
     require(at[0] <= 255 && at[1] <= 255, "meta subpacket beyond a one-byte offset");
+    require(at[2] <= 65535 && at[3] <= 65535, "meta subpacket beyond a two-byte offset");
     unsigned char* o = p.raw() + offsets;
     o[0] = static_cast<unsigned char>(at[0]);
     o[1] = static_cast<unsigned char>(at[1]);

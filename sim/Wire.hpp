@@ -54,6 +54,9 @@ struct Optical {
 
 // Every field the packet carries; euler, extA to extD are not sent.
 Datagram buildTracking(const s_OrvAccessTrkDataExt& rec, const Optical* optical = nullptr);
+// The same followed by a subpacket given as bytes, sent as they are.
+Datagram buildTracking(const s_OrvAccessTrkDataExt& rec, const Datagram& subpacket);
+Datagram buildOpticalSubpacket(const Optical& optical);
 
 // A pose-recovery packet: tag, stat0..2, value0, flagA (low bytes), vec1..4,
 // value3..5 and all 36 words of extra (words 0-5 as their float bits).
@@ -103,6 +106,19 @@ struct MetaContent {
 };
 
 Datagram buildMeta(const MetaContent& meta);
+
+// A meta packet around packets given as bytes, sent as they are: the chip
+// packet (whatever the interval) and the subpackets in the order platform
+// pose, target, diagnostic, GPS; an empty one is absent.
+using MetaSubpackets = std::array<Datagram, 4>;
+Datagram buildMeta(uint32_t tag, float interval, uint64_t time, const Datagram& chip,
+                   const MetaSubpackets& subpackets);
+
+// The subpackets of a meta packet, one by one; the GPS subpacket is also
+// what an application sends upward.
+Datagram buildPlatPoseSubpacket(const s_OrvAccessPlatPoseData& pose);  // format 3
+Datagram buildDiagSubpacket(const s_OrvAccessDiagData& diag);          // all four optional bytes
+Datagram buildGpsSubpacket(const s_OrvAccessGpsData& gps);             // format 1; valid is not sent
 
 // Splits a target list into subpackets of at most perSubpacket entries
 // (above 0); an empty list yields one empty, closing subpacket. An entry's

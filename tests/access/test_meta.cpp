@@ -10,7 +10,8 @@
 #include <vector>
 
 #include "orvaccess/OrvAccess.hpp"
-#include "osi/OrvosiCursor.hpp"
+#include "osi/OrvosiUtil.hpp"
+#include "sim/Wire.hpp"
 #include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
@@ -18,7 +19,6 @@
 namespace {
 
 using orvtest::Bytes;
-using Codes = std::vector<std::pair<unsigned short, unsigned int>>;
 
 // Sets the length word to `length` and byte length - 1 to the checksum;
 // bytes behind it stay.
@@ -27,89 +27,60 @@ Bytes sealAt(Bytes b, size_t length) {
     b[length - 1] = static_cast<unsigned char>(-OrvosiUtil::checksum(b.data(), length - 1));
     return b;
 }
-// Start byte, length word, what `fill` writes, checksum; `length` 0 = all of it.
-template <typename F>
-Bytes frame(unsigned char start, F fill, size_t length = 0) {
-    Bytes b(512);
-    OrvosiWriter w(b.data(), b.size());
-    w.u8(start), w.zeros(2);
-    fill(w);
-    w.u8(0);
-    b.resize(w.pos());
-    return sealAt(b, length ? length : b.size());
-}
 
 // A type-20 chip packet: status, gyro and accelerometer words, and the
 // auxiliary byte behind `first2000`.
 Bytes chip(unsigned char pid, unsigned char status, unsigned char first2000 = 0, unsigned char aux = 0) {
-    Bytes b(32, 0);
-    OrvosiWriter w(b.data(), b.size());
-    w.u8(5), w.u8(20), w.u8(pid), w.u8(status), w.u8(0), w.u16(0x1234);
-    for (int v : {-32768, 256, 1000, -160, 16000, -1}) w.u16(static_cast<uint16_t>(v));
-    w.zeros(6), w.u8(first2000), w.u8(aux);
-    b[31] = static_cast<unsigned char>(-OrvosiUtil::checksum(b.data(), 31));
+    Bytes b = orvsim::buildChipPacket(
+        {20, pid, status, 0x1234, {0x8000, 256, 1000}, {0xFF60, 16000, 0xFFFF}, false, aux});
+    b[25] = first2000, b[31] = static_cast<unsigned char>(-OrvosiUtil::checksum(b.data(), 31));
     return b;
 }
 
 // Format 3 carries the pose at 8, format 2 at 20.
 Bytes platPose(uint32_t tag, unsigned char format, float r, float p, float y) {
-    return frame(7, [&](OrvosiWriter& w) {
-        w.u32(tag), w.u8(format);
-        if (format == 2) w.u64(~0ul), w.u32(~0u);
-        w.f32(r), w.f32(p), w.f32(y);
-    });
+    Bytes b = orvsim::buildPlatPoseSubpacket({tag, {r, p, y}});
+    if (format == 2) b.insert(b.begin() + 8, 12, 0xFF);
+    b[7] = format;
+    return orvtest::seal(b, 7);
 }
-// Entry i carries the id given, kind = id % 10, words 10i+1..10i+4 and
-// values i+0.5 .. i+5.5; the trailer is 0x77, wherever a short `length` puts it.
-Bytes target(uint32_t tag, unsigned total, unsigned first, std::vector<unsigned> ids, size_t length = 0) {
-    Bytes b = frame(6, [&](OrvosiWriter& w) {
-        w.u32(tag), w.u8(static_cast<unsigned char>(ids.size())), w.u8(0x44), w.u8(0x99), w.u16(total),
-            w.u16(first);
-        for (size_t i = 0; i < ids.size(); ++i) {
-            w.u8(static_cast<unsigned char>(ids[i] % 10)), w.u16(ids[i]);
-            for (unsigned k = 1; k <= 4; ++k) w.u16(10 * i + k);
-            for (int v = 0; v < 6; ++v) w.f32(static_cast<float>(i) + v + 0.5f);
-        }
-        w.u8(0);
-    });
-    length = length ? length : b.size();
-    b[length - 2] = 0x77;
-    return sealAt(b, length);
+// Entry i of the list carries the id given, kind = id % 10, words
+// 10i+1..10i+4 and values i+0.5 .. i+5.5; header byte 0x44, trailer 0x77.
+// The subpacket holds the entries from `first` on, at most `n` of them.
+Bytes target(uint32_t tag, const std::vector<unsigned>& ids, size_t first = 0, size_t n = 255) {
+    std::vector<OrvAccess::s_TgtData> list;
+    for (unsigned i = 0; i < ids.size(); ++i) {
+        const auto w = [i](unsigned k) { return static_cast<uint16_t>(10 * i + k); };
+        list.push_back({tag, i, ids[i] % 10, static_cast<uint16_t>(ids[i]), 0x44, w(1), w(2), w(3), w(4),
+                        i + 0.5f, i + 1.5f, i + 2.5f, i + 3.5f, i + 4.5f, i + 5.5f, 0x77});
+    }
+    Bytes b = orvsim::buildTargetSubpackets(list, n)[first / n];
+    b[9] = 0x99;  // not read
+    return orvtest::seal(b, 6);
 }
 // All 29 field bytes and the optional ones are present whatever `length` says.
-Bytes diag(uint32_t tag, std::array<unsigned char, 4> errors, unsigned char state, size_t length) {
-    const auto fill = [&](OrvosiWriter& w) {
-        w.u32(tag), w.f32(1.25f), w.u24(0xABCDEF), w.u8(0x11), w.f32(-2.5f), w.u8(0x22);
-        w.bytes(errors.data(), 4), w.u8(state), w.u32(0xA4A3A2A1);
-    };
-    return frame(13, fill, length);
+Bytes diag(uint32_t tag, std::array<unsigned char, 4> e, unsigned char state, size_t length) {
+    const s_OrvAccessDiagData d{
+        tag, 1.25f, 0xABCDEF, 0x11, -2.5f, 0x22, {e[0], e[1], e[2], e[3]}, state, {0xA1, 0xA2, 0xA3, 0xA4}};
+    return sealAt(orvsim::buildDiagSubpacket(d), length);
 }
 const s_OrvAccessGpsData kFix{1,    0x01020304, 47.6062, -122.3321, 3.5f,   0xBEEF,   0x5A,  -1.75f,
                               1e6f, 0xCAFEF00D, 1.0 / 3, -6.02e23,  0.125f, -0.0625f, 42.0f, 0xC3};
 Bytes gps(const s_OrvAccessGpsData& g, unsigned char format = 1) {
-    return frame(8, [&](OrvosiWriter& w) {
-        w.u8(format), w.u32(g.gpsWord1), w.f64(g.lat), w.f64(g.lon), w.f32(g.gpsValue1), w.u16(g.gpsHalf);
-        w.u8(g.gpsByte1), w.f32(g.gpsValue2), w.f32(g.gpsValue3), w.u32(g.gpsWord2), w.f64(g.gpsDouble1);
-        w.f64(g.gpsDouble2), w.f32(g.gpsValue4), w.f32(g.gpsValue5), w.f32(g.gpsValue6);
-        w.u8(static_cast<unsigned char>(g.gpsByte2));
-    });
+    Bytes b = orvsim::buildGpsSubpacket(g);
+    b[3] = format;
+    return orvtest::seal(b, 8);
 }
 
-// A meta packet: the header, the chip packet at 27, then the subpackets
-// (platform pose, target, diagnostic, GPS; empty = absent).
-using Subs = std::array<Bytes, 4>;
+// A meta packet: the header (0xEE in the bytes not read), the chip packet at
+// 27, then the subpackets (platform pose, target, diagnostic, GPS; empty =
+// absent).
+using Subs = orvsim::MetaSubpackets;
 enum Slot { kPlat, kTarget, kDiag, kGps };
 Bytes meta(const Bytes& chipPkt, const Subs& subs = {}, float dt = 0.005f, uint64_t time = 1000) {
-    Bytes b = frame(19, [&](OrvosiWriter& w) {
-        w.u32(0xCAFE0001), w.u8(0xEE), w.f32(dt), w.u8(0xEE), w.zeros(6), w.u64(time);
-        w.bytes(chipPkt.data(), chipPkt.size());
-        for (const Bytes& s : subs) w.bytes(s.data(), s.size());
-    });
-    const size_t field[4] = {13, 14, 15, 17};
-    size_t at = 27 + chipPkt.size();
-    for (int i = 0; i < 4; at += subs[i++].size())
-        if (!subs[i].empty()) OrvosiUtil::lendian(&b[field[i]], at, i < kDiag ? 1 : 2);
-    return sealAt(b, b.size());
+    Bytes b = orvsim::buildMeta(0xCAFE0001, dt, time, chipPkt, subs);
+    b[7] = b[12] = 0xEE;
+    return orvtest::seal(b, 19);
 }
 // One subpacket, no IMU data.
 Bytes meta(Slot slot, const Bytes& sub) {
@@ -291,8 +262,7 @@ TEST_F(Meta, AuxiliaryBytesQueueBoundsAndNoAllocation) {
     std::vector<Bytes> burst;
     for (unsigned char first : {0x1F, 0x20, 0xE0, 0x00, 0x40}) {
         const auto n = static_cast<unsigned char>(burst.size());
-        const Subs subs{platPose(n, 3, 0, 0, 0), target(n, 1, 0, {1}), diag(n, {5, 0, 0, 0}, 1, 30),
-                        gps(kFix)};
+        const Subs subs{platPose(n, 3, 0, 0, 0), target(n, {1}), diag(n, {5, 0, 0, 0}, 1, 30), gps(kFix)};
         burst.push_back(meta(chip(n, 0, first, 0x80 + n), subs));
     }
     access.setVerbosity(0x2);
@@ -339,11 +309,11 @@ TEST_F(Meta, PlatformPoseAndGpsFormats) {
 
 TEST_F(Meta, TargetListsOverSeveralSubpacketsAndRoomForTheWholeBatch) {
     for (uint32_t tag : {0x51u, 0x52u, 0x53u}) {
-        post(meta(kTarget, target(tag, 5, 0, {101, 102, 103})));
-        post(meta(kTarget, target(tag, 5, 3, {104, 105})));
+        post(meta(kTarget, target(tag, {101, 102, 103, 104, 105}, 0, 3)));
+        post(meta(kTarget, target(tag, {101, 102, 103, 104, 105}, 3, 3)));
     }
-    post(meta(kTarget, target(0x55, 3, 2, {7})));     // does not start at index 0
-    post(meta(kTarget, target(0x56, 9, 0, {8, 9})));  // short of its total
+    post(meta(kTarget, target(0x55, {5, 6, 7}, 2, 2)));                           // does not start at index 0
+    post(meta(kTarget, target(0x56, {8, 9, 10, 11, 12, 13, 14, 15, 16}, 0, 2)));  // short of its total
     // The first list record by record: five entries, then the closing
     // record, a copy of the last entry with kind and id 0.
     std::vector<std::array<unsigned, 3>> got;  // index, kind, id
@@ -353,9 +323,9 @@ TEST_F(Meta, TargetListsOverSeveralSubpacketsAndRoomForTheWholeBatch) {
     EXPECT_EQ(got,
               (decltype(got){{0, 1, 101}, {1, 2, 102}, {2, 3, 103}, {3, 4, 104}, {4, 5, 105}, {4, 0, 0}}));
     EXPECT_EQ(std::make_tuple(t.tag, t.hdrByte, t.word1, t.word2, t.word3, t.word4, t.trailer),
-              std::make_tuple(0x51u, 0x44u, uint16_t{11}, uint16_t{12}, uint16_t{13}, uint16_t{14}, 0x77u));
+              std::make_tuple(0x51u, 0x44u, uint16_t{41}, uint16_t{42}, uint16_t{43}, uint16_t{44}, 0x77u));
     EXPECT_EQ((std::vector<float>{t.value1, t.value2, t.value3, t.value4, t.value5, t.value6}),
-              (std::vector<float>{1.5f, 2.5f, 3.5f, 4.5f, 5.5f, 6.5f}));
+              (std::vector<float>{4.5f, 5.5f, 6.5f, 7.5f, 8.5f, 9.5f}));
     // getTargetCount consumes a whole list, drops each record that does not
     // start one, and counts a list left open short of its total.
     EXPECT_EQ(counts(), (Codes{{0x52, 5}, {0x53, 5}}));
@@ -368,7 +338,7 @@ TEST_F(Meta, TargetListsOverSeveralSubpacketsAndRoomForTheWholeBatch) {
     openReceiver("[Memory]\ntargetQueueSize = 10\n");
     access.setVerbosity(OrvUtil::kVerbInfo);
     orvtest::CapturedStdout out;
-    for (uint32_t tag : {1u, 2u, 3u}) post(meta(kTarget, target(tag, 3, 0, {11, 12, 13})));
+    for (uint32_t tag : {1u, 2u, 3u}) post(meta(kTarget, target(tag, {11, 12, 13})));
     EXPECT_EQ(count(out.text(), "ORVAINFO: Target data queue overflow\n"), 1u);
     Codes left;  // (tag, id)
     for (const auto& r : drain(&OrvAccess::getTargetData)) left.emplace_back(r.tag, r.id);
@@ -412,9 +382,9 @@ TEST_F(Meta, DiagnosticCodesStateOptionalBytesStreamingAndOverruns) {
     // too short for its fields is read on past its end too. All are kept.
     access.setVerbosity(OrvUtil::kVerbLog);
     orvtest::CapturedStderr err;
-    post(meta(kTarget, target(0x61, 2, 0, {1, 2}, 14 + 70 + 2)));
-    post(meta(kTarget, target(0x62, 2, 0, {1, 2}, 14 + 70 + 1)));
-    post(meta(kTarget, target(0x63, 3, 0, {1, 2, 3}, 14 + 35 + 22)));
+    post(meta(kTarget, sealAt(target(0x61, {1, 2}), 14 + 70 + 2)));
+    post(meta(kTarget, sealAt(target(0x62, {1, 2}), 14 + 70 + 1)));
+    post(meta(kTarget, sealAt(target(0x63, {1, 2, 3}), 14 + 35 + 22)));
     post(meta(kDiag, diag(0x90, {0, 0, 0, 0x09}, 5, 25)));  // one byte short
     EXPECT_EQ(errorCodes(), (Codes{{778, 0x62}, {778, 0x63}, {0x109, 0x90}, {779, 0x90}}));
     EXPECT_EQ(err.text(),
@@ -426,7 +396,7 @@ TEST_F(Meta, DiagnosticCodesStateOptionalBytesStreamingAndOverruns) {
 
 TEST_F(Meta, BadSubpacketsRaiseTheirCodeAndAreSkipped) {
     // Each kind with one framing fault (the framing check itself is shared).
-    std::vector<Bytes> bad{platPose(1, 3, 0, 0, 0), target(1, 1, 0, {1}), {13, 2, 0}, gps(kFix)};
+    std::vector<Bytes> bad{platPose(1, 3, 0, 0, 0), target(1, {1}), {13, 2, 0}, gps(kFix)};
     bad[0][0] ^= 0x40, bad[1][5] ^= 1, bad[3][5] ^= 1;
     bad[0] = sealAt(bad[0], bad[0].size());  // a good checksum for the wrong start byte
     const char* texts[] = {"platform pose subpacket: Wrong start byte", "target subpacket: Invalid checksum",
@@ -463,7 +433,7 @@ TEST_F(Meta, BadSubpacketsRaiseTheirCodeAndAreSkipped) {
     };
     atEnd(kPlat, Bytes{7, 40, 0});                      // claims 40 bytes
     atEnd(kPlat, sealAt(platPose(1, 2, 0, 0, 0), 21));  // its pose lies at 20..31
-    atEnd(kTarget, target(1, 9, 0, {1, 2, 3}, 16));
+    atEnd(kTarget, sealAt(target(1, {1, 2, 3}), 16));
     atEnd(kDiag, diag(1, {}, 3, 12));
     atEnd(kGps, sealAt(gps(kFix), 40));
     atEnd(kPlat, platPose(9, 3, 1.0f, 2.0f, 3.0f));  // well-formed, read in full

@@ -15,14 +15,10 @@
 
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiMath.hpp"
-#include "osi/OrvosiUtil.hpp"
+#include "sim/Wire.hpp"
 #include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
-
-// The packets are built by copying record fields, which holds on
-// little-endian hosts only.
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "little-endian host");
 
 namespace {
 
@@ -32,19 +28,6 @@ using Rec = s_OrvAccessTrkDataExt;
 // The eleven words of a binary prediction log record, and their meaning.
 using Log = std::array<uint64_t, 11>;
 enum { kTdisp, kTag, kPoseTime, kPeriod, kNat, kNominal, kImuBias, kDispBias, kTcon, kUsed, kTotal };
-
-// A tracking datagram carrying the fields the export reads or passes on
-// (vecA with vecB, vecL with vecM), as {wire offset, record offset, size}.
-#define AT(at, field, size) \
-    { at, offsetof(Rec, field), size }
-Bytes packet(const Rec& r) {
-    Bytes b(332, 0);
-    const size_t fields[][3] = {AT(3, packetTag, 4), AT(7, poseTime, 8),    AT(23, vecA, 24),
-                                AT(99, cbn, 36),     AT(135, position, 12), AT(171, angularRate, 12),
-                                AT(195, cbn2, 36),   AT(231, vecJ, 12),     AT(263, vecL, 24)};
-    for (const auto& f : fields) std::memcpy(&b[f[0]], reinterpret_cast<const char*>(&r) + f[1], f[2]);
-    return orvtest::seal(b, 10);
-}
 
 // A pose at `time` with the identity attitude turning about z at 1 rad/s.
 Rec pose(uint32_t tag, uint64_t time) {
@@ -99,15 +82,13 @@ protected:
         openReceiver("[General]\nlogging = 4\nlogPath = " + dir.prefix() + "\n[Processing]\n" + processing);
     }
     void sendMeta() {  // a meta packet whose IMU sample interval is 1 ms
-        Bytes meta(47, 0);
-        OrvosiUtil::lendianFloat32(&meta[8], 0.001f);
-        send(orvtest::kMeta, orvtest::seal(meta, 19));
+        send(orvtest::kMeta, orvsim::buildMeta(0, 0.001f, 0, orvsim::buildChipPacket({}), {}));
         ASSERT_TRUE(access.serviceUdp(false));
     }
     // Sends a pose, makes one display-time call and returns the log record
     // that the call wrote.
     Log call(uint32_t tag, uint64_t time, unsigned long tdisp, Rec* out = nullptr) {
-        send(kCore, packet(pose(tag, time)));
+        send(kCore, orvsim::buildTracking(pose(tag, time)));
         bool valid = false;
         Rec r{};
         EXPECT_TRUE(access.getTrackingDataAtTime(tdisp, &valid, out ? out : &r) && valid)
@@ -133,7 +114,7 @@ TEST_F(Prediction, ExportPredictsAddsTheTipAndBoresightsInCppAndC) {
     float next = 0.3f;
     for (float* v : {sent.vecA, sent.vecB, sent.position, sent.angularRate, sent.vecJ, sent.vecL, sent.vecM})
         for (int i = 0; i < 3; ++i) v[i] = next = -0.7f * next + 0.4f;
-    send(kCore, packet(sent));
+    send(kCore, orvsim::buildTracking(sent));
     Rec r{};
     bool valid = false;
     float bore[3] = {0, 0, 0.1f}, tip[3] = {1, 0, 0}, bore2[3] = {0.05f, -0.02f, 0.3f},
@@ -153,7 +134,7 @@ TEST_F(Prediction, ExportPredictsAddsTheTipAndBoresightsInCppAndC) {
     OrvAccess* h = OrvAccess_create();
     OrvAccess_setIniPath(h, (dir.prefix() + "orvaccess.ini").c_str());
     ASSERT_EQ(OrvAccess_open(h), 1);
-    send(kCore, packet(sent));
+    send(kCore, orvsim::buildTracking(sent));
     int delivered = 0;
     s_OrvAccessTrkData d{};
     EXPECT_TRUE(OrvAccess_setPrediction(h, 0.04f) && OrvAccess_setBoresightRef(h, bore2) &&
@@ -175,7 +156,7 @@ TEST_F(Prediction, FixedIntervalPoseTimeAgeAndBounds) {
     // From the record's time stamp: three queued records, one call takes
     // them all and predicts the newest; then there is nothing.
     open("predictionS = 0.03\nvirtualSyncCtrl = 2\n");
-    for (uint32_t tag : {1u, 2u}) send(kCore, packet(pose(tag, 1000000)));
+    for (uint32_t tag : {1u, 2u}) send(kCore, orvsim::buildTracking(pose(tag, 1000000)));
     access.setVerbosity(0x100000);
     Rec r{};
     {
@@ -268,7 +249,7 @@ TEST_F(Prediction, ImuClockFromSampleIds) {
     // Sample k nominally at k ms; the clocks carry bits above the 44 that
     // are compared. Three queued samples all feed the bias.
     const unsigned long high = 5ul << 44, t0 = high + 2000000;
-    for (uint32_t tag : {10u, 11u}) send(kCore, packet(pose(tag, t0 + tag * 1000)));
+    for (uint32_t tag : {10u, 11u}) send(kCore, orvsim::buildTracking(pose(tag, t0 + tag * 1000)));
     access.setVerbosity(0x100000);
     {
         orvtest::CapturedStdout out;
@@ -309,7 +290,7 @@ TEST_F(Prediction, GettersDoNotAllocate) {
     bool ok = false, valid = false;
     Rec r{};
     for (uint32_t tag = 0; tag < 200; ++tag) {
-        const Bytes b = packet(pose(tag, 1000000 + 1000 * tag));
+        const Bytes b = orvsim::buildTracking(pose(tag, 1000000 + 1000 * tag));
         send(kCore, b), send(kCore, b);
         const long n = orvtest::allocationsDuring([&] {
             ok = access.getTrackingDataLatest(&valid, &r) && access.getTrackingData(&valid, &r) &&

@@ -9,20 +9,16 @@
 #include <cstddef>
 #include <cstring>
 #include <fstream>
-#include <initializer_list>
 #include <iterator>
 #include <utility>
 #include <vector>
 
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiUtil.hpp"
+#include "sim/Wire.hpp"
 #include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
-
-// The packets are built by copying record fields, which holds on
-// little-endian hosts only.
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "little-endian host");
 
 namespace {
 
@@ -52,40 +48,29 @@ void expectRecords(const std::vector<T>& got, const std::vector<T>& want) {
     EXPECT_EQ(std::memcmp(got.data(), want.data(), sizeof(T) * got.size()), 0);
 }
 
-const unsigned char* bytesOf(const void* record, size_t offset = 0) {
-    return static_cast<const unsigned char*>(record) + offset;
-}
-
-// The fields a tracking packet carries, in wire order, as record offset and size.
-#define FIELD(m) \
-    { offsetof(Rec, m), sizeof(Rec::m) }
-constexpr std::pair<size_t, size_t> kWire[] = {
-    FIELD(packetTag), FIELD(poseTime),    FIELD(platPoseTime), FIELD(statusWord), FIELD(vecA),
-    FIELD(vecB),      FIELD(vecC),        FIELD(vecD),         FIELD(vecE),       FIELD(vecF),
-    FIELD(countA),    FIELD(countB),      FIELD(cbn),          FIELD(position),   FIELD(vecG),
-    FIELD(vecH),      FIELD(angularRate), FIELD(vecI),         FIELD(cbn2),       FIELD(vecJ),
-    FIELD(vecK),      FIELD(time2),       FIELD(vecL),         FIELD(vecM),       FIELD(scalarA),
-    FIELD(scalarB),   FIELD(errorCodes),  FIELD(vecN),         FIELD(vecO)};
-
 // Every field the packet carries holds a value no other field holds: the
-// floats 0.75, 1.25, 1.75 ... word by word in wire order, a few set apart.
+// floats 0.75, 1.25, 1.75 ... word by word in wire order (the error codes
+// take one word and are cleared), a few set apart.
 Rec distinct(uint32_t tag) {
-    Rec t;
-    std::memset(&t, 0, sizeof t);
+    Rec t{};
+    const std::pair<void*, int> fields[] = {
+        {&t.packetTag, 1}, {&t.poseTime, 2}, {&t.platPoseTime, 1}, {&t.statusWord, 1}, {t.vecA, 18},
+        {t.cbn, 9},        {t.position, 15}, {t.cbn2, 9},          {t.vecJ, 3},        {t.vecK, 3},
+        {&t.time2, 2},     {t.vecL, 9},      {t.vecN, 6}};
     float next = 0.75f;
-    for (const auto& [offset, size] : kWire)
-        for (size_t i = 0; i + 4 <= size; i += 4, next += 0.5f)
-            std::memcpy(reinterpret_cast<char*>(&t) + offset + i, &next, 4);
+    for (auto [field, words] : fields)
+        for (int i = 0; i < words; ++i, next += 0.5f)
+            std::memcpy(static_cast<char*>(field) + 4 * i, &next, 4);
     t.packetTag = tag, t.countA = 0x1234, t.countB = 0xFEDC;
     std::memset(t.errorCodes, 0, 4);
     return t;
 }
 
-Bytes packet(const Rec& t, const Bytes& optical = {}) {
-    Bytes b(332 + optical.size(), 0xEE);  // the 8 reserved bytes at 323 must land nowhere
-    size_t at = 3;
-    for (const auto& [offset, size] : kWire) std::memcpy(&b[at], bytesOf(&t, offset), size), at += size;
-    std::copy(optical.begin(), optical.end(), b.begin() + 331);
+// A tracking packet followed by `sub` as it is; the 8 reserved bytes at 323
+// must land nowhere.
+Bytes packet(const Rec& t, const Bytes& sub = {}) {
+    Bytes b = orvsim::buildTracking(t, sub);
+    std::fill_n(&b[323], 8, 0xEE);
     return orvtest::seal(b, 10);
 }
 
@@ -110,8 +95,6 @@ std::vector<TgtRes> residuals(uint32_t tag, uint32_t first, uint32_t count) {
     return r;
 }
 
-// Statistics as the record holds them; on the wire the flags are 7 and, for
-// odd tags, 9.
 Stats expectedStats(uint32_t tag) {
     Stats s{tag, 1, 2, 250, 4, 0.125f, 1, tag & 1, -3.5f, {}, {}, {}, {}, 0, 0, 0, 0, {}};
     float next = 100;
@@ -120,23 +103,20 @@ Stats expectedStats(uint32_t tag) {
     return s;
 }
 
-// The subpacket that yields `records` (closing record last).
+// The subpacket that yields `records` (closing record last), with 0xBEEF in
+// the two bytes that are not read; the statistics flags travel as 7 and, for
+// odd tags, 9.
 Bytes optical(const std::vector<TgtRes>& records, bool withStats = false) {
-    const size_t n = records.size() - 1;
-    Bytes b{16, 0, 0, 0, 0, 0, 0, static_cast<unsigned char>(n), 0xEF, 0xBE};  // bytes 8 and 9 are not read
-    OrvosiUtil::lendian(&b[3], records[0].tag, 4);
-    const auto append = [&b](const void* p, size_t size) {
-        b.insert(b.end(), static_cast<const unsigned char*>(p), static_cast<const unsigned char*>(p) + size);
-    };
-    for (size_t i = 0; i < n; ++i) append(&records[i].id, 2), append(records[i].resid, 20);
-    if (withStats) {
-        const Stats s = expectedStats(records[0].tag);
-        const unsigned char flags[2] = {7, static_cast<unsigned char>(s.flagB * 9)};
-        for (const uint32_t* v : {&s.stat0, &s.stat1, &s.stat2, &s.stat3}) append(v, 1);
-        append(&s.value0, 4), append(flags, 2),
-            append(bytesOf(&s, offsetof(Stats, value1)), 68);  // to value5
+    orvsim::Optical o{records[0].tag, {}, std::nullopt};
+    for (size_t i = 0; i + 1 < records.size(); ++i) {
+        o.targets.push_back({static_cast<uint16_t>(records[i].id), {}});
+        std::copy_n(records[i].resid, 5, o.targets.back().resid);
     }
-    b.push_back(0);
+    if (withStats) o.stats = expectedStats(o.tag);
+    Bytes b = orvsim::buildOpticalSubpacket(o);
+    const size_t flags = 18 + 22 * o.targets.size();
+    b[8] = 0xEF, b[9] = 0xBE;
+    if (withStats) b[flags] = 7, b[flags + 1] = static_cast<unsigned char>(9 * o.stats->flagB);
     return orvtest::seal(b, 16);
 }
 
@@ -144,27 +124,6 @@ Bytes optical(const std::vector<TgtRes>& records, bool withStats = false) {
 void pattern(void* record, size_t size) {
     for (size_t i = 0; i < size; ++i)
         static_cast<unsigned char*>(record)[i] = static_cast<unsigned char>(i * 7 + 1);
-}
-// A datagram of `size` bytes (filler 0xEE, not sealed) carrying record fields
-// given as {wire offset, record offset, size}.
-#define AT(at, Type, field, size) \
-    { at, offsetof(Type, field), size }
-Bytes datagram(size_t size, const void* record, std::initializer_list<std::array<size_t, 3>> fields) {
-    Bytes b(size, 0xEE);
-    for (const auto& [at, offset, n] : fields) std::memcpy(&b[at], bytesOf(record, offset), n);
-    return b;
-}
-
-// A PRA packet: a matrix goes one row to each of vec1 to vec3, three vectors
-// to vec4 and the first six words of extra; the sixty counts go to the other
-// words as they lie, the first of each pair in the low half.
-Bytes praPacket(const Stats& s) {
-    Bytes b = datagram(
-        220, &s,
-        {AT(3, Stats, tag, 4), AT(7, Stats, flagA, 1), AT(8, Stats, stat0, 1), AT(9, Stats, stat1, 1),
-         AT(10, Stats, stat2, 1), AT(11, Stats, value0, 4), AT(15, Stats, vec1, 48), AT(63, Stats, extra, 24),
-         AT(87, Stats, value3, 12), AT(99, Stats, extra[6], 120)});
-    return orvtest::seal(b, 15);
 }
 
 TEST_F(Tracking, EveryFieldErrorBytesQueueBoundTraceAndLog) {
@@ -304,7 +263,7 @@ TEST_F(Tracking, OpticalRoomRulesPraRecordsAndOverflowTexts) {
     for (uint32_t* v : {&pra.flagA, &pra.stat0, &pra.stat1, &pra.stat2}) *v &= 0xFF;
     pra.stat3 = pra.flagB = 0, pra.value1 = pra.value2 = 0;
     for (uint32_t i = 0; i <= 10; ++i) send(kCore, packet(distinct(4), optical(residuals(i, 0, 0), true)));
-    send(kCore, praPacket(pra));
+    send(kCore, orvsim::buildPra(pra));
     orvtest::CapturedStdout out;
     EXPECT_EQ(received(), 0x110u);
     const std::string text = out.text();
@@ -345,11 +304,8 @@ TEST_F(Packets, HubDataFieldsGapEulerAnglesAndHubErrors) {
     Hub want;
     pattern(&want, sizeof want);
     OrvUtil::cbn2Euler(want.cbn, want.euler);
-    // Bytes 7 to 9 carry nothing for the record.
-    Bytes b = datagram(
-        151, &want,
-        {AT(3, Hub, word, 4), AT(10, Hub, status, 1), AT(11, Hub, halfWord, 2), AT(13, Hub, words, 8),
-         AT(21, Hub, time, 8), AT(29, Hub, cbn, 36), AT(65, Hub, vec, 84), AT(149, Hub, lastByte, 1)});
+    Bytes b = orvsim::buildHubData(want);
+    std::fill_n(&b[7], 3, 0xEE);  // bytes 7 to 9 carry nothing for the record
     send(kHub, orvtest::seal(b, 11));
     EXPECT_EQ(received(), 0x20u);
     Hub got;
@@ -357,13 +313,13 @@ TEST_F(Packets, HubDataFieldsGapEulerAnglesAndHubErrors) {
     ASSERT_TRUE(access.getHubData(&valid, &got) && valid);
     // Everything but the padding bytes at 7 and after lastByte.
     EXPECT_EQ(std::memcmp(&got, &want, 7), 0);
-    EXPECT_EQ(std::memcmp(bytesOf(&got, 8), bytesOf(&want, 8), offsetof(Hub, lastByte) - 7), 0);
+    EXPECT_EQ(std::memcmp(&got.words, &want.words, offsetof(Hub, lastByte) - 7), 0);
 
     // Hub errors: the value at 3, the code at 8 (byte 7 is not read, the
     // checksum not checked); code 0 queues nothing and no bit is set.
     for (unsigned char code : {5, 0, 8}) {
-        Bytes e{12, 10, 0, 0, 0, 0, 0, 0x77, code, 0x42};
-        OrvosiUtil::lendian(&e[3], 0xDEADBE00u + code, 4);
+        Bytes e = orvsim::buildHubError(0xDEADBE00u + code, code);
+        e[7] = 0x77, e[9] ^= 0x42;
         send(kHub, e);
     }
     EXPECT_EQ(received(), 0u);
@@ -386,16 +342,12 @@ std::vector<Feat> features(uint32_t tag, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) f.push_back({tag, i, 1, {i + 0.25f, -1.0f * i, 1000.0f + i}});
     return f;
 }
-// `count` replaces the feature count on the wire when given. Position, vecG,
-// vecH and angularRate lie together in both.
+// `count` replaces the feature count on the wire when given.
 Bytes nftPacket(const Rec& p, const std::vector<Feat>& f, long count = -1) {
-    const size_t end = 140 + 12 * f.size();
-    Bytes b = datagram(
-        end + 13, &p,
-        {AT(3, Rec, packetTag, 4), AT(7, Rec, poseTime, 8), AT(15, Rec, cbn, 36), AT(51, Rec, position, 48),
-         AT(99, Rec, vecJ, 12), AT(111, Rec, extB, 24), AT(135, Rec, countA, 1), AT(end, Rec, extD, 12)});
-    OrvosiUtil::lendian(&b[136], count >= 0 ? static_cast<unsigned long>(count) : f.size(), 4);
-    for (size_t i = 0; i < f.size(); ++i) std::memcpy(&b[140 + 12 * i], f[i].position, 12);
+    std::vector<std::array<float, 3>> positions;
+    for (const Feat& x : f) positions.push_back({x.position[0], x.position[1], x.position[2]});
+    Bytes b = orvsim::buildNft(p, positions);
+    if (count >= 0) OrvosiUtil::lendian(&b[136], static_cast<unsigned long>(count), 4);
     return orvtest::seal(b, 14);
 }
 TEST_F(Packets, NftPoseJoinsTheTrackingQueueAndRoomIsMadeForTheWholePacket) {

@@ -3,7 +3,7 @@
 #include <poll.h>
 
 #include "orvaccess/OrvAccess.hpp"
-#include "osi/OrvosiCursor.hpp"
+#include "sim/Wire.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
 
@@ -56,13 +56,7 @@ TEST_F(Uplink, PlatformPoseGpsAndInputDatagrams) {
     // 1.5f = 3FC00000, -0.25f = BE800000, 720.0f = 44340000.
     EXPECT_EQ(next(), (Bytes{0x07, 0x15, 0x00, 0xEF, 0xBE, 0xAD, 0xDE, 0x03, 0x00, 0x00, 0xC0,
                              0x3F, 0x00, 0x00, 0x80, 0xBE, 0x00, 0x00, 0x34, 0x44, 0xF4}));
-    Bytes want(73);
-    OrvosiWriter w(want.data(), want.size());
-    w.u8(8), w.u16(73), w.u8(1), w.u32(g.gpsWord1), w.f64(g.lat), w.f64(g.lon), w.f32(g.gpsValue1),
-        w.u16(g.gpsHalf);
-    w.u8(g.gpsByte1), w.f32(g.gpsValue2), w.f32(g.gpsValue3), w.u32(g.gpsWord2), w.f64(g.gpsDouble1);
-    w.f64(g.gpsDouble2), w.f32(g.gpsValue4), w.f32(g.gpsValue5), w.f32(g.gpsValue6), w.u8(0xFF), w.seal();
-    EXPECT_EQ(next(), want);
+    EXPECT_EQ(next(), orvsim::buildGpsSubpacket(g));  // gpsByte2 travels as its low byte
     EXPECT_EQ(next(), (Bytes{0x08, 0x05, 0x00, 0x2A, 0xC9}));
     EXPECT_EQ(next(), (Bytes{0x08, 0x05, 0x00, 0x00, 0xF3}));
 }
