@@ -8,7 +8,6 @@
 #include <string>
 
 #include "access/ImageState.hpp"
-#include "access/MetaState.hpp"
 #include "access/PredictionState.hpp"
 #include "access/RecordQueue.hpp"
 #include "orvaccess/OrvAccess.hpp"
@@ -137,8 +136,6 @@ struct OrvAccess::State {
     ImageState img;
     // Display-time prediction and clock alignment.
     PredictionState vs;
-    // Meta-packet bookkeeping beyond the queues.
-    MetaState metaState;
 
     // The one receive buffer shared by every port. Zeroed once, so that reads
     // past a short datagram (which some counts on the wire ask for) see
