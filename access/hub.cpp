@@ -19,8 +19,6 @@ constexpr unsigned short kBadNftPkt = 782;
 constexpr unsigned short kBadPraPkt = 784;
 constexpr unsigned short kHubOrigin = 0x400;
 
-void vec3(OrvosiReader& r, float* v) { r.f32s(v, 3); }
-
 }  // namespace
 
 void OrvAccess::processHubDataPkt(const unsigned char* pkt) {
@@ -42,7 +40,7 @@ void OrvAccess::processHubDataPkt(const unsigned char* pkt) {
     rec.words[1] = r.u32();
     rec.time = r.u64();
     r.f32s(&rec.cbn[0][0], 9);
-    for (float* v : rec.vec) vec3(r, v);
+    for (float* v : rec.vec) r.f32s(v, 3);
     rec.lastByte = r.u8();
     OrvUtil::cbn2Euler(rec.cbn, rec.euler);
     s.hubData.push(rec, s.cfg.verbosity);
@@ -78,10 +76,10 @@ void OrvAccess::processPraPkt(const unsigned char* pkt) {
     rec.stat1 = r.u8();
     rec.stat2 = r.u8();
     rec.value0 = r.f32();
-    vec3(r, rec.vec1);
-    vec3(r, rec.vec2);
-    vec3(r, rec.vec3);
-    vec3(r, rec.vec4);
+    r.f32s(rec.vec1, 3);
+    r.f32s(rec.vec2, 3);
+    r.f32s(rec.vec3, 3);
+    r.f32s(rec.vec4, 3);
     // Vectors B and C travel as the first six words of extra.
     for (int i = 0; i < 6; ++i) {
         const float f = r.f32();
@@ -111,13 +109,13 @@ void OrvAccess::processNftDataPkt(const unsigned char* pkt) {
     rec.poseTime = r.u64();
     r.f32s(&rec.cbn[0][0], 9);
     OrvUtil::cbn2Euler(rec.cbn, rec.euler);
-    vec3(r, rec.position);
-    vec3(r, rec.vecG);
-    vec3(r, rec.vecH);
-    vec3(r, rec.angularRate);
-    vec3(r, rec.vecJ);
-    vec3(r, rec.extB);
-    vec3(r, rec.extB + 3);
+    r.f32s(rec.position, 3);
+    r.f32s(rec.vecG, 3);
+    r.f32s(rec.vecH, 3);
+    r.f32s(rec.angularRate, 3);
+    r.f32s(rec.vecJ, 3);
+    r.f32s(rec.extB, 3);
+    r.f32s(rec.extB + 3, 3);
     rec.countA = r.u8();
     const uint32_t count = r.u32();
 
@@ -136,10 +134,10 @@ void OrvAccess::processNftDataPkt(const unsigned char* pkt) {
     feat.valid = 1;
     for (uint32_t i = 0; i < count; ++i) {
         feat.index = i;
-        vec3(r, feat.position);
+        r.f32s(feat.position, 3);
         s.features.append(feat);
     }
-    vec3(r, rec.extD);
+    r.f32s(rec.extD, 3);
 
     s.tracking.push(rec, verbosity);
     s.latestTrackingValid = true;

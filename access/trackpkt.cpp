@@ -24,8 +24,6 @@ constexpr unsigned int kPlatPoseTraceBit = 0x400000;
 constexpr unsigned int kOpticalLogChannel = 0x200;
 constexpr unsigned int kHarmonisationChannel = 0x8;
 
-void vec3(OrvosiReader& r, float* v) { r.f32s(v, 3); }
-
 void badOptical(OrvAccess& access, unsigned int verbosity, const char* reason) {
     OrvUtil::logLine(verbosity, "Bad optical subpacket: ", reason);
     access.addErrorCode(kBadOpticalSubPkt, 0);
@@ -101,10 +99,10 @@ void processOpticalSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned
         st.flagA = r.u8() != 0 ? 1 : 0;
         st.flagB = r.u8() != 0 ? 1 : 0;
         st.value1 = r.f32();
-        vec3(r, st.vec1);
-        vec3(r, st.vec2);
-        vec3(r, st.vec3);
-        vec3(r, st.vec4);
+        r.f32s(st.vec1, 3);
+        r.f32s(st.vec2, 3);
+        r.f32s(st.vec3, 3);
+        r.f32s(st.vec4, 3);
         st.value2 = r.f32();
         st.value3 = r.f32();
         st.value4 = r.f32();
@@ -140,31 +138,31 @@ void OrvAccess::processTrackingPkt(const unsigned char* packet) {
     rec.poseTime = r.u64();
     rec.platPoseTime = r.u32();
     rec.statusWord = r.u32();
-    vec3(r, rec.vecA);
-    vec3(r, rec.vecB);
-    vec3(r, rec.vecC);
-    vec3(r, rec.vecD);
-    vec3(r, rec.vecE);
-    vec3(r, rec.vecF);
+    r.f32s(rec.vecA, 3);
+    r.f32s(rec.vecB, 3);
+    r.f32s(rec.vecC, 3);
+    r.f32s(rec.vecD, 3);
+    r.f32s(rec.vecE, 3);
+    r.f32s(rec.vecF, 3);
     rec.countA = r.u16();
     rec.countB = r.u16();
     r.f32s(&rec.cbn[0][0], 9);
-    vec3(r, rec.position);
-    vec3(r, rec.vecG);
-    vec3(r, rec.vecH);
-    vec3(r, rec.angularRate);
-    vec3(r, rec.vecI);
+    r.f32s(rec.position, 3);
+    r.f32s(rec.vecG, 3);
+    r.f32s(rec.vecH, 3);
+    r.f32s(rec.angularRate, 3);
+    r.f32s(rec.vecI, 3);
     r.f32s(&rec.cbn2[0][0], 9);
-    vec3(r, rec.vecJ);
-    vec3(r, rec.vecK);
+    r.f32s(rec.vecJ, 3);
+    r.f32s(rec.vecK, 3);
     rec.time2 = r.u64();
-    vec3(r, rec.vecL);
-    vec3(r, rec.vecM);
+    r.f32s(rec.vecL, 3);
+    r.f32s(rec.vecM, 3);
     rec.scalarA = r.f32();
     rec.scalarB = r.f32();
     for (unsigned char& code : rec.errorCodes) code = r.u8();
-    vec3(r, rec.vecN);
-    vec3(r, rec.vecO);
+    r.f32s(rec.vecN, 3);
+    r.f32s(rec.vecO, 3);
     r.skip(8);  // reserved
 
     for (unsigned char code : rec.errorCodes)
