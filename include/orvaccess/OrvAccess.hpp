@@ -185,3 +185,9 @@ private:
 
     std::unique_ptr<State> st_;
 };
+
+// Layouts that other programs rely on (records are copied whole and logged).
+static_assert(sizeof(s_OrvAccessTrkDataExt) == 448, "the tracking record is 448 bytes");
+static_assert(sizeof(OrvAccess::s_TgtResData) == 32, "a target residual record is 32 bytes");
+static_assert(sizeof(s_OrvAccessHubData) % 8 == 0, "the hub record is padded to a multiple of 8 bytes");
+static_assert(sizeof(OrvAccess::s_ImuCrs) == 32, "a clock-relation row is 256 bits");

@@ -191,6 +191,10 @@ typedef struct s_OrvAccessHubData {
     uint8_t lastByte;
 } s_OrvAccessHubData;
 
+#if defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L && !defined(__cplusplus)
+_Static_assert(sizeof(s_OrvAccessTrkDataExt) == 448, "the tracking record is 448 bytes");
+#endif
+
 /* ---- enumerations ------------------------------------------------------- */
 
 /* Which IMU: the camera IMU is the one carried by meta packets. */
