@@ -67,7 +67,6 @@ public:
         dropOldest();
         return true;
     }
-    const T& front() const { return data_[head_]; }
 
     size_t size() const { return count_; }
     bool empty() const { return count_ == 0; }

@@ -27,8 +27,6 @@ public:
     bool flush();
     int close();
     std::string getLastError() const { return lastError_; }
-    // The receive time-out that open() set (zero when non-blocking).
-    timeval receiveTimeout() const { return timeout_; }
     // The socket, for polling or option queries; -1 when closed.
     int descriptor() const { return fd_; }
 
