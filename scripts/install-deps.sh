@@ -12,6 +12,8 @@ packages=(
   libgtest-dev
   libgmock-dev
   libbenchmark-dev
+  libcli11-dev
+  libncurses-dev
 )
 
 missing=()
