@@ -93,9 +93,9 @@ OrvAccess::~OrvAccess() {
     st_->closeEndpoints();
 }
 
-std::string OrvAccess::getVersion() { return "1.23.00"; }
+std::string OrvAccess::getVersion() { return kOrvAccessVersion; }
 
-std::string OrvAccess::getBuildDate() { return "Sep 25 2017"; }
+std::string OrvAccess::getBuildDate() { return kOrvAccessBuildDate; }
 
 unsigned long OrvAccess::getTimeUs() { return OrvosiUtil::getTimeSysUs(); }
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "access/Config.hpp"
 #include "access/ImageState.hpp"
 #include "access/PredictionState.hpp"
 #include "access/RecordQueue.hpp"
@@ -15,43 +16,6 @@
 #include "osi/OrvosiTcp.hpp"
 #include "osi/OrvosiUdp.hpp"
 #include "osi/OrvosiUtil.hpp"
-
-// The configuration file's values, with their defaults. Ports stay text:
-// "0" disables a port, compared as text.
-struct OrvAccessConfig {
-    // General
-    uint32_t verbosity = 0;
-    uint32_t logging = 0;
-    std::string logPath = "./";
-    // Communication
-    bool tcpOrvRxEnabled = true;
-    std::string tcpOrvRxAddr = "localhost";
-    std::string tcpOrvRxPort = "51717";
-    std::string udpOrvRxPort = "5001";
-    std::string udpOrvRxImgPort = "5003";
-    std::string udpOrvRxInputPort = "5004";
-    std::string udpOrvCorePort = "5002";
-    std::string udpOrvHubPort = "5006";
-    std::string udpNftPort = "5007";
-    std::string sMemImgName = "orvHubImage";
-    int32_t udpOrvRxRcvBufSize = 65536;
-    int32_t udpOrvRxImgRcvBufSize = 524288;
-    int32_t udpOrvCoreRcvBufSize = 65536;
-    int32_t udpOrvHubRcvBufSize = 65536;
-    int32_t udpNftRcvBufSize = 65536;
-    // Processing
-    double predictionS = 0.0;
-    int64_t virtualSyncCtrl = 0;
-    double boresightRefRad[3] = {0.0, 0.0, 0.0};  // roll, pitch, yaw
-    double tipOffsetM[3] = {0.0, 0.0, 0.0};
-    // Memory
-    uint32_t imgBufSize = 0x400000;
-    uint32_t imuQueueSize = 10000;
-    uint32_t targetQueueSize = 10000;
-    uint32_t trackingQueueSize = 10000;
-    uint32_t gpsQueueSize = 10000;
-    uint32_t errorCodeQueueSize = 10000;
-};
 
 // No configuration key bounds the hub data queue; it gets the bound the
 // configurable queues have by default.

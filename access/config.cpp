@@ -9,6 +9,7 @@
 
 #include <cstdio>
 
+#include "access/Config.hpp"
 #include "access/State.hpp"
 
 namespace {
@@ -61,23 +62,22 @@ bool loadIni(IniFile& ini, const std::string& path) {
 
 }  // namespace
 
-void OrvAccess::init() {
-    State& s = *st_;
+bool readConfig(const std::string& path, OrvAccessConfig& c, bool echo) {
     IniFile ini;
-    const bool loaded = loadIni(ini, s.iniPath);
+    const bool loaded = loadIni(ini, path);
 
     const OrvAccessConfig defaults;
-    OrvAccessConfig& c = s.cfg;
     ConfigReader r(ini);
     c.verbosity = static_cast<uint32_t>(ini.GetLongValue("General", "verbosity", defaults.verbosity));
-    r.setVerbosity(c.verbosity);
-    OrvUtil::infoLine(c.verbosity, "verbosity = ", c.verbosity);
-    OrvUtil::logLine(c.verbosity, "Version ", getVersion());
-    OrvUtil::logLine(c.verbosity, "Build date ", getBuildDate());
+    const unsigned int verbosity = echo ? c.verbosity : 0;
+    r.setVerbosity(verbosity);
+    OrvUtil::infoLine(verbosity, "verbosity = ", c.verbosity);
+    OrvUtil::logLine(verbosity, "Version ", kOrvAccessVersion);
+    OrvUtil::logLine(verbosity, "Build date ", kOrvAccessBuildDate);
     if (loaded) {
-        OrvUtil::logLine(c.verbosity, "Using ", s.iniPath);
+        OrvUtil::logLine(verbosity, "Using ", path);
     } else {
-        OrvUtil::logLine(c.verbosity, s.iniPath, " not found");
+        OrvUtil::logLine(verbosity, path, " not found");
     }
 
     c.logging = static_cast<uint32_t>(r.integer("General", "logging", defaults.logging));
@@ -119,6 +119,15 @@ void OrvAccess::init() {
     c.tipOffsetM[0] = r.real("Processing", "TipOffsetXM", defaults.tipOffsetM[0]);
     c.tipOffsetM[1] = r.real("Processing", "TipOffsetYM", defaults.tipOffsetM[1]);
     c.tipOffsetM[2] = r.real("Processing", "TipOffsetZM", defaults.tipOffsetM[2]);
+
+    return loaded;
+}
+
+void OrvAccess::init() {
+    State& s = *st_;
+    const OrvAccessConfig& c = s.cfg;
+    s.cfg = OrvAccessConfig();
+    readConfig(s.iniPath, s.cfg, true);
 
     // Run-time parameters start from the configuration.
     s.predictionS = c.predictionS;
