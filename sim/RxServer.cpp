@@ -52,8 +52,13 @@ RxServer::RxServer(std::string fileFolder) : folder_(std::move(fileFolder)) {
 
 RxServer::~RxServer() { close(); }
 
-bool RxServer::open(int port) {
+bool RxServer::open(int port, const std::string& address) {
     close();
+    in_addr host{};
+    if (inet_pton(AF_INET, address.c_str(), &host) != 1) {
+        lastError_ = "Cannot listen for commands on \"" + address + "\": not a dotted address";
+        return false;
+    }
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     if (fd < 0) return OrvosiUtil::failWithSystemText(lastError_, "Cannot create the command socket: ");
     const int one = 1;
@@ -61,7 +66,7 @@ bool RxServer::open(int port) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_addr = host;
     if (bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0 || listen(fd, 4) != 0 ||
         !setNonBlocking(fd)) {
         const std::string prefix = "Cannot listen for commands on port " + std::to_string(port) + ": ";

@@ -1,5 +1,5 @@
-// The command server of orvRx: a single-threaded, non-blocking TCP server on
-// 127.0.0.1 that speaks the framed command protocol the library uses.
+// The command server of orvRx: a single-threaded, non-blocking TCP server (on
+// 127.0.0.1 unless told otherwise) that speaks the framed command protocol.
 //
 // Run it from a main loop: open(port) once, then poll() as often as the loop
 // ticks; poll() accepts a client, reads what has arrived, answers every
@@ -61,9 +61,9 @@ public:
     RxServer(const RxServer&) = delete;
     RxServer& operator=(const RxServer&) = delete;
 
-    // Listens on 127.0.0.1:port (closing first whatever was open). False
-    // with lastError() set when the port cannot be taken.
-    bool open(int port);
+    // Listens on address:port (closing first whatever was open); the address
+    // is dotted decimal. False with lastError() set when it cannot be taken.
+    bool open(int port, const std::string& address = "127.0.0.1");
     // Accepts, reads, answers; never blocks.
     void poll();
     // Drops the client and stops listening. Registers and IMU state stay.
