@@ -11,18 +11,18 @@ bool FaultInjector::draw(double rate) {
     return u < rate;
 }
 
-void FaultInjector::corrupt(Datagram& d) {
+uint64_t* FaultInjector::corrupt(Datagram& d) {
     const bool lengthField = (rng_() & 1u) != 0;
     if (lengthField && d.size() >= 3) {
         // One more than the true size; the receiver compares it exactly.
         const unsigned int len = (d[1] | (d[2] << 8)) + 1u;
         d[1] = static_cast<unsigned char>(len);
         d[2] = static_cast<unsigned char>(len >> 8);
-        ++counts_.badLength;
-    } else if (!d.empty()) {
-        d.back() ^= 0xFF;  // the 8-bit sum is no longer zero
-        ++counts_.badChecksum;
+        return &++counts_.badLength;
     }
+    if (d.empty()) return nullptr;
+    d.back() ^= 0xFF;  // the 8-bit sum is no longer zero
+    return &++counts_.badChecksum;
 }
 
 void FaultInjector::emit(Datagram d, bool twice, std::vector<Datagram>& out) {
@@ -44,8 +44,10 @@ void FaultInjector::process(Datagram dgram, std::vector<Datagram>& out) {
         ++counts_.dropped;
         return;
     }
-    if (damage) corrupt(dgram);
+    uint64_t* damaged = damage ? corrupt(dgram) : nullptr;
     if (twice) ++counts_.duplicated;
+    // Both copies of a damaged duplicate fail the receiver's check.
+    if (twice && damaged != nullptr) ++*damaged;
     if (hold && !held_) {
         held_ = std::move(dgram);
         heldTwice_ = twice;

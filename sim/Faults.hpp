@@ -23,7 +23,7 @@ struct FaultCounts {
     uint64_t in = 0;   // datagrams handed to process()
     uint64_t out = 0;  // datagrams handed back, duplicates included
     uint64_t dropped = 0;
-    uint64_t badChecksum = 0;
+    uint64_t badChecksum = 0;  // datagrams on the wire: both copies of a damaged duplicate
     uint64_t badLength = 0;
     uint64_t duplicated = 0;
     uint64_t reordered = 0;  // datagrams sent after their successor
@@ -48,7 +48,8 @@ public:
 
 private:
     bool draw(double rate);
-    void corrupt(Datagram& d);
+    // Damages d one way or the other; returns the counter it went to.
+    uint64_t* corrupt(Datagram& d);
     void emit(Datagram d, bool twice, std::vector<Datagram>& out);
 
     FaultRates rates_;
