@@ -252,6 +252,8 @@ bool Simulator::open() {
         m.sharedName = cfg_.sharedMemName;
     }
     started_ = false;
+    streaming_ = streamed_ = false;
+    streamingSinceUs_ = 0;
     open_ = true;
     return true;
 }
@@ -295,6 +297,14 @@ void Simulator::step(uint64_t nowUs) {
     }
     rx_.poll();
     serveUplink();
+    if (!rx_.streaming()) {
+        streamingSinceUs_ = 0;
+        streaming_ = false;
+    } else if (!streaming_) {
+        if (streamingSinceUs_ == 0) streamingSinceUs_ = nowUs;
+        streaming_ = nowUs - streamingSinceUs_ >= static_cast<uint64_t>(cfg_.startupS * 1e6);
+        streamed_ = streamed_ || streaming_;
+    }
     if (m.insActive && nowUs - m.lastPlatformUs > kInsTimeoutUs) {
         m.insActive = false;
         m.coreErrors.push_back(kCoreInsStopped);
@@ -390,7 +400,8 @@ void Simulator::emitSample(uint64_t k) {
     const uint64_t t = sampleTimeUs(k);
     const double dt = static_cast<double>(periodUs_) / 1e6;
     const MotionSample s = motion_.at(static_cast<double>(k) * dt);
-    const bool streaming = rx_.streaming();
+    const bool streaming = streaming_;
+    const bool independent = streamed_ || !cfg_.quietUntilStreaming;  // hub and NFT
     const uint32_t tag = static_cast<uint32_t>(k);
     const bool errorDue = every(k, m.div[Impl::kError]) && k != 0;
     if (errorDue) m.rxErrorPending = true;  // the next diagnostic subpacket carries it
@@ -516,7 +527,7 @@ void Simulator::emitSample(uint64_t k) {
         send(Stream::Pra, buildPra(p));
     }
 
-    if (m.senders[static_cast<int>(Stream::Hub)]) {
+    if (m.senders[static_cast<int>(Stream::Hub)] && independent) {
         if (every(k, m.div[Impl::kHub])) {
             s_OrvAccessHubData h{};
             h.word = m.hubSeq++;
@@ -536,7 +547,7 @@ void Simulator::emitSample(uint64_t k) {
         }
     }
 
-    if (m.senders[static_cast<int>(Stream::Nft)] && every(k, m.div[Impl::kNft])) {
+    if (m.senders[static_cast<int>(Stream::Nft)] && independent && every(k, m.div[Impl::kNft])) {
         s_OrvAccessTrkDataExt rec{};
         rec.packetTag = tag;
         rec.poseTime = t;
@@ -557,7 +568,7 @@ void Simulator::emitSample(uint64_t k) {
             m.pieces.push_back(std::move(d));
     }
 
-    if (m.shared && every(k, m.div[Impl::kShared])) {
+    if (m.shared && independent && every(k, m.div[Impl::kShared])) {
         unsigned char* region = static_cast<unsigned char*>(m.shared->get());
         if (region != nullptr) {
             drawPattern(m.pixels, m.width, m.height, m.bpp, m.sharedSeq);

@@ -74,6 +74,11 @@ struct SimConfig {
     uint32_t seed = 1;
     RxServer::Replies replies = RxServer::Replies::Normal;
     MotionParams motion = MotionParams::head();
+    // orvRx's start-up: the streams that depend on streaming begin this long
+    // after register 0 turns on.
+    double startupS = 0.0;
+    // Hub and NFT wait for the first stream too (a system started as one).
+    bool quietUntilStreaming = false;
 
     // Ports, address and shared-memory name from the library's own
     // configuration file (missing keys take the library's defaults). False
@@ -158,6 +163,9 @@ private:
     uint64_t periodUs_ = 1000;
     uint64_t startUs_ = 0;
     uint64_t nextSample_ = 0;
+    uint64_t streamingSinceUs_ = 0;
+    bool streaming_ = false;  // register 0 on, start-up over
+    bool streamed_ = false;   // streaming_ was true once
     bool started_ = false;
     bool open_ = false;
 };

@@ -1,0 +1,3 @@
+#include <gtest/gtest.h>
+#include "Monitor.hpp"
+TEST(Placeholder, Builds) {}
