@@ -252,7 +252,7 @@ bool Simulator::open() {
         m.sharedName = cfg_.sharedMemName;
     }
     started_ = false;
-    streaming_ = streamed_ = false;
+    streaming_ = false;
     streamingSinceUs_ = 0;
     open_ = true;
     return true;
@@ -261,15 +261,7 @@ bool Simulator::open() {
 void Simulator::close() {
     if (!impl_) return;
     Impl& m = *impl_;
-    if (open_) {
-        for (int i = 0; i < kStreamCount; ++i) {
-            m.wire.clear();
-            m.injectors[i].flush(m.wire);
-            for (Datagram& d : m.wire)
-                if (m.senders[i] && !m.senders[i]->write(reinterpret_cast<const char*>(d.data()), d.size()))
-                    ++m.sendFailures[i];
-        }
-    }
+    if (open_) flushHeld();
     open_ = false;
     rx_.close();
     for (auto& s : m.senders) s.reset();
@@ -298,12 +290,12 @@ void Simulator::step(uint64_t nowUs) {
     rx_.poll();
     serveUplink();
     if (!rx_.streaming()) {
+        if (streaming_) flushHeld();
         streamingSinceUs_ = 0;
         streaming_ = false;
     } else if (!streaming_) {
         if (streamingSinceUs_ == 0) streamingSinceUs_ = nowUs;
         streaming_ = nowUs - streamingSinceUs_ >= static_cast<uint64_t>(cfg_.startupS * 1e6);
-        streamed_ = streamed_ || streaming_;
     }
     if (m.insActive && nowUs - m.lastPlatformUs > kInsTimeoutUs) {
         m.insActive = false;
@@ -350,6 +342,16 @@ void Simulator::send(Stream s, Datagram d) {
     m.injectors[i].process(std::move(d), m.wire);
     for (const Datagram& out : m.wire)
         if (!m.senders[i]->write(reinterpret_cast<const char*>(out.data()), out.size())) ++m.sendFailures[i];
+}
+
+void Simulator::flushHeld() {
+    Impl& m = *impl_;
+    for (int i = 0; i < kStreamCount; ++i) {
+        m.wire.clear();
+        m.injectors[i].flush(m.wire);
+        for (const Datagram& d : m.wire)
+            if (!m.senders[i]->write(reinterpret_cast<const char*>(d.data()), d.size())) ++m.sendFailures[i];
+    }
 }
 
 void Simulator::sendImagePieces() {
@@ -401,7 +403,7 @@ void Simulator::emitSample(uint64_t k) {
     const double dt = static_cast<double>(periodUs_) / 1e6;
     const MotionSample s = motion_.at(static_cast<double>(k) * dt);
     const bool streaming = streaming_;
-    const bool independent = streamed_ || !cfg_.quietUntilStreaming;  // hub and NFT
+    const bool independent = streaming || !cfg_.followStreaming;  // hub, NFT, shared memory
     const uint32_t tag = static_cast<uint32_t>(k);
     const bool errorDue = every(k, m.div[Impl::kError]) && k != 0;
     if (errorDue) m.rxErrorPending = true;  // the next diagnostic subpacket carries it

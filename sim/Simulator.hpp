@@ -14,6 +14,7 @@
 // What depends on streaming: meta packets, tracking and PRA packets (orvCore
 // fuses orvRx's data, so it goes quiet with it) and images over UDP flow only
 // while register 0 is non-zero; hub, NFT and shared-memory images always do.
+// When streaming stops, datagrams held back for reordering go out at once.
 #pragma once
 
 #include <atomic>
@@ -77,8 +78,10 @@ struct SimConfig {
     // orvRx's start-up: the streams that depend on streaming begin this long
     // after register 0 turns on.
     double startupS = 0.0;
-    // Hub and NFT wait for the first stream too (a system started as one).
-    bool quietUntilStreaming = false;
+    // Hub, NFT and shared-memory images flow only while streaming too, as
+    // in a system started and stopped as one; a run can then account for
+    // every datagram.
+    bool followStreaming = false;
 
     // Ports, address and shared-memory name from the library's own
     // configuration file (missing keys take the library's defaults). False
@@ -154,6 +157,7 @@ private:
     void serveUplink();
     void send(Stream s, Datagram d);
     void sendImagePieces();
+    void flushHeld();
 
     SimConfig cfg_;
     Motion motion_;
@@ -165,7 +169,6 @@ private:
     uint64_t nextSample_ = 0;
     uint64_t streamingSinceUs_ = 0;
     bool streaming_ = false;  // register 0 on, start-up over
-    bool streamed_ = false;   // streaming_ was true once
     bool started_ = false;
     bool open_ = false;
 };

@@ -95,6 +95,10 @@ int main(int argc, char** argv) {
     app.add_option("--fault-streams", faultStreams, "Streams the faults apply to (default: all)")
         ->check(CLI::IsMember({"tracking", "pra", "meta", "image", "hub", "nft"}))
         ->delimiter(',');
+    app.add_option("--startup", cfg.startupS, "Seconds from streaming on to the first streamed packet")
+        ->capture_default_str();
+    app.add_flag("--follow-streaming", cfg.followStreaming,
+                 "Hub, NFT and shared-memory images flow only while streaming, like the rest");
     app.add_option("--seed", cfg.seed, "Seed of the fault generator")->capture_default_str();
     app.add_option("--replies", replies, "Command server: normal, silent or corrupt")
         ->check(CLI::IsMember({"normal", "silent", "corrupt"}))

@@ -417,7 +417,7 @@ TEST_F(EndToEnd, FaultsCostOnlyTheDamagedDatagrams) {
         c.seed = 7;
         // Nothing may be sent before the library listens and has flushed its
         // ports on switching the stream on: that loss would not be a fault's.
-        c.quietUntilStreaming = true;
+        c.followStreaming = true;
         c.startupS = 0.2;
     });
     std::map<unsigned short, int> errors;
