@@ -288,7 +288,7 @@ void Simulator::step(uint64_t nowUs) {
         started_ = true;
     }
     rx_.poll();
-    serveUplink();
+    serveUplink(nowUs);
     if (!rx_.streaming()) {
         if (streaming_) flushHeld();
         streamingSinceUs_ = 0;
@@ -365,7 +365,7 @@ void Simulator::sendImagePieces() {
 
 // Platform pose, GPS and input data from the application, checked as the
 // front end checks them: framing first, then the size each kind must have.
-void Simulator::serveUplink() {
+void Simulator::serveUplink(uint64_t nowUs) {
     Impl& m = *impl_;
     if (!m.uplinkOpen) return;
     unsigned char buf[2048];
@@ -378,7 +378,7 @@ void Simulator::serveUplink() {
         if (type == kind::kPlatPoseSub && len == 21 && OrvUtil::udpPktOk(buf, len, type) && buf[7] == 3) {
             ++u.platformPoses;
             u.lastPlatformTag = OrvosiUtil::word32(buf + 3);
-            m.lastPlatformUs = OrvosiUtil::getTimeSysUs();
+            m.lastPlatformUs = nowUs;
             if (!m.insActive) m.coreErrors.push_back(kCoreInsStarted);
             m.insActive = true;
         } else if (type == kind::kGpsSub && len == 73 && OrvUtil::udpPktOk(buf, len, type)) {

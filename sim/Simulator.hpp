@@ -154,7 +154,7 @@ public:
 private:
     struct Impl;
     void emitSample(uint64_t k);
-    void serveUplink();
+    void serveUplink(uint64_t nowUs);
     void send(Stream s, Datagram d);
     void sendImagePieces();
     void flushHeld();
