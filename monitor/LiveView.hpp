@@ -1,0 +1,34 @@
+// The ncurses screen of orvmon. It only reads the Monitor; the terminal is
+// given back (endwin) when the view is destroyed or closed, whichever first.
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace orvmon {
+
+class Monitor;
+
+class LiveView {
+public:
+    // Null when the terminal cannot be driven (an unknown TERM, say).
+    static std::unique_ptr<LiveView> open(std::string title, bool inputKey);
+    ~LiveView();
+    LiveView(const LiveView&) = delete;
+    LiveView& operator=(const LiveView&) = delete;
+
+    void draw(const Monitor& m);
+    // The key pressed since the last call, or -1.
+    int key();
+    void close();
+
+private:
+    LiveView(std::string title, bool inputKey, void* screen);
+
+    std::string title_;
+    bool inputKey_;
+    void* screen_;  // the ncurses SCREEN, kept opaque out of this header
+    bool open_ = true;
+};
+
+}  // namespace orvmon
