@@ -83,6 +83,7 @@ int main(int argc, char** argv) {
     app.add_option("--error-period", r.errorPeriodS, "Seconds between orvRx and orvHub errors; 0: none")
         ->capture_default_str();
     app.add_option("--image-format", imageFormat, "Image format code (10, 11, 12, 20, 21, 30, 31, 40, 41, 50, 51)")
+        ->check(CLI::Range(0, 255))
         ->capture_default_str();
     app.add_option("--image-piece", cfg.imagePiece, "Pixel bytes per image datagram")
         ->check(CLI::Range(1, 65523))
