@@ -149,8 +149,9 @@ struct Simulator::Impl {
     std::unique_ptr<OrvosiSharedMem> shared;
     std::string sharedName;
 
-    uint64_t div[16] = {};
-    enum { kTracking, kOptical, kPra, kHub, kNft, kImage, kShared, kDiag, kTarget, kPlat, kGps, kError };
+    // Every schedule as a whole number of IMU periods (0: off).
+    enum { kTracking, kOptical, kPra, kHub, kNft, kImage, kShared, kDiag, kTarget, kPlat, kGps, kError, kDivCount };
+    uint64_t div[kDivCount] = {};
 
     // Image geometry and the pieces of the image under way.
     unsigned int width = 640, height = 480, bpp = 1;
