@@ -2,6 +2,8 @@
 // mechanisms of its state.
 #include "orvaccess/OrvAccess.hpp"
 
+#include <utility>
+
 #include "access/State.hpp"
 #include "osi/OrvosiUtil.hpp"
 
@@ -71,12 +73,6 @@ void OrvAccess::State::addErrorCode(unsigned short code, unsigned int value) {
     newError = 1;
 }
 
-void OrvAccess::State::refusePacket(const char* problem, const char* reason, unsigned short code) {
-    OrvUtil::logLine(cfg.verbosity, problem, reason);
-    addErrorCode(code, 0);
-    packetRefused = true;
-}
-
 void OrvAccess::State::fail(const std::string& text, bool echo) {
     lastError = text;
     if (echo) OrvUtil::errLine(cfg.verbosity, lastError);
@@ -114,9 +110,15 @@ bool OrvAccess::getStatus(s_OrvAccessStatus* status) {
         s.diagWord = 0;
         return false;
     }
-    status->connections = (s.tcpOpen ? 0x1u : 0u) | (s.metaOpen ? 0x2u : 0u) | (s.imageOpen ? 0x4u : 0u) |
-                          (s.inputOpen ? 0x8u : 0u) | (s.coreOpen ? 0x10u : 0u) | (s.hubOpen ? 0x20u : 0u) |
-                          (s.sharedMemOk ? 0x40u : 0u);
+    const std::pair<bool, uint32_t> channels[] = {
+        {s.tcpOpen, ORVACCESS_CONN_TCP},        {s.metaOpen, ORVACCESS_CONN_META},
+        {s.imageOpen, ORVACCESS_CONN_IMAGE},    {s.inputOpen, ORVACCESS_CONN_UPLINK},
+        {s.coreOpen, ORVACCESS_CONN_ORVCORE},   {s.hubOpen, ORVACCESS_CONN_ORVHUB},
+        {s.sharedMemOk, ORVACCESS_CONN_SHARED_MEM},
+    };
+    status->connections = 0;
+    for (const auto& [open, bit] : channels)
+        if (open) status->connections |= bit;
     status->received = s.receivedMask;
     status->newError = s.newError;
     status->diagState = s.diagWord;

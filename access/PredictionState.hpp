@@ -8,14 +8,16 @@
 
 #include <cstdint>
 
+#include "orvaccess/orvwire.h"
+
 struct PredictionState {
     // virtualSyncCtrl bits.
     static constexpr int64_t kUseImuClock = 1;    // "ICBE": rebuild the IMU clock from sample ids
     static constexpr int64_t kUsePoseTime = 2;    // "IDAT": the record's own time stamp
     static constexpr int64_t kSmoothDisplay = 4;  // smooth the display clock
     // Verbosity bits of the prediction traces.
-    static constexpr unsigned int kVerbPred = 0x100000;     // "ORVAPRED: " lines
-    static constexpr unsigned int kVerbPredCsv = 0x200000;  // "ORVAPREDCSV," line
+    static constexpr unsigned int kVerbPred = ORVACCESS_VERB_PRED;    // "ORVAPRED: " lines
+    static constexpr unsigned int kVerbPredCsv = ORVACCESS_VERB_PRED_CSV; // "ORVAPREDCSV," line
     // Clock values are compared on their low 44 bits.
     static constexpr unsigned long kClockMask = 0xFFFFFFFFFFFul;
     // The prediction bounds, s.

@@ -101,28 +101,14 @@ struct OrvAccess::State {
     // Display-time prediction and clock alignment.
     PredictionState vs;
 
-    // The one receive buffer shared by every port. Zeroed once, so that reads
-    // past a short datagram (which some counts on the wire ask for) see
-    // repeatable bytes.
-    unsigned char rx[kReceiveBufferSize]{};
-    // Set by a parser that refuses its whole packet as bad: the dispatch then
-    // does not count the packet as received.
-    bool packetRefused = false;
+    // The one receive buffer shared by every port. Parsers see a datagram
+    // through its real size (OrvosiBytes), so what an earlier, longer
+    // datagram left here is never read.
+    unsigned char rx[kReceiveBufferSize];
 
-    // How many bytes a parser may read at `p`, inside the packet that starts
-    // at `packet`. A datagram from the service loop lives in rx, and reads
-    // may run on to the end of that buffer (some counts on the wire claim
-    // more than their packet holds); a packet that an application hands in
-    // from its own memory is trusted only as far as its own length field.
-    size_t readable(const unsigned char* packet, const unsigned char* p) const {
-        const uintptr_t start = reinterpret_cast<uintptr_t>(rx);
-        const uintptr_t at = reinterpret_cast<uintptr_t>(packet);
-        const uintptr_t end = at >= start && at < start + kReceiveBufferSize
-                                  ? start + kReceiveBufferSize
-                                  : at + OrvosiUtil::word16(packet + 1);
-        const uintptr_t here = reinterpret_cast<uintptr_t>(p);
-        return here < end ? static_cast<size_t>(end - here) : 0;
-    }
+    // The meta packet being parsed, for its IMU subpacket.
+    uint32_t metaTag = 0;
+    uint64_t metaTimeUs = 0;
 
     // Sets the queue bounds from the configuration.
     void applyQueueBounds();
@@ -132,10 +118,6 @@ struct OrvAccess::State {
     void clearQueues();
     // Queues one error code and raises the new-error flag of the status.
     void addErrorCode(unsigned short code, unsigned int value);
-    // A parser refusing its whole packet as bad, as the framing check would:
-    // the "Problem with ..." line under verbosity 0x1, the port's code, and
-    // the packet is not counted as received.
-    void refusePacket(const char* problem, const char* reason, unsigned short code);
     // Stores the reason of a failure; echoed as "ORVAERR: " under bit 0x4 when asked.
     void fail(const std::string& text, bool echo);
 };

@@ -19,8 +19,8 @@ constexpr int kImuReplyMs = 1000;
 constexpr int kPollStepMs = 5;
 constexpr size_t kReplyBufferSize = 100;
 
-constexpr unsigned int kVerbTcpOut = 0x10;
-constexpr unsigned int kVerbTcpIn = 0x20;
+constexpr unsigned int kVerbTcpOut = ORVACCESS_VERB_DUMP_TCP_OUT;
+constexpr unsigned int kVerbTcpIn = ORVACCESS_VERB_DUMP_TCP_IN;
 
 // The public time-outs are unsigned; a huge one must not turn negative (which
 // would mean "no reply awaited").

@@ -2,17 +2,14 @@
 #include <cstdint>
 
 #include "access/State.hpp"
+#include "access/Wire.hpp"
 
 namespace {
 
-struct CodeMessage {
-    uint16_t code;
-    const char* text;
-};
-
-// Every code with a text of its own; the rest fall back to their origin.
-// The texts are the tracking system's own, spelling included.
-constexpr CodeMessage kMessages[] = {
+// The codes of the other processes with a text of their own (the library's
+// own are with the wire's rows); the rest fall back to their origin. The
+// texts are the tracking system's own, spelling included.
+constexpr orvwire::CodeText kMessages[] = {
     {0, "None"},
     {1, "[ORVCORE] RESET: Received reset command"},
     {2, "[ORVCORE] RESET: Received autoHarmonization start command - autoharmData.txt succesfully zeroized"},
@@ -31,18 +28,6 @@ constexpr CodeMessage kMessages[] = {
     {15, "[ORVCORE] FATAL: Could not open environmentPSEs.txt for reading"},
     {17, "[ORVCORE] FATAL: Could not save autoharmData.txt in directory specified by autoharmPath.txt"},
     {19, "[ORVCORE] ERROR: Only receiving diagnostic packets"},
-    {769, "[ORVACCESS] ERROR: Image transfer failed"},
-    {770, "[ORVACCESS] ERROR: Bad tracking packet"},
-    {771, "[ORVACCESS] ERROR: Bad image packet"},
-    {772, "[ORVACCESS] ERROR: Bad meta packet"},
-    {773, "[ORVACCESS] ERROR: Bad optical subpacket"},
-    {774, "[ORVACCESS] ERROR: Bad diagnostic subpacket"},
-    {775, "[ORVACCESS] ERROR: Bad target subpacket"},
-    {776, "[ORVACCESS] ERROR: Bad platform pose subpacket"},
-    {777, "[ORVACCESS] ERROR: Bad IMU subpacket"},
-    {778, "[ORVACCESS] ERROR: Target subpacket overrun"},
-    {779, "[ORVACCESS] ERROR: Diagnostic subpacket overrun"},
-    {780, "[ORVACCESS] ERROR: Optical subpacket overrun"},
     {1025, "[ORVHUB] ERROR: UDP socket error (read, write, or open)"},
     {1026, "[ORVHUB] ERROR: Generic INI file error (open, read)"},
     {1027, "[ORVHUB] ERROR: Generic IMU file error (open, read)"},
@@ -76,7 +61,9 @@ unsigned short OrvAccess::getErrorCode(s_OrvAccessErrorCode* code) {
 }
 
 std::string OrvAccess::getErrorMessage(unsigned short code) {
-    for (const CodeMessage& m : kMessages)
+    for (const orvwire::CodeText& m : kMessages)
+        if (m.code == code) return m.text;
+    for (const orvwire::CodeText& m : orvwire::kLibraryMessages)
         if (m.code == code) return m.text;
     const unsigned origin = code >> 8;
     if (origin < sizeof kOrigins / sizeof kOrigins[0]) return kOrigins[origin];

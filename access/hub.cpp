@@ -1,36 +1,18 @@
 // PRA, hub and NFT packets. The service loop has checked their framing
-// (except for hub error packets) and hands them over in the receive buffer.
+// (except for hub error packets); fields a short packet does not cover read
+// as zeros.
 #include <cstring>
 
 #include "access/State.hpp"
+#include "access/Wire.hpp"
 #include "osi/OrvosiCursor.hpp"
 
-namespace {
+namespace orvwire {
 
-// Bytes each parser reads at fixed offsets (the checksum is not read).
-constexpr size_t kHubDataFields = 150;
-constexpr size_t kHubErrFields = 9;
-constexpr size_t kPraFields = 219;
-constexpr size_t kNftHeader = 140;
-constexpr size_t kTriple = 12;
-
-constexpr unsigned short kBadHubPkt = 781;
-constexpr unsigned short kBadNftPkt = 782;
-constexpr unsigned short kBadPraPkt = 784;
-constexpr unsigned short kHubOrigin = 0x400;
-
-}  // namespace
-
-void OrvAccess::processHubDataPkt(const unsigned char* pkt) {
-    State& s = *st_;
-    const size_t available = s.readable(pkt, pkt);
-    if (available < kHubDataFields) {
-        s.refusePacket("Problem with hub packet: ", "Fields beyond buffer", kBadHubPkt);
-        return;
-    }
+const char* processHubDataPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
     s_OrvAccessHubData rec{};
-    OrvosiReader r(pkt, available);
-    r.skip(3);
+    OrvosiReader r(pkt);
+    r.skip(ORVWIRE_HEADER_SIZE);
     rec.word = r.u32();
     // Bytes 7 to 9 carry nothing the library uses; the status byte follows them.
     r.skip(3);
@@ -44,32 +26,24 @@ void OrvAccess::processHubDataPkt(const unsigned char* pkt) {
     rec.lastByte = r.u8();
     OrvUtil::cbn2Euler(rec.cbn, rec.euler);
     s.hubData.push(rec, s.cfg.verbosity);
+    return nullptr;
 }
 
-void OrvAccess::processHubErrPkt(const unsigned char* pkt) {
-    State& s = *st_;
-    // These arrive unchecked: a datagram shorter than its fields is read on
-    // into the buffer, but never beyond it.
-    const size_t available = s.readable(pkt, pkt);
-    if (available < kHubErrFields) return;
-    OrvosiReader r(pkt, available);
-    r.skip(3);
+// These arrive unchecked, whatever their length.
+const char* processHubErrPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
+    OrvosiReader r(pkt);
+    r.skip(ORVWIRE_HEADER_SIZE);
     const uint32_t value = r.u32();
     r.skip(1);
     const unsigned char code = r.u8();
-    if (code != 0) addErrorCode(static_cast<unsigned short>(code | kHubOrigin), value);
+    if (code != 0) s.addErrorCode(static_cast<unsigned short>(code | ORVACCESS_ORIGIN_ORVHUB), value);
+    return nullptr;
 }
 
-void OrvAccess::processPraPkt(const unsigned char* pkt) {
-    State& s = *st_;
-    const size_t available = s.readable(pkt, pkt);
-    if (available < kPraFields) {
-        s.refusePacket("Problem with PRA packet: ", "Fields beyond buffer", kBadPraPkt);
-        return;
-    }
+const char* processPraPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
     s_OrvAccessPoseRecStats rec{};
-    OrvosiReader r(pkt, available);
-    r.skip(3);
+    OrvosiReader r(pkt);
+    r.skip(ORVWIRE_HEADER_SIZE);
     rec.tag = r.u32();
     rec.flagA = r.u8();
     rec.stat0 = r.u8();
@@ -92,19 +66,14 @@ void OrvAccess::processPraPkt(const unsigned char* pkt) {
     // half: each word is simply the next four bytes read little-endian.
     for (int i = 6; i < 36; ++i) rec.extra[i] = r.u32();
     s.poseRec.push(rec, s.cfg.verbosity, "Pose Recovery data queue overflow");
+    return nullptr;
 }
 
-void OrvAccess::processNftDataPkt(const unsigned char* pkt) {
-    State& s = *st_;
+const char* processNftDataPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
     const unsigned int verbosity = s.cfg.verbosity;
-    const size_t available = s.readable(pkt, pkt);
-    if (available < kNftHeader) {
-        s.refusePacket("Problem with NFT packet: ", "Fields beyond buffer", kBadNftPkt);
-        return;
-    }
     s_OrvAccessTrkDataExt rec{};
-    OrvosiReader r(pkt, available);
-    r.skip(3);
+    OrvosiReader r(pkt);
+    r.skip(ORVWIRE_HEADER_SIZE);
     rec.packetTag = r.u32();
     rec.poseTime = r.u64();
     r.f32s(&rec.cbn[0][0], 9);
@@ -120,12 +89,10 @@ void OrvAccess::processNftDataPkt(const unsigned char* pkt) {
     const uint32_t count = r.u32();
 
     // The features and the triple after them may run past the packet's end
-    // (the sender keeps them consistent), but not past the buffer. Decided
-    // before anything is queued. 64-bit arithmetic: count is the wire's.
-    if (kNftHeader + (static_cast<uint64_t>(count) + 1) * kTriple > available) {
-        s.refusePacket("Problem with NFT packet: ", "Feature count beyond buffer", kBadNftPkt);
-        return;
-    }
+    // (the sender keeps them consistent; they then read as zeros), but not
+    // past what any datagram can hold. Decided before anything is queued;
+    // 64-bit arithmetic, as the count is the wire's.
+    if (!r.has((static_cast<uint64_t>(count) + 1) * ORVWIRE_NFT_FEATURE_SIZE)) return "Feature count beyond buffer";
 
     // Room for the whole packet at once, one more than its features.
     s.features.makeRoom(verbosity, static_cast<size_t>(count) + 1);
@@ -142,7 +109,10 @@ void OrvAccess::processNftDataPkt(const unsigned char* pkt) {
     s.tracking.push(rec, verbosity);
     s.latestTrackingValid = true;
     s.latestTracking = rec;
+    return nullptr;
 }
+
+}  // namespace orvwire
 
 bool OrvAccess::getFeatureData(bool* valid, s_FeatData* data) {
     return popRecord(st_->features, valid, data);

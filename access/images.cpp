@@ -5,21 +5,19 @@
 #include <type_traits>
 
 #include "access/State.hpp"
+#include "access/Wire.hpp"
 #include "osi/OrvosiCursor.hpp"
 #include "osi/OrvosiUtil.hpp"
 
 namespace {
 
-constexpr unsigned int kImageErrorCode = 769;
-constexpr size_t kPieceHeader = 11;                  // type, length, sequence id, format, address
-constexpr size_t kPieceOverhead = kPieceHeader + 1;  // and the checksum byte
-constexpr uint32_t kSharedMemReceivedBit = 0x40;
+constexpr unsigned short kImageErrorCode = ORVACCESS_ERR_IMAGE_TRANSFER;
 
 // Shared-memory region: ready flag, sequence id, format code, pixels.
-constexpr size_t kRegionReady = 0;
-constexpr size_t kRegionSeqId = 1;
-constexpr size_t kRegionFormat = 5;
-constexpr size_t kRegionPixels = 6;
+constexpr size_t kRegionReady = ORVWIRE_SHM_READY_AT;
+constexpr size_t kRegionSeqId = ORVWIRE_SHM_SEQID_AT;
+constexpr size_t kRegionFormat = ORVWIRE_SHM_FORMAT_AT;
+constexpr size_t kRegionPixels = ORVWIRE_SHM_PIXELS_AT;
 
 // The format code goes out through the caller's enum as it came, legal or
 // not; written as the enum's own underlying integer so that no out-of-range
@@ -66,42 +64,43 @@ bool OrvAccess::getImageInfo(ImageFormat format, unsigned long* size, int* width
     return lookUpFormat(static_cast<int>(format), size, width, height, bytesPerPixel, st_->lastError);
 }
 
+namespace orvwire {
+
 // One piece of an image. The service loop has checked the framing, so the
 // length word equals the datagram's size; nothing past it is read, and
 // nothing is written past the buffer's imgBufSize bytes.
-void OrvAccess::processImagePkt(const unsigned char* packet) {
-    State& s = *st_;
+const char* processImagePkt(OrvAccess::State& s, const OrvosiBytes& packet) {
     ImageState& img = s.img;
     const unsigned int v = s.cfg.verbosity;
     img.progress = 0;
 
-    const size_t length = OrvosiUtil::word16(packet + 1);
-    if (length < kPieceOverhead) {
+    const size_t length = packet.size;
+    if (length < ORVWIRE_IMAGE_OVERHEAD) {
         // Too short to hold its own header: nothing in it can be trusted.
         OrvUtil::logLine(v, "Image packet too short (", length, " bytes)");
-        addErrorCode(kImageErrorCode, 0);
+        s.addErrorCode(kImageErrorCode, 0);
         img.waiting = true;
-        return;
+        return nullptr;
     }
-    OrvosiReader r(packet, length);
-    r.skip(3);
+    OrvosiReader r(packet.data, length);
+    r.skip(ORVWIRE_HEADER_SIZE);
     const uint32_t seqId = r.u32();
     const unsigned char format = r.u8();
     const uint32_t address = r.u24();
-    const size_t pixels = length - kPieceOverhead;
+    const size_t pixels = length - ORVWIRE_IMAGE_OVERHEAD;
     img.format = format;
 
     if (address != 0) {
         if (img.waiting) {
             OrvUtil::infoLine(v, "Waiting for initial image packet (", address, ")");
-            return;
+            return nullptr;
         }
         if (seqId != img.seqId[img.fill]) {
             OrvUtil::logLine(v, "Sequence ID mismatch in image packet (packet sid=", seqId,
                              ", image sid=", img.seqId[img.fill], ")");
-            addErrorCode(kImageErrorCode, img.seqId[img.fill]);
+            s.addErrorCode(kImageErrorCode, img.seqId[img.fill]);
             img.waiting = true;
-            return;
+            return nullptr;
         }
     } else {
         img.seqId[img.fill] = seqId;
@@ -123,13 +122,13 @@ void OrvAccess::processImagePkt(const unsigned char* packet) {
     }
     if (problem != nullptr) {
         OrvUtil::logLine(v, problem);
-        addErrorCode(kImageErrorCode, seqId);
+        s.addErrorCode(kImageErrorCode, seqId);
         img.waiting = true;
-        return;
+        return nullptr;
     }
 
     const unsigned char* data = r.take(pixels);
-    if (data == nullptr) return;  // cannot happen: the reader holds exactly `length` bytes
+    if (data == nullptr) return nullptr;  // cannot happen: the reader holds exactly `length` bytes
     std::memcpy(target + address, data, pixels);
     img.received = static_cast<uint32_t>(end);
 
@@ -142,10 +141,13 @@ void OrvAccess::processImagePkt(const unsigned char* packet) {
         img.complete = img.fill;
         img.completeFormat = format;
         img.fill = 1 - img.fill;
-        return;
+        return nullptr;
     }
     OrvUtil::infoLine(v, "Received image packet, packet sid ", seqId, " (", img.progress, "%)");
+    return nullptr;
 }
+
+}  // namespace orvwire
 
 bool OrvAccess::getImage(int* percent, ImageFormat* format, unsigned int* sequenceId, unsigned char* buffer,
                          unsigned long capacity) {
@@ -211,7 +213,7 @@ bool OrvAccess::getImage(int* percent, ImageFormat* format, unsigned int* sequen
             OrvUtil::infoLine(v, "Received image via shared memory");
             std::memcpy(buffer, region + kRegionPixels, size);
             *percent = 100;
-            s.receivedMask |= kSharedMemReceivedBit;
+            s.receivedMask |= ORVACCESS_RECV_SHARED_MEM;
             ok = true;
         }
     }

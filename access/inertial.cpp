@@ -3,20 +3,15 @@
 #include <cstring>
 
 #include "access/State.hpp"
-#include "access/Subpackets.hpp"
+#include "access/Wire.hpp"
 #include "osi/BrevantData.hpp"
 #include "osi/OrvosiCursor.hpp"
 #include "osi/OrvosiUtil.hpp"
 
 namespace {
 
-constexpr size_t kImuSubPktOffset = 27;
-constexpr int kImuSubPktLength = 19;
-constexpr unsigned char kChipSync = 5;
-constexpr unsigned short kBadImuSubPkt = 777;
-constexpr unsigned int kImuDumpBit = 0x200;
-constexpr unsigned int kImuLogChannel = 0x20;
-constexpr uint32_t kAuxMask = 0x2000;
+// The camera IMU's name in messages: it is the one meta packets carry.
+constexpr const char* kCameraName = "Camera";
 
 bool validImu(e_OrvAccessImuSelect imu) {
     return imu == ORVACCESS_IMU_PLATFORM || imu == ORVACCESS_IMU_CAMERA;
@@ -30,7 +25,7 @@ void collectCrsBit(OrvAccess::s_ImuCrsBuf& crs, const char* name, unsigned int p
         uint8_t* row = crs.rows[crs.fillRow & 1];
         if (pid == 0) std::memset(row, 0, sizeof crs.rows[0]);
         const uint8_t bit = static_cast<uint8_t>(1u << (pid % 8));
-        if (status & 0x10)
+        if (status & kBrevantStatusClock)
             row[pid / 8] |= bit;
         else
             row[pid / 8] &= static_cast<uint8_t>(~bit);
@@ -46,38 +41,34 @@ void collectCrsBit(OrvAccess::s_ImuCrsBuf& crs, const char* name, unsigned int p
     }
 }
 
-// One IMU subpacket: the chip packet at `offset` into the meta packet `pkt`.
-// Nothing is read beyond what the buffer holds there, whatever the chip's
-// type claims. The queue's bound (imuQueueSize) was set at open.
-void processImuSubPkt(OrvAccess& access, OrvAccess::State& s, const char* name, const unsigned char* pkt,
-                      size_t offset, int tag, float dt, uint64_t time, RecordQueue<s_OrvAccessImuData>& queue,
-                      OrvAccess::s_ImuCrsBuf& crs) {
+}  // namespace
+
+namespace orvwire {
+
+// The camera IMU's chip packet of the meta packet being parsed; its check
+// has found a known type with a good checksum. Bytes of the chip's slot past
+// the datagram's end are decoded as zeros.
+const char* processImuSubPkt(OrvAccess::State& s, const OrvosiBytes& data) {
     const unsigned int verbosity = s.cfg.verbosity;
-    const size_t total = s.readable(pkt, pkt);
-    const size_t available = offset < total ? total - offset : 0;
-    const unsigned char* data = pkt + (offset < total ? offset : total);
-    const size_t len = static_cast<size_t>(kImuSubPktLength) < available ? kImuSubPktLength : available;
-    if (verbosity & kImuDumpBit) OrvUtil::dumpBuf(data, len, kImuDumpBit);
-
-    BrevantData chip;
-    // The parser takes a mutable pointer but only reads through it.
-    const bool ok = available >= 2 && data[0] == kChipSync &&
-                    OrvosiUtil::GetBvPacketLength(data[1]) <= available &&
-                    OrvosiUtil::ParseBrevantPacket(const_cast<unsigned char*>(data), &chip);
-    if (!ok) {
-        OrvUtil::logLine(verbosity, "Bad IMU subpacket");
-        access.addErrorCode(kBadImuSubPkt, 0);
-        return;
+    unsigned char padded[sizeof(BrevantData::raw)] = {};
+    const unsigned char* chipBytes = data.data;
+    if (data.size < sizeof padded) {
+        std::memcpy(padded, data.data, data.size);
+        chipBytes = padded;
     }
-    if (s.cfg.logging & kImuLogChannel) OrvUtil::logBuf(data, len, kImuLogChannel, s.cfg.logPath);
-    chip.timeUs = time;
-    chip.tag = static_cast<uint32_t>(tag);
+    BrevantData chip;
+    // The decoder takes a mutable pointer but only reads through it.
+    if (!OrvosiUtil::ParseBrevantPacket(const_cast<unsigned char*>(chipBytes), &chip)) return "";
+    chip.timeUs = s.metaTimeUs;
+    chip.tag = s.metaTag;
+    const float dt = s.imuDt;
 
-    collectCrsBit(crs, name, chip.pid, chip.status, verbosity);
+    OrvAccess::s_ImuCrsBuf& crs = s.imuCrs[ORVACCESS_IMU_CAMERA];
+    collectCrsBit(crs, kCameraName, chip.pid, chip.status, verbosity);
 
     // A sequence error never costs the sample.
     s_OrvAccessImuData rec{};
-    rec.time = time;
+    rec.time = chip.timeUs;
     rec.tag = chip.tag;
     rec.pid = chip.pid;
     rec.status = chip.status;
@@ -88,53 +79,48 @@ void processImuSubPkt(OrvAccess& access, OrvAccess::State& s, const char* name, 
         rec.gyroRate[i] = chip.gyro[i] / dt;
         rec.accelRate[i] = chip.accel[i] / dt;
     }
-    queue.push(rec, verbosity);
+    s.imu[ORVACCESS_IMU_CAMERA].push(rec, verbosity);
     s.latestImu = rec;
     s.latestImuValid = true;
 
-    if ((chip.mask & kAuxMask) && chip.hi2000 != 0) {
+    if ((chip.mask & kBrevantMaskAux) && chip.hi2000 != 0) {
         const s_OrvAccessAuxData aux{chip.byte2000};
         s.aux.push(aux, verbosity);
         s.latestAux = aux;
         s.latestAuxValid = true;
     }
+    return nullptr;
 }
 
-}  // namespace
-
-void OrvAccess::processMetaPkt(const unsigned char* pkt) {
-    State& s = *st_;
-    // Offsets come from the wire: a subpacket that starts past what the
-    // buffer holds is handed over with nothing readable.
-    const size_t total = s.readable(pkt, pkt);
-    OrvosiReader header(pkt, total);
+// Offsets come from the wire: a subpacket that starts past the datagram's
+// end reads as zeros, and fails its check.
+const char* processMetaPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
+    OrvosiReader header(pkt);
     header.skip(3);
-    const uint32_t tag = header.u32();
+    s.metaTag = header.u32();
     header.skip(1);
-    const float dt = header.f32();
-    header.skip(1);
-    const size_t platPoseOffset = header.u8();
-    const size_t targetOffset = header.u8();
-    const size_t diagOffset = header.u16();
-    const size_t gpsOffset = header.u16();
-    const uint64_t time = header.u64();
-    s.imuDt = dt;
+    s.imuDt = header.f32();
+    header.seek(ORVWIRE_META_TIME_AT);
+    s.metaTimeUs = header.u64();
 
-    if (dt > 0.0f) {
-        processImuSubPkt(*this, s, "Camera", pkt, kImuSubPktOffset, static_cast<int>(tag), dt, time,
-                         s.imu[ORVACCESS_IMU_CAMERA], s.imuCrs[ORVACCESS_IMU_CAMERA]);
+    if (s.imuDt > 0.0f) {
+        handle(s, kImu, pkt.from(ORVWIRE_META_IMU_AT));
     } else {
         OrvUtil::infoLine(s.cfg.verbosity, "IMU data not present");
     }
-    auto subPkt = [&](size_t offset, void (*parse)(OrvAccess&, State&, const unsigned char*, size_t)) {
-        if (offset == 0) return;
-        const size_t at = offset < total ? offset : total;
-        parse(*this, s, pkt + at, s.readable(pkt, pkt + at));
-    };
-    subPkt(platPoseOffset, processPlatPoseSubPkt);
-    subPkt(targetOffset, processTargetSubPkt);
-    subPkt(diagOffset, processDiagSubPkt);
-    subPkt(gpsOffset, processGpsSubPkt);
+    for (const MetaSlot& slot : kMetaSlots) {
+        header.seek(slot.offsetAt);
+        const size_t offset = slot.offsetWidth == 1 ? header.u8() : header.u16();
+        if (offset != 0) handle(s, *slot.family, pkt.from(offset));
+    }
+    return nullptr;
+}
+
+}  // namespace orvwire
+
+void OrvAccess::processMetaPkt(const unsigned char* packet) {
+    const OrvosiBytes bytes{packet, OrvosiUtil::word16(packet + 1), kReceiveBufferSize};
+    orvwire::processMetaPkt(*st_, bytes);
 }
 
 bool OrvAccess::getImuData(e_OrvAccessImuSelect imu, bool* valid, s_OrvAccessImuData* data) {

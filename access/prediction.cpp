@@ -17,7 +17,7 @@ constexpr unsigned int kImuBiasWeight = 1000;
 constexpr unsigned int kDispPeriodWeight = 500;
 constexpr unsigned int kDispBiasWeight = 100;
 // The logging channel of the binary prediction records ("orvaPred.log").
-constexpr unsigned int kLogPrediction = 4;
+constexpr unsigned int kLogPrediction = ORVACCESS_LOG_PRED;
 
 // A non-negative real truncated to unsigned 64-bit, saturating instead of
 // leaving the range (the sample interval comes from the wire).

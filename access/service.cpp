@@ -5,21 +5,21 @@
 #include <cstdint>
 
 #include "access/State.hpp"
+#include "access/Wire.hpp"
 
 namespace {
 
-using Parser = void (OrvAccess::*)(const unsigned char*);
+using orvwire::Check;
+using orvwire::Family;
+using orvwire::Port;
 
-// The receiving endpoints in the order every pass visits them.
-enum PortId { kMeta, kImage, kCore, kHub, kNft, kPortCount };
-
-struct Port {
+struct Endpoint {
     OrvosiUdpClient OrvAccess::State::*endpoint;
     bool OrvAccess::State::*open;
     const char* readErrorLabel;
 };
 
-constexpr Port kPorts[kPortCount] = {
+constexpr Endpoint kEndpoints[orvwire::kPortCount] = {
     {&OrvAccess::State::meta, &OrvAccess::State::metaOpen, "Error receiving from orvRx: "},
     {&OrvAccess::State::image, &OrvAccess::State::imageOpen, "Error receiving from image port: "},
     {&OrvAccess::State::core, &OrvAccess::State::coreOpen, "Error receiving from orvCore: "},
@@ -27,59 +27,95 @@ constexpr Port kPorts[kPortCount] = {
     {&OrvAccess::State::nft, &OrvAccess::State::nftOpen, "Error receiving from NFT: "},
 };
 
-constexpr int kAnyByte = -1;  // a row that takes whatever the first byte is
-constexpr int kNoCheck = -1;  // a row whose datagrams skip the framing check
-
-// How one kind of datagram is handled. The first row of a port whose
-// firstByte matches wins; a datagram that matches no row is dropped unseen.
-struct Route {
-    PortId port;
-    int firstByte;
-    int startByte;  // what the framing check expects, or kNoCheck
-    Parser parser;
-    uint32_t receivedBit;
-    unsigned short errorCode;  // queued when the check fails
-    unsigned int logChannel;   // 0: never logged
-    unsigned int dumpBit;
-    const char* infoText;
-    const char* problemText;
-};
-
-const Route* findRoute(const Route* routes, size_t count, PortId port, unsigned char firstByte) {
-    for (size_t i = 0; i < count; ++i) {
-        const Route& r = routes[i];
-        if (r.port == port && (r.firstByte == kAnyByte || r.firstByte == firstByte)) return &r;
+const Family* findFamily(Port port, unsigned char firstByte) {
+    for (const orvwire::Route& r : orvwire::kRoutes) {
+        if (r.port == port && (r.firstByte == orvwire::kAnyByte || r.firstByte == firstByte)) return r.family;
     }
     return nullptr;
 }
 
-// Handles the n bytes in s.rx. False when the datagram does not count as
-// received (no row took it).
-bool dispatch(OrvAccess& access, OrvAccess::State& s, const Route* route, unsigned long n) {
-    if (route == nullptr) return false;
-    const unsigned char* buf = s.rx;
+constexpr const char* kPastReach = "Runs past the end of the buffer";
+
+// The failed check or refusal of a packet: the problem line under verbosity
+// 0x1 and the family's code. The reason is only copied when the line is on.
+void refuse(OrvAccess::State& s, const Family& f, const char* reason) {
     const unsigned int verbosity = s.cfg.verbosity;
-    // Both hub rows share their text, so the hub line reads the same as if it
-    // were written before the first byte picked the row.
-    OrvUtil::infoLine(verbosity, route->infoText, n);
-    // Dumped before the check, so that bad datagrams can be seen too.
-    if (verbosity & route->dumpBit) OrvUtil::dumpBuf(buf, n, route->dumpBit);
-    if (route->startByte != kNoCheck &&
-        !OrvUtil::udpPktOk(buf, n, static_cast<unsigned char>(route->startByte))) {
-        // Tested here so that the text is only copied when the line is written.
-        if (verbosity & OrvUtil::kVerbLog)
-            OrvUtil::logLine(verbosity, route->problemText, OrvUtil::getLastError());
-        access.addErrorCode(route->errorCode, 0);
-        return true;
+    if (verbosity & ORVACCESS_VERB_LOG) {
+        if (reason != nullptr)
+            OrvUtil::logLine(verbosity, f.problemText, reason);
+        else
+            OrvUtil::logLine(verbosity, f.problemText, OrvUtil::getLastError());
     }
-    if (s.cfg.logging & route->logChannel) OrvUtil::logBuf(buf, n, route->logChannel, s.cfg.logPath);
-    s.packetRefused = false;
-    (access.*(route->parser))(buf);
-    if (!s.packetRefused) s.receivedMask |= route->receivedBit;
-    return true;
+    s.addErrorCode(f.badCode, 0);
+}
+
+// An inertial chip packet: the sync byte, a type the chip decoder knows,
+// and a zero byte sum over the length that type has.
+bool chipOk(const OrvosiBytes& p) {
+    const unsigned int length = OrvosiUtil::GetBvPacketLength(p.at(1));
+    return p.at(0) == ORVWIRE_CHIP_SYNC && length != 0 && length <= p.reach &&
+           OrvosiUtil::checksum(p.data, length < p.size ? length : p.size) == 0;
 }
 
 }  // namespace
+
+namespace orvwire {
+
+bool handle(OrvAccess::State& s, const Family& f, const OrvosiBytes& packet) {
+    const unsigned int verbosity = s.cfg.verbosity;
+    const bool datagram = f.check == Check::datagram || f.check == Check::none;
+    if (f.infoText != nullptr) {
+        if (datagram)
+            OrvUtil::infoLine(verbosity, f.infoText, packet.size);
+        else
+            OrvUtil::infoLine(verbosity, f.infoText);
+    }
+    // How many bytes the packet claims: a datagram's own size, a subpacket's
+    // length word, a chip packet's fixed slot.
+    size_t length = packet.size;
+    if (f.check == Check::subpacket) {
+        if (packet.reach < ORVWIRE_HEADER_SIZE) {
+            refuse(s, f, kPastReach);
+            return false;
+        }
+        length = static_cast<size_t>(packet.at(1) | packet.at(2) << 8);
+    } else if (f.check == Check::chip) {
+        length = f.fixedSize;
+    }
+    const size_t real = length < packet.size ? length : packet.size;
+    // Dumped before the check, so that bad packets can be seen too.
+    if (verbosity & f.dumpBit) OrvUtil::dumpBuf(packet.data, real, f.dumpBit);
+
+    bool passed = true;
+    if (f.check == Check::datagram || f.check == Check::subpacket) {
+        if (length > packet.reach) {
+            refuse(s, f, kPastReach);
+            return false;
+        }
+        passed = OrvUtil::udpPktOk(packet, length, f.startByte);
+    } else if (f.check == Check::chip) {
+        passed = chipOk(packet);
+    }
+    if (!passed) {
+        // A chip packet's line carries no reason.
+        refuse(s, f, f.check == Check::chip ? "" : nullptr);
+        return false;
+    }
+    if (s.cfg.logging & f.logChannel) OrvUtil::logBuf(packet.data, real, f.logChannel, s.cfg.logPath);
+    if (const char* reason = f.parse(s, packet)) {
+        refuse(s, f, reason);
+        return false;
+    }
+    s.receivedMask |= f.receivedBit;
+    return true;
+}
+
+void reportOverrun(OrvAccess::State& s, const Family& f, uint32_t tag) {
+    OrvUtil::logLine(s.cfg.verbosity, f.overrunText);
+    s.addErrorCode(f.overrunCode, tag);
+}
+
+}  // namespace orvwire
 
 // Readiness: every pass starts with one poll() over the open sockets, and only
 // the sockets it reports get a recvfrom(). A datagram pending when a pass
@@ -96,33 +132,13 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     const uint32_t rxStateBefore = s.rxState;
     if (startStreaming) setStreaming(true);
 
-    // Here, inside a member, because most parsers are private.
-    static constexpr Route kRoutes[] = {
-        {kMeta, kAnyByte, 19, &OrvAccess::processMetaPkt, 0x2, 772, 0x2, 0x2000,
-         "Received orvRx meta packet, size ", "Problem with meta packet: "},
-        {kImage, kAnyByte, 7, &OrvAccess::processImagePkt, 0x4, 771, 0, 0x4000,
-         "Received image packet, size ", "Problem with image packet: "},
-        {kCore, 10, 10, &OrvAccess::processTrackingPkt, 0x10, 770, 0x1, 0x1000,
-         "Received orvCore packet, size ", "Problem with orvCore packet: "},
-        {kCore, 15, 15, &OrvAccess::processPraPkt, 0x100, 784, 0x4000, 0x80000, "Received PRA packet, size ",
-         "Problem with PRA packet: "},
-        // Hub error reports are taken as they come, unchecked, and set no bit.
-        {kHub, 12, kNoCheck, &OrvAccess::processHubErrPkt, 0, 0, 0x1000, 0x20000,
-         "Received orvHub packet, size ", ""},
-        {kHub, kAnyByte, 11, &OrvAccess::processHubDataPkt, 0x20, 781, 0x1000, 0x20000,
-         "Received orvHub packet, size ", "Problem with hub packet: "},
-        {kNft, kAnyByte, 14, &OrvAccess::processNftDataPkt, 0x80, 782, 0x2000, 0x40000,
-         "Received NFT packet, size ", "Problem with NFT packet: "},
-    };
-    constexpr size_t kRouteCount = sizeof kRoutes / sizeof kRoutes[0];
-
-    pollfd fds[kPortCount];
-    PortId ids[kPortCount];
+    pollfd fds[orvwire::kPortCount];
+    Port ids[orvwire::kPortCount];
     nfds_t count = 0;
-    for (int p = 0; p < kPortCount; ++p) {
-        if (!(s.*(kPorts[p].open))) continue;
-        fds[count] = pollfd{(s.*(kPorts[p].endpoint)).descriptor(), POLLIN, 0};
-        ids[count] = static_cast<PortId>(p);
+    for (int p = 0; p < orvwire::kPortCount; ++p) {
+        if (!(s.*(kEndpoints[p].open))) continue;
+        fds[count] = pollfd{(s.*(kEndpoints[p].endpoint)).descriptor(), POLLIN, 0};
+        ids[count] = static_cast<Port>(p);
         ++count;
     }
 
@@ -134,7 +150,7 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
         if (ready == 0) break;
         for (nfds_t i = 0; i < count; ++i) {
             if (ready > 0 && fds[i].revents == 0) continue;
-            const Port& port = kPorts[ids[i]];
+            const Endpoint& port = kEndpoints[ids[i]];
             OrvosiUdpClient& endpoint = s.*(port.endpoint);
             int n = 0;
             if (!endpoint.read(reinterpret_cast<char*>(s.rx), kReceiveBufferSize, &n)) {
@@ -144,14 +160,18 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
                 break;
             }
             if (n <= 0) continue;
-            const Route* route = findRoute(kRoutes, kRouteCount, ids[i], s.rx[0]);
-            if (dispatch(*this, s, route, static_cast<unsigned long>(n))) received = true;
+            const Family* family = findFamily(ids[i], s.rx[0]);
+            if (family == nullptr) continue;  // dropped unseen, and not counted
+            received = true;
+            // Past the datagram's end a parser reads zeros, never what an
+            // earlier datagram left in the buffer.
+            orvwire::handle(s, *family, OrvosiBytes{s.rx, static_cast<size_t>(n), kReceiveBufferSize});
         }
     }
 
     if (!ok) OrvUtil::errLine(s.cfg.verbosity, s.lastError);
     // orvRx reporting state 3 has stopped streaming; the next getter restarts it.
-    if (s.rxState != rxStateBefore && s.rxState == 3) s.streaming = false;
+    if (s.rxState != rxStateBefore && s.rxState == ORVACCESS_RX_STATE_STOPPED) s.streaming = false;
     return ok;
 }
 

@@ -1,97 +1,43 @@
 // Target, diagnostic, platform-pose and GPS subpackets of meta packets.
 //
-// Each subpacket is framed like a datagram and checked against its own
-// length field. Some fields are read at fixed offsets that a short subpacket
-// does not cover (the target and diagnostic parsers then report an overrun);
-// such reads may run on past the subpacket, but never past `available`: a
-// subpacket whose reads would leave the buffer is reported as bad instead.
-#include <algorithm>
+// Each has passed its framing check against its own length word. Some fields
+// lie at fixed offsets that a short subpacket does not cover (the target and
+// diagnostic parsers then report an overrun); such reads run on into the
+// rest of the datagram and read zeros past its end. Only a subpacket whose
+// reads would leave what any datagram can hold is refused.
 #include <cstdint>
 
-#include "access/Subpackets.hpp"
+#include "access/State.hpp"
+#include "access/Wire.hpp"
 #include "osi/OrvosiCursor.hpp"
 
 namespace {
 
-struct Kind {
-    const char* receivedText;
-    const char* badText;
-    unsigned char startByte;
-    unsigned int dumpBit;
-    unsigned int logChannel;
-    unsigned short badCode;
-};
-
-constexpr Kind kPlatPose{
-    "Received platform pose subpacket", "Bad platform pose subpacket: ", 7, 0x800, 0x80, 776};
-constexpr Kind kTarget{"Received target subpacket", "Bad target subpacket: ", 6, 0x100, 0x10, 775};
-constexpr Kind kDiag{"Received diagnostic subpacket", "Bad diagnostic subpacket: ", 13, 0x10000, 0x100, 774};
-constexpr Kind kGps{"Received GPS subpacket", "Bad GPS subpacket: ", 8, 0x10000, 0x100, 783};
-
-constexpr unsigned short kTargetOverrun = 778;
-constexpr unsigned short kDiagOverrun = 779;
-constexpr size_t kTargetEntrySize = 35;
-
-constexpr const char* kPastBuffer = "Runs past the end of the buffer";
-
-void reportBad(OrvAccess& access, const OrvAccess::State& s, const Kind& kind, const char* reason) {
-    OrvUtil::logLine(s.cfg.verbosity, kind.badText, reason);
-    access.addErrorCode(kind.badCode, 0);
-}
-
-// The steps every subpacket shares: info line, dump, framing check, log
-// channel. False (after reporting) when the subpacket is to be skipped.
-bool checkSubpacket(OrvAccess& access, const OrvAccess::State& s, const Kind& kind, const unsigned char* sub,
-                    size_t available, size_t* length) {
-    const unsigned int verbosity = s.cfg.verbosity;
-    OrvUtil::infoLine(verbosity, kind.receivedText);
-    if (available < 3) {
-        reportBad(access, s, kind, kPastBuffer);
-        return false;
-    }
-    *length = OrvosiUtil::word16(sub + 1);
-    if (verbosity & kind.dumpBit) OrvUtil::dumpBuf(sub, std::min(*length, available), kind.dumpBit);
-    if (*length > available) {
-        reportBad(access, s, kind, kPastBuffer);
-        return false;
-    }
-    if (!OrvUtil::udpPktOk(sub, *length, kind.startByte)) {
-        // Tested here so that the text is only copied when the line is written.
-        if (verbosity & OrvUtil::kVerbLog) OrvUtil::logLine(verbosity, kind.badText, OrvUtil::getLastError());
-        access.addErrorCode(kind.badCode, 0);
-        return false;
-    }
-    if (s.cfg.logging & kind.logChannel) OrvUtil::logBuf(sub, *length, kind.logChannel, s.cfg.logPath);
-    return true;
-}
+constexpr const char* kPastReach = "Runs past the end of the buffer";
 
 }  // namespace
 
-void processPlatPoseSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned char* sub,
-                           size_t available) {
-    size_t length = 0;
-    if (!checkSubpacket(access, s, kPlatPose, sub, available, &length)) return;
-    OrvosiReader r(sub, available);
-    r.seek(3);
+namespace orvwire {
+
+const char* processPlatPoseSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
+    OrvosiReader r(sub);
+    r.seek(ORVWIRE_HEADER_SIZE);
     s_OrvAccessPlatPoseData rec{};
     rec.tag = r.u32();
     const unsigned char format = r.u8();
-    if (r.ok() && format != 2 && format != 3) return;
+    if (r.ok() && format != ORVWIRE_PLATPOSE_FORMAT2 && format != ORVWIRE_PLATPOSE_FORMAT3) return nullptr;
     // Format 2 carries its pose further back than format 3.
-    r.seek(format == 3 ? 8 : 20);
+    r.seek(format == ORVWIRE_PLATPOSE_FORMAT3 ? ORVWIRE_PLATPOSE_FORMAT3_AT : ORVWIRE_PLATPOSE_FORMAT2_AT);
     r.f32s(rec.pose, 3);
-    if (!r.ok()) {
-        reportBad(access, s, kPlatPose, kPastBuffer);
-        return;
-    }
+    if (!r.ok()) return kPastReach;
     s.platPose.push(rec, s.cfg.verbosity);
+    return nullptr;
 }
 
-void processTargetSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned char* sub, size_t available) {
-    size_t length = 0;
-    if (!checkSubpacket(access, s, kTarget, sub, available, &length)) return;
-    OrvosiReader r(sub, available);
-    r.seek(3);
+const char* processTargetSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
+    OrvosiReader r(sub);
+    r.skip(1);
+    const size_t length = r.u16();
     OrvAccess::s_TgtData rec{};
     rec.tag = r.u32();
     const unsigned int n = r.u8();
@@ -100,12 +46,9 @@ void processTargetSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned 
     const unsigned int total = r.u16();
     const unsigned int first = r.u16();
     // The trailer sits before the checksum, wherever the entries end.
-    rec.trailer = sub[length - 2];
+    rec.trailer = sub.at(length - 2);
     // Decided before anything is dropped or appended: all entries or none.
-    if (!r.ok() || !r.has(kTargetEntrySize * n)) {
-        reportBad(access, s, kTarget, kPastBuffer);
-        return;
-    }
+    if (!r.ok() || !r.has(ORVWIRE_TARGET_ENTRY_SIZE * n)) return kPastReach;
 
     const unsigned int verbosity = s.cfg.verbosity;
     s.targets.makeRoom(verbosity, n + 1);
@@ -134,17 +77,14 @@ void processTargetSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned 
         s.targets.append(rec);
     }
     // The entries plus the trailer byte must end before the checksum.
-    if (r.pos() + 1 > length - 1) {
-        OrvUtil::logLine(verbosity, "Overrun in target subpacket");
-        access.addErrorCode(kTargetOverrun, rec.tag);
-    }
+    if (r.pos() + 1 > length - 1) reportOverrun(s, kTarget, rec.tag);
+    return nullptr;
 }
 
-void processDiagSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned char* sub, size_t available) {
-    size_t length = 0;
-    if (!checkSubpacket(access, s, kDiag, sub, available, &length)) return;
-    OrvosiReader r(sub, available);
-    r.seek(3);
+const char* processDiagSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
+    OrvosiReader r(sub);
+    r.skip(1);
+    const size_t length = r.u16();
     s_OrvAccessDiagData rec{};
     rec.tag = r.u32();
     rec.diagValue1 = r.f32();
@@ -154,45 +94,37 @@ void processDiagSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned ch
     rec.diagByte2 = r.u8();
     for (uint8_t& code : rec.errorCodes) code = r.u8();
     rec.state = r.u8();
-    if (!r.ok()) {
-        reportBad(access, s, kDiag, kPastBuffer);
-        return;
-    }
+    if (!r.ok()) return kPastReach;
 
     // orvRx error bytes become codes of the orvRx range.
     for (uint8_t code : rec.errorCodes) {
-        if (code != 0) access.addErrorCode(static_cast<unsigned short>(code | 0x100), rec.tag);
+        if (code != 0) s.addErrorCode(static_cast<unsigned short>(code | ORVACCESS_ORIGIN_ORVRX), rec.tag);
     }
-    // The service loop stops believing in streaming when this becomes 3.
+    // The service loop stops believing in streaming when this becomes "stopped".
     s.rxState = rec.state;
     s.diagWord = rec.state;
-    // Lengths above 27 and 29 lie inside `available`, so these reads are in bounds.
-    if (length > 27) {
+    // These lengths lie inside what the check let through, so the reads stay in reach.
+    if (length > ORVWIRE_DIAG_OPTIONAL_1) {
         rec.optional[0] = r.u8();
         rec.optional[1] = r.u8();
     }
-    if (length > 29) {
+    if (length > ORVWIRE_DIAG_OPTIONAL_2) {
         rec.optional[2] = r.u8();
         rec.optional[3] = r.u8();
     }
 
-    const unsigned int verbosity = s.cfg.verbosity;
-    s.diag.push(rec, verbosity);
-    if (r.pos() > length - 1) {
-        OrvUtil::logLine(verbosity, "Overrun in diagnostic subpacket");
-        access.addErrorCode(kDiagOverrun, rec.tag);
-    }
+    s.diag.push(rec, s.cfg.verbosity);
+    if (r.pos() > length - 1) reportOverrun(s, kDiag, rec.tag);
     s.latestDiag = rec;
     s.latestDiagValid = true;
+    return nullptr;
 }
 
-void processGpsSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned char* sub, size_t available) {
-    size_t length = 0;
-    if (!checkSubpacket(access, s, kGps, sub, available, &length)) return;
-    OrvosiReader r(sub, available);
-    r.seek(3);
+const char* processGpsSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
+    OrvosiReader r(sub);
+    r.seek(ORVWIRE_HEADER_SIZE);
     const unsigned char format = r.u8();
-    if (r.ok() && format != 1) return;
+    if (r.ok() && format != ORVWIRE_GPS_FORMAT) return nullptr;
     s_OrvAccessGpsData rec{};
     rec.valid = 1;
     rec.gpsWord1 = r.u32();
@@ -210,12 +142,12 @@ void processGpsSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned cha
     rec.gpsValue5 = r.f32();
     rec.gpsValue6 = r.f32();
     rec.gpsByte2 = r.u8();
-    if (!r.ok()) {
-        reportBad(access, s, kGps, kPastBuffer);
-        return;
-    }
+    if (!r.ok()) return kPastReach;
     s.gps.push(rec, s.cfg.verbosity);
+    return nullptr;
 }
+
+}  // namespace orvwire
 
 bool OrvAccess::getTargetData(bool* valid, s_TgtData* data) { return popRecord(st_->targets, valid, data); }
 

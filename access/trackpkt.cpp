@@ -2,81 +2,33 @@
 #include <cstdio>
 
 #include "access/State.hpp"
+#include "access/Wire.hpp"
 #include "osi/OrvosiCursor.hpp"
 #include "osi/OrvosiUtil.hpp"
 
-namespace {
+namespace orvwire {
 
-// Everything before an optical subpacket: a packet without one is this long
-// plus its checksum byte.
-constexpr size_t kTrackingBody = 331;
-constexpr unsigned char kOpticalStart = 16;
-constexpr size_t kOpticalHeader = 10;
-constexpr size_t kTargetEntry = 22;
-constexpr size_t kStatsBlock = 78;
-
-constexpr unsigned short kBadTrackingPkt = 770;
-constexpr unsigned short kBadOpticalSubPkt = 773;
-constexpr unsigned short kOpticalOverrun = 780;
-
-constexpr unsigned int kOpticalDumpBit = 0x8000;
-constexpr unsigned int kPlatPoseTraceBit = 0x400000;
-constexpr unsigned int kOpticalLogChannel = 0x200;
-constexpr unsigned int kHarmonisationChannel = 0x8;
-
-void badOptical(OrvAccess& access, unsigned int verbosity, const char* reason) {
-    OrvUtil::logLine(verbosity, "Bad optical subpacket: ", reason);
-    access.addErrorCode(kBadOpticalSubPkt, 0);
-}
-
-// The optical subpacket at `sub`, of which `available` bytes may be read.
-// The counts inside may claim more than the subpacket's own length (an
-// overrun, reported after the fact) but never more than `available`: such a
-// subpacket is refused before anything is queued.
-void processOpticalSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned char* sub,
-                          size_t available) {
+// Counts of targets may claim more than the subpacket's length (an overrun,
+// reported after the fact); the entries past the datagram's end read as zeros.
+const char* processOpticalSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
     const unsigned int verbosity = s.cfg.verbosity;
-    OrvUtil::infoLine(verbosity, "Received optical subpacket");
-    if (available < 3) {
-        if (verbosity & kOpticalDumpBit) OrvUtil::dumpBuf(sub, available, kOpticalDumpBit);
-        badOptical(access, verbosity, "Length beyond buffer");
-        return;
-    }
-    const size_t length = OrvosiUtil::word16(sub + 1);
-    if (verbosity & kOpticalDumpBit)
-        OrvUtil::dumpBuf(sub, length < available ? length : available, kOpticalDumpBit);
-    // The framing check reads all `length` bytes, so they must be there first.
-    if (length > available) {
-        badOptical(access, verbosity, "Length beyond buffer");
-        return;
-    }
-    if (!OrvUtil::udpPktOk(sub, length, kOpticalStart)) {
-        // The text is only copied when the line is written.
-        if (verbosity & OrvUtil::kVerbLog)
-            badOptical(access, verbosity, OrvUtil::getLastError().c_str());
-        else
-            access.addErrorCode(kBadOpticalSubPkt, 0);
-        return;
-    }
-    if (s.cfg.logging & kOpticalLogChannel) OrvUtil::logBuf(sub, length, kOpticalLogChannel, s.cfg.logPath);
-
-    OrvosiReader r(sub, available);
-    r.skip(3);
+    OrvosiReader r(sub);
+    r.skip(1);
+    const size_t length = r.u16();
     const uint32_t tag = r.u32();
     const size_t n = r.u8();
-    // length >= 3 here, so length - 1 cannot wrap.
-    size_t consumed = kOpticalHeader + kTargetEntry * n;
+    // The check passed, so length >= 3 and length - 1 cannot wrap.
+    size_t consumed = ORVWIRE_OPTICAL_TARGETS_AT + ORVWIRE_OPTICAL_TARGET_SIZE * n;
     const bool hasStats = length - 1 > consumed;
-    if (consumed + (hasStats ? kStatsBlock : 0) > available) {
-        badOptical(access, verbosity, "Target count beyond buffer");
-        return;
-    }
+    // Decided before anything is queued: all of the subpacket or none.
+    if (!r.has(consumed + (hasStats ? ORVWIRE_OPTICAL_STATS_SIZE : 0) - r.pos()))
+        return "Target count beyond buffer";
 
     // One closing record follows the n targets; room is made for all of them.
     s.targetRes.makeRoom(verbosity, n + 1);
     OrvAccess::s_TgtResData res{};
     res.tag = tag;
-    r.seek(kOpticalHeader);
+    r.seek(ORVWIRE_OPTICAL_TARGETS_AT);
     for (size_t i = 0; i < n; ++i) {
         res.index = static_cast<uint32_t>(i);
         res.id = r.u16();
@@ -108,30 +60,19 @@ void processOpticalSubPkt(OrvAccess& access, OrvAccess::State& s, const unsigned
         st.value4 = r.f32();
         st.value5 = r.f32();
         s.poseRec.push(st, verbosity);
-        consumed += kStatsBlock;
+        consumed += ORVWIRE_OPTICAL_STATS_SIZE;
     }
 
-    if (length - 1 < consumed) {
-        OrvUtil::logLine(verbosity, "Overrun in optical data subpacket");
-        access.addErrorCode(kOpticalOverrun, tag);
-    }
+    if (length - 1 < consumed) reportOverrun(s, kOptical, tag);
+    return nullptr;
 }
 
-}  // namespace
-
-void OrvAccess::processTrackingPkt(const unsigned char* packet) {
-    State& s = *st_;
+// A packet shorter than its fixed fields (it passed its framing, so its
+// length word says so) reads as zeros from its end on.
+const char* processTrackingPkt(OrvAccess::State& s, const OrvosiBytes& packet) {
     const unsigned int verbosity = s.cfg.verbosity;
-    const size_t available = s.readable(packet, packet);
-    // Only a packet an application hands in can be this short; the service
-    // loop's buffer always holds the whole fixed part.
-    if (available < kTrackingBody) {
-        s.refusePacket("Problem with orvCore packet: ", "Packet too short", kBadTrackingPkt);
-        return;
-    }
-
     s_OrvAccessTrkDataExt rec{};
-    OrvosiReader r(packet, available);
+    OrvosiReader r(packet);
     r.skip(1);
     const size_t length = r.u16();
     rec.packetTag = r.u32();
@@ -163,21 +104,21 @@ void OrvAccess::processTrackingPkt(const unsigned char* packet) {
     for (unsigned char& code : rec.errorCodes) code = r.u8();
     r.f32s(rec.vecN, 3);
     r.f32s(rec.vecO, 3);
-    r.skip(8);  // reserved
+    // The 8 reserved bytes before the optical subpacket are not read.
 
     for (unsigned char code : rec.errorCodes)
-        if (code != 0) addErrorCode(code, rec.packetTag);
+        if (code != 0) s.addErrorCode(code, rec.packetTag);
 
     s.tracking.push(rec, verbosity);
     s.latestTrackingValid = true;
     s.latestTracking = rec;
 
-    if (length > kTrackingBody + 1)
-        processOpticalSubPkt(*this, s, packet + kTrackingBody, s.readable(packet, packet + kTrackingBody));
+    if (length > ORVWIRE_TRACKING_SIZE) handle(s, kOptical, packet.from(ORVWIRE_TRACKING_OPTICAL_AT));
 
-    if (verbosity & kPlatPoseTraceBit) OrvUtil::textLine(std::cout, "ORVAPLATPOSE: tout=", rec.platPoseTime);
+    if (verbosity & ORVACCESS_VERB_PLATPOSE_TRACE)
+        OrvUtil::textLine(std::cout, "ORVAPLATPOSE: tout=", rec.platPoseTime);
 
-    if (s.cfg.logging & kHarmonisationChannel) {
+    if (s.cfg.logging & ORVACCESS_LOG_HARM) {
         // Formatted on the stack: this runs for every packet while the
         // channel is on, although the channel keeps one line per 5 s.
         char line[192];
@@ -187,10 +128,19 @@ void OrvAccess::processTrackingPkt(const unsigned char* packet) {
         if (n > 0) {
             const size_t len =
                 static_cast<size_t>(n) < sizeof line ? static_cast<size_t>(n) : sizeof line - 1;
-            OrvUtil::logBuf(reinterpret_cast<const unsigned char*>(line), len, kHarmonisationChannel,
+            OrvUtil::logBuf(reinterpret_cast<const unsigned char*>(line), len, ORVACCESS_LOG_HARM,
                             s.cfg.logPath);
         }
     }
+    return nullptr;
+}
+
+}  // namespace orvwire
+
+// A packet an application hands in is trusted as far as its own length word.
+void OrvAccess::processTrackingPkt(const unsigned char* packet) {
+    const OrvosiBytes bytes{packet, OrvosiUtil::word16(packet + 1), kReceiveBufferSize};
+    orvwire::processTrackingPkt(*st_, bytes);
 }
 
 bool OrvAccess::getTargetResData(bool* valid, s_TgtResData* data) {

@@ -6,9 +6,6 @@
 
 namespace {
 
-constexpr unsigned int kVerbPlatPoseTrace = 0x400000;
-constexpr unsigned int kDumpUdpOut = 0x40;
-
 // Fills in the length word, seals the datagram, dumps it and sends it. On a
 // failed write the last error becomes `errorPrefix` and the sender's reason.
 bool transmit(OrvAccess::State& s, OrvosiWriter& w, const char* errorPrefix) {
@@ -16,29 +13,29 @@ bool transmit(OrvAccess::State& s, OrvosiWriter& w, const char* errorPrefix) {
     w.seal();
     const unsigned long length = w.pos();
     const unsigned int verbosity = s.cfg.verbosity;
-    if (verbosity & kDumpUdpOut) OrvUtil::dumpBuf(w.data(), length, kDumpUdpOut);
+    if (verbosity & ORVACCESS_VERB_DUMP_UDP_OUT) OrvUtil::dumpBuf(w.data(), length, ORVACCESS_VERB_DUMP_UDP_OUT);
     if (s.input.write(reinterpret_cast<const char*>(w.data()), length)) return true;
     s.fail(errorPrefix + s.input.getLastError(), true);
     return false;
 }
 
-// 21 bytes: type 7, length, tag, format 3, roll, pitch, yaw, checksum.
+// Start byte, length, tag, format 3, roll, pitch, yaw, checksum.
 bool sendPlatformPosePkt(OrvAccess::State& s, const s_OrvAccessPlatPoseData* pose) {
-    unsigned char buf[21];
+    unsigned char buf[ORVWIRE_UPLINK_PLATPOSE_SIZE];
     OrvosiWriter w(buf, sizeof buf);
-    w.u8(7);
+    w.u8(ORVWIRE_START_PLATPOSE);
     w.u16(0);
     w.u32(pose->tag);
-    w.u8(3);
+    w.u8(ORVWIRE_PLATPOSE_FORMAT3);
     for (float v : pose->pose) w.f32(v);
     return transmit(s, w, "Error transmitting pose to orvRx: ");
 }
 
-// 73 bytes, the record's fields packed without padding, checksum last.
+// The record's fields packed without padding, checksum last.
 bool sendGpsDataPkt(OrvAccess::State& s, const s_OrvAccessGpsData* gps) {
-    unsigned char buf[73];
+    unsigned char buf[ORVWIRE_UPLINK_GPS_SIZE];
     OrvosiWriter w(buf, sizeof buf);
-    w.u8(8);
+    w.u8(ORVWIRE_START_GPS);
     w.u16(0);
     w.u8(gps->valid);
     w.u32(gps->gpsWord1);
@@ -60,11 +57,11 @@ bool sendGpsDataPkt(OrvAccess::State& s, const s_OrvAccessGpsData* gps) {
     return transmit(s, w, "Error transmitting GPS to orvHub: ");
 }
 
-// 5 bytes; shares type 8 with the GPS packet, told apart by the length.
+// Shares its start byte with the GPS packet, told apart by the length.
 bool sendInputDataPkt(OrvAccess::State& s, unsigned char code) {
-    unsigned char buf[5];
+    unsigned char buf[ORVWIRE_UPLINK_INPUT_SIZE];
     OrvosiWriter w(buf, sizeof buf);
-    w.u8(8);
+    w.u8(ORVWIRE_START_INPUT);
     w.u16(0);
     w.u8(code);
     return transmit(s, w, "Error transmitting input data to orvRx: ");
@@ -82,7 +79,7 @@ bool OrvAccess::setPlatformPoseData(s_OrvAccessPlatPoseData pose) {
     OrvUtil::infoLine(verbosity, "Setting platform pose: t=", pose.tag,
                       " r=", static_cast<double>(pose.pose[0]), " p=", static_cast<double>(pose.pose[1]),
                       " y=", static_cast<double>(pose.pose[2]));
-    if (verbosity & kVerbPlatPoseTrace) OrvUtil::textLine(std::cout, "ORVAPLATPOSE: tin=", pose.tag);
+    if (verbosity & ORVACCESS_VERB_PLATPOSE_TRACE) OrvUtil::textLine(std::cout, "ORVAPLATPOSE: tin=", pose.tag);
     return sendPlatformPosePkt(s, &pose);
 }
 

@@ -37,6 +37,12 @@ struct BrevantData {
     float value8000b;
 };
 
+// Field mask bit of the auxiliary byte (hi2000, lo2000, byte2000).
+constexpr uint32_t kBrevantMaskAux = 0x2000;
+// The bit of `status` that carries, one packet at a time, the 256-bit
+// clock-relation rows.
+constexpr uint8_t kBrevantStatusClock = 0x10;
+
 // The chip's single-axis triad value is stored relative to triad[0] with an
 // index that can be -1 (mask-driven axis 0, landing on triadAxis and its
 // padding) or 3 (compact axis 3, landing on vec40[0]). The decoder writes

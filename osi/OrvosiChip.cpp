@@ -127,7 +127,7 @@ bool OrvosiUtil::ParseBrevantPacket(unsigned char* pkt, BrevantData* out) {
     // The only 16-bit field the chip sends unsigned.
     if (mask & 0x800) out->scalar800 = scaled(r.u16(), 0.0014648);
     if (mask & 0x1000) out->scalar1000 = scaled(i16(r), 0.05);
-    if (mask & 0x2000) {
+    if (mask & kBrevantMaskAux) {
         const unsigned char first = r.u8();
         out->hi2000 = first >> 5;
         out->lo2000 = first & 0x1F;

@@ -10,18 +10,39 @@
 
 #include "osi/OrvosiUtil.hpp"
 
+// A received packet, or a part of one, as its parser sees it: `size` real
+// bytes at `data`, followed by zeros up to `reach`. A packet shorter than its
+// fixed fields thus reads as zeros past its end, never as bytes that an
+// earlier packet left in the buffer; `reach` bounds what counts on the wire
+// may ask for. Nothing at or beyond data + size is ever touched.
+struct OrvosiBytes {
+    const unsigned char* data;
+    size_t size;
+    size_t reach;  // at least size
+
+    unsigned char at(size_t i) const { return i < size ? data[i] : 0; }
+    // The part from `offset` on; nothing real is left of it past the end.
+    OrvosiBytes from(size_t offset) const {
+        if (offset >= size) return {data + size, 0, offset < reach ? reach - offset : 0};
+        return {data + offset, size - offset, reach - offset};
+    }
+};
+
 class OrvosiReader {
 public:
-    OrvosiReader(const unsigned char* data, size_t size) : data_(data), size_(size) {}
+    OrvosiReader(const unsigned char* data, size_t size) : data_(data), size_(size), reach_(size) {}
+    // Over a received packet: reads past its real bytes yield zeros and only
+    // reads past its reach fail the cursor.
+    explicit OrvosiReader(const OrvosiBytes& bytes) : data_(bytes.data), size_(bytes.size), reach_(bytes.reach) {}
 
     bool ok() const { return ok_; }
     size_t pos() const { return pos_; }
-    size_t size() const { return size_; }
-    size_t remaining() const { return size_ - pos_; }
-    bool has(size_t n) const { return n <= size_ - pos_; }
-    // Moves to an absolute offset; an offset past the end fails the cursor.
+    size_t size() const { return reach_; }
+    size_t remaining() const { return reach_ - pos_; }
+    bool has(size_t n) const { return n <= reach_ - pos_; }
+    // Moves to an absolute offset; an offset past the reach fails the cursor.
     bool seek(size_t offset) {
-        if (offset > size_) return fail();
+        if (offset > reach_) return fail();
         pos_ = offset;
         return true;
     }
@@ -30,9 +51,9 @@ public:
         pos_ += n;
         return true;
     }
-    // Pointer to the next n bytes, or null (and failed) when they are not there.
+    // Pointer to the next n real bytes, or null (and failed) when they are not there.
     const unsigned char* take(size_t n) {
-        if (!has(n)) {
+        if (pos_ > size_ || n > size_ - pos_) {
             fail();
             return nullptr;
         }
@@ -42,37 +63,49 @@ public:
     }
 
     unsigned char u8() {
-        const unsigned char* p = take(1);
+        unsigned char scratch[1];
+        const unsigned char* p = next(1, scratch);
         return p ? *p : 0;
     }
     unsigned short u16() {
-        const unsigned char* p = take(2);
+        unsigned char scratch[2];
+        const unsigned char* p = next(2, scratch);
         return p ? OrvosiUtil::word16(p) : 0;
     }
     unsigned int u24() {
-        const unsigned char* p = take(3);
+        unsigned char scratch[3];
+        const unsigned char* p = next(3, scratch);
         return p ? OrvosiUtil::word24(p) : 0;
     }
     unsigned int u32() {
-        const unsigned char* p = take(4);
+        unsigned char scratch[4];
+        const unsigned char* p = next(4, scratch);
         return p ? OrvosiUtil::word32(p) : 0;
     }
     unsigned long u64() {
-        const unsigned char* p = take(8);
+        unsigned char scratch[8];
+        const unsigned char* p = next(8, scratch);
         return p ? OrvosiUtil::word64(p) : 0;
     }
     float f32() {
-        const unsigned char* p = take(4);
+        unsigned char scratch[4];
+        const unsigned char* p = next(4, scratch);
         return p ? OrvosiUtil::float32(p) : 0.0f;
     }
     double f64() {
-        const unsigned char* p = take(8);
+        unsigned char scratch[8];
+        const unsigned char* p = next(8, scratch);
         return p ? OrvosiUtil::float64(p) : 0.0;
     }
-    // n singles into out; out is left zero-filled when they are not all there.
+    // n singles into out; those past the reach are zero (and fail the cursor).
     void f32s(float* out, size_t n) {
-        const unsigned char* p = take(4 * n);
-        for (size_t i = 0; i < n; ++i) out[i] = p ? OrvosiUtil::float32(p + 4 * i) : 0.0f;
+        if (pos_ <= size_ && 4 * n <= size_ - pos_) {
+            const unsigned char* p = data_ + pos_;
+            for (size_t i = 0; i < n; ++i) out[i] = OrvosiUtil::float32(p + 4 * i);
+            pos_ += 4 * n;
+            return;
+        }
+        for (size_t i = 0; i < n; ++i) out[i] = f32();
     }
 
 private:
@@ -80,9 +113,26 @@ private:
         ok_ = false;
         return false;
     }
+    // The next n bytes (at most 8): in place while they are real, else the
+    // real part followed by zeros in scratch; null past the reach.
+    const unsigned char* next(size_t n, unsigned char* scratch) {
+        if (pos_ <= size_ && n <= size_ - pos_) {
+            const unsigned char* p = data_ + pos_;
+            pos_ += n;
+            return p;
+        }
+        if (!has(n)) {
+            fail();
+            return nullptr;
+        }
+        for (size_t i = 0; i < n; ++i) scratch[i] = pos_ + i < size_ ? data_[pos_ + i] : 0;
+        pos_ += n;
+        return scratch;
+    }
 
     const unsigned char* data_;
-    size_t size_;
+    size_t size_;   // real bytes
+    size_t reach_;  // real bytes and the zeros after them
     size_t pos_ = 0;
     bool ok_ = true;
 };

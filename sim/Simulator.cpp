@@ -31,7 +31,7 @@ constexpr double kAccelCount = 6.25e-6;     // m/s per raw accelerometer count
 constexpr uint64_t kMaxBehindUs = 100000;   // further behind than this, skip ahead
 constexpr size_t kPiecesPerStep = 8;        // image datagrams per step: no bursts
 constexpr uint64_t kInsTimeoutUs = 1000000; // platform data older than this: stopped
-constexpr size_t kSharedHeader = 6;         // ready flag, sequence id, format code
+constexpr size_t kSharedHeader = ORVWIRE_SHM_PIXELS_AT;
 
 // orvCore's codes for the events the simulator reproduces.
 constexpr uint8_t kCoreSequenceSkipped = 8;
@@ -376,19 +376,28 @@ void Simulator::serveUplink(uint64_t nowUs) {
         if (!m.uplink.read(reinterpret_cast<char*>(buf), sizeof buf, &n) || n <= 0) return;
         const unsigned long len = static_cast<unsigned long>(n);
         const unsigned char type = buf[0];
-        if (type == kind::kPlatPoseSub && len == 21 && OrvUtil::udpPktOk(buf, len, type) && buf[7] == 3) {
+        const bool framed = OrvUtil::udpPktOk(buf, len, type);
+        OrvosiReader r(buf, len);
+        r.skip(ORVWIRE_HEADER_SIZE);
+        if (framed && type == ORVWIRE_START_PLATPOSE && len == ORVWIRE_UPLINK_PLATPOSE_SIZE) {
+            const uint32_t tag = r.u32();
+            if (r.u8() != ORVWIRE_PLATPOSE_FORMAT3) {
+                ++u.bad;
+                continue;
+            }
             ++u.platformPoses;
-            u.lastPlatformTag = OrvosiUtil::word32(buf + 3);
+            u.lastPlatformTag = tag;
             m.lastPlatformUs = nowUs;
             if (!m.insActive) m.coreErrors.push_back(kCoreInsStarted);
             m.insActive = true;
-        } else if (type == kind::kGpsSub && len == 73 && OrvUtil::udpPktOk(buf, len, type)) {
+        } else if (framed && type == ORVWIRE_START_GPS && len == ORVWIRE_UPLINK_GPS_SIZE) {
+            r.skip(1 + 4);  // valid, first word
             ++u.gps;
-            u.lastLat = OrvosiUtil::float64(buf + 8);
-            u.lastLon = OrvosiUtil::float64(buf + 16);
-        } else if (type == kind::kGpsSub && len == 5 && OrvUtil::udpPktOk(buf, len, type)) {
+            u.lastLat = r.f64();
+            u.lastLon = r.f64();
+        } else if (framed && type == ORVWIRE_START_INPUT && len == ORVWIRE_UPLINK_INPUT_SIZE) {
             ++u.inputs;
-            u.lastInput = buf[3];
+            u.lastInput = r.u8();
         } else {
             ++u.bad;
         }
@@ -417,7 +426,7 @@ void Simulator::emitSample(uint64_t k) {
         ChipSample& c = meta.imu;
         c.type = 20;
         c.pid = static_cast<uint8_t>(k);
-        c.status = clockBit(k) ? ChipSample::kClockBit : 0;
+        c.status = clockBit(k) ? kBrevantStatusClock : 0;
         c.word = static_cast<uint16_t>(k);
         // Specific force: gravity seen from the body (navigation z points down).
         for (int i = 0; i < 3; ++i) {
@@ -575,11 +584,11 @@ void Simulator::emitSample(uint64_t k) {
         unsigned char* region = static_cast<unsigned char*>(m.shared->get());
         if (region != nullptr) {
             drawPattern(m.pixels, m.width, m.height, m.bpp, m.sharedSeq);
-            if (region[0] == 1) ++m.report.sharedUnread;
-            OrvosiUtil::lendian(region + 1, m.sharedSeq++, 4);
-            region[5] = cfg_.imageFormat;
+            if (region[ORVWIRE_SHM_READY_AT] == 1) ++m.report.sharedUnread;
+            OrvosiUtil::lendian(region + ORVWIRE_SHM_SEQID_AT, m.sharedSeq++, 4);
+            region[ORVWIRE_SHM_FORMAT_AT] = cfg_.imageFormat;
             std::memcpy(region + kSharedHeader, m.pixels.data(), m.pixels.size());
-            region[0] = 1;
+            region[ORVWIRE_SHM_READY_AT] = 1;
             m.shared->release();
             ++m.report.imagesShared;
         }

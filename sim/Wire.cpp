@@ -2,17 +2,19 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "access/Wire.hpp"
 #include "osi/OrvosiCursor.hpp"
 
 namespace orvsim {
 
 namespace {
 
-constexpr size_t kMaxDatagram = 65535;
+constexpr size_t kMaxDatagram = ORVWIRE_MAX_DATAGRAM;
 constexpr size_t kSmall = 256;  // room for every fixed-size packet and subpacket
 
 // A framed packet under construction in a buffer of the given capacity:
@@ -91,7 +93,9 @@ void writeStats(OrvosiWriter& w, const s_OrvAccessPoseRecStats& s, bool pra) {
 
 Datagram buildOpticalSubpacket(const Optical& o) {
     require(o.targets.size() <= 255, "more than 255 optical targets");
-    Packet p(kind::kOpticalSub, 11 + 22 * o.targets.size() + 78);
+    Packet p(orvwire::kOptical.startByte, orvwire::kOptical.fixedSize +
+                                              ORVWIRE_OPTICAL_TARGET_SIZE * o.targets.size() +
+                                              ORVWIRE_OPTICAL_STATS_SIZE);
     p.w.u32(o.tag);
     p.w.u8(static_cast<unsigned char>(o.targets.size()));
     p.w.zeros(2);
@@ -104,15 +108,15 @@ Datagram buildOpticalSubpacket(const Optical& o) {
 }
 
 Datagram buildPlatPoseSubpacket(const s_OrvAccessPlatPoseData& pose) {
-    Packet p(kind::kPlatPoseSub);
+    Packet p(orvwire::kPlatPose.startByte);
     p.w.u32(pose.tag);
-    p.w.u8(3);
+    p.w.u8(ORVWIRE_PLATPOSE_FORMAT3);
     p.f32s(pose.pose, 3);
     return p.finish("platform pose");
 }
 
 Datagram buildDiagSubpacket(const s_OrvAccessDiagData& d) {
-    Packet p(kind::kDiagSub);
+    Packet p(orvwire::kDiag.startByte);
     p.w.u32(d.tag);
     p.w.f32(d.diagValue1);
     p.w.u24(d.diagCount);
@@ -126,8 +130,8 @@ Datagram buildDiagSubpacket(const s_OrvAccessDiagData& d) {
 }
 
 Datagram buildGpsSubpacket(const s_OrvAccessGpsData& g) {
-    Packet p(kind::kGpsSub);
-    p.w.u8(1);
+    Packet p(orvwire::kGps.startByte);
+    p.w.u8(ORVWIRE_GPS_FORMAT);
     p.w.u32(g.gpsWord1);
     p.w.f64(g.lat);
     p.w.f64(g.lon);
@@ -151,7 +155,7 @@ Datagram buildTracking(const s_OrvAccessTrkDataExt& r, const Optical* optical) {
 }
 
 Datagram buildTracking(const s_OrvAccessTrkDataExt& r, const Datagram& sub) {
-    Packet p(kind::kTracking, kTrackingSize + sub.size());
+    Packet p(orvwire::kTracking.startByte, orvwire::kTracking.fixedSize + sub.size());
     OrvosiWriter& w = p.w;
     w.u32(r.packetTag);
     w.u64(r.poseTime);
@@ -179,14 +183,14 @@ Datagram buildTracking(const s_OrvAccessTrkDataExt& r, const Datagram& sub) {
 }
 
 Datagram buildPra(const s_OrvAccessPoseRecStats& rec) {
-    Packet p(kind::kPra);
+    Packet p(orvwire::kPra.startByte);
     p.w.u32(rec.tag);
     writeStats(p.w, rec, true);
     return p.finish("PRA packet");
 }
 
 Datagram buildHubData(const s_OrvAccessHubData& r) {
-    Packet p(kind::kHubData);
+    Packet p(orvwire::kHubData.startByte);
     p.w.u32(r.word);
     p.w.zeros(3);
     p.w.u8(r.status);
@@ -201,7 +205,7 @@ Datagram buildHubData(const s_OrvAccessHubData& r) {
 }
 
 Datagram buildHubError(uint32_t value, uint8_t code) {
-    Packet p(kind::kHubError);
+    Packet p(orvwire::kHubError.startByte);
     p.w.u32(value);
     p.w.u8(0);
     p.w.u8(code);
@@ -209,7 +213,7 @@ Datagram buildHubError(uint32_t value, uint8_t code) {
 }
 
 Datagram buildNft(const s_OrvAccessTrkDataExt& r, const std::vector<std::array<float, 3>>& features) {
-    Packet p(kind::kNft, 153 + 12 * features.size());
+    Packet p(orvwire::kNft.startByte, orvwire::kNft.fixedSize + ORVWIRE_NFT_FEATURE_SIZE * features.size());
     p.w.u32(r.packetTag);
     p.w.u64(r.poseTime);
     p.f32s(r.cbn[0], 9);
@@ -226,7 +230,7 @@ Datagram buildChipPacket(const ChipSample& c) {
     require(c.type == 3 || c.type == 20, "chip packet type other than 3 or 20");
     Datagram buf(32);
     OrvosiWriter w(buf.data(), buf.size());
-    w.u8(kind::kChipSync);
+    w.u8(orvwire::kImu.startByte);
     w.u8(c.type);
     w.u8(c.pid);
     w.u8(c.status);
@@ -259,29 +263,25 @@ Datagram buildMeta(uint32_t tag, float interval, uint64_t time, const Datagram& 
                    const MetaSubpackets& subs) {
     size_t size = kSmall + chip.size();
     for (const Datagram& sub : subs) size += sub.size();
-    Packet p(kind::kMeta, size);
+    Packet p(orvwire::kMeta.startByte, size);
     OrvosiWriter& w = p.w;
     w.u32(tag);
     w.u8(0);
     w.f32(interval);
     w.u8(0);
-    const size_t offsets = w.pos();
-    w.zeros(6);  // four offsets, patched below
+    w.zeros(ORVWIRE_META_TIME_AT - w.pos());  // the subpackets' offsets, patched below
     w.u64(time);
     w.bytes(chip.data(), chip.size());
-    size_t at[4] = {0, 0, 0, 0};
-    for (size_t slot = 0; slot < subs.size(); ++slot) {
-        if (subs[slot].empty()) continue;
-        at[slot] = w.pos();
-        w.bytes(subs[slot].data(), subs[slot].size());
+    static_assert(std::tuple_size<MetaSubpackets>::value == std::size(orvwire::kMetaSlots),
+                  "one subpacket per slot of the meta header");
+    for (size_t i = 0; i < subs.size(); ++i) {
+        if (subs[i].empty()) continue;
+        const orvwire::MetaSlot& slot = orvwire::kMetaSlots[i];
+        const size_t at = w.pos();
+        require(at < (size_t{1} << (8 * slot.offsetWidth)), "meta subpacket beyond the reach of its offset");
+        w.bytes(subs[i].data(), subs[i].size());
+        OrvosiUtil::lendian(p.raw() + slot.offsetAt, at, slot.offsetWidth);
     }
-    require(at[0] <= 255 && at[1] <= 255, "meta subpacket beyond a one-byte offset");
-    require(at[2] <= 65535 && at[3] <= 65535, "meta subpacket beyond a two-byte offset");
-    unsigned char* o = p.raw() + offsets;
-    o[0] = static_cast<unsigned char>(at[0]);
-    o[1] = static_cast<unsigned char>(at[1]);
-    OrvosiUtil::lendian(o + 2, at[2], 2);
-    OrvosiUtil::lendian(o + 4, at[3], 2);
     return p.finish("meta packet");
 }
 
@@ -295,7 +295,7 @@ std::vector<Datagram> buildTargetSubpackets(const std::vector<OrvAccess::s_TgtDa
     do {
         const size_t n = std::min(perSubpacket, list.size() - first);
         const OrvAccess::s_TgtData& head = n > 0 ? list[first] : kNone;
-        Packet p(kind::kTargetSub, 16 + 35 * n);
+        Packet p(orvwire::kTarget.startByte, orvwire::kTarget.fixedSize + ORVWIRE_TARGET_ENTRY_SIZE * n);
         p.w.u32(head.tag);
         p.w.u8(static_cast<unsigned char>(n));
         p.w.u8(static_cast<unsigned char>(head.hdrByte));
@@ -326,7 +326,7 @@ std::vector<Datagram> buildImagePieces(uint32_t sequenceId, uint8_t format, cons
     std::vector<Datagram> out;
     for (size_t at = 0; at < size; at += pieceSize) {
         const size_t n = std::min(pieceSize, size - at);
-        Packet p(kind::kImage, n + 12);
+        Packet p(orvwire::kImage.startByte, n + orvwire::kImage.fixedSize);
         p.w.u32(sequenceId);
         p.w.u8(format);
         p.w.u24(at);

@@ -12,29 +12,11 @@
 #include <vector>
 
 #include "orvaccess/OrvAccess.hpp"
+#include "osi/BrevantData.hpp"
 
 namespace orvsim {
 
 using Datagram = std::vector<unsigned char>;
-
-// Start bytes of the datagrams and subpackets.
-namespace kind {
-constexpr unsigned char kTargetSub = 6;
-constexpr unsigned char kImage = 7;
-constexpr unsigned char kPlatPoseSub = 7;
-constexpr unsigned char kGpsSub = 8;
-constexpr unsigned char kTracking = 10;
-constexpr unsigned char kHubData = 11;
-constexpr unsigned char kHubError = 12;
-constexpr unsigned char kDiagSub = 13;
-constexpr unsigned char kNft = 14;
-constexpr unsigned char kPra = 15;
-constexpr unsigned char kOpticalSub = 16;
-constexpr unsigned char kMeta = 19;
-constexpr unsigned char kChipSync = 5;
-}  // namespace kind
-
-constexpr size_t kTrackingSize = 332;  // a tracking packet without optical data
 
 // ---- tracking (orvCore) -------------------------------------------------
 
@@ -76,10 +58,9 @@ Datagram buildNft(const s_OrvAccessTrkDataExt& rec, const std::vector<std::array
 // One sample of the inertial chip, as raw words. Type 3 carries status,
 // word, gyro and accelerometer; type 20 also the auxiliary byte.
 struct ChipSample {
-    static constexpr uint8_t kClockBit = 0x10;  // status bit collected into 256-bit rows
     uint8_t type = 3;                           // 3 or 20
     uint8_t pid = 0;                            // counts 0..255 and wraps
-    uint8_t status = 0;
+    uint8_t status = 0;                         // kBrevantStatusClock: the clock-relation bit
     uint16_t word = 0;
     uint16_t gyroRaw[3] = {};   // signed increments, 3.90625e-5 per count
     uint16_t accelRaw[3] = {};  // signed increments, 6.25e-6 per count

@@ -19,13 +19,16 @@ struct DumpTag {
 
 constexpr const char* kDefaultDumpTag = "ORVADUMP";
 
-// Diagnostic subpackets (0x10000) have no tag of their own and fall through
-// to the default.
+// Diagnostic subpackets have no tag of their own and fall through to the
+// default.
 constexpr DumpTag kDumpTags[] = {
-    {0x10, "ORVATCPOUT"},  {0x20, "ORVATCPIN"},    {0x40, "ORVAUDPOUT"},    {0x100, "ORVATGT"},
-    {0x200, "ORVAIMUCAM"}, {0x400, "ORVAIMUPLAT"}, {0x800, "ORVAPLATPOSE"}, {0x1000, "ORVATRK"},
-    {0x2000, "ORVAMETA"},  {0x4000, "ORVAIMG"},    {0x8000, "ORVATGTRES"},  {0x20000, "ORVAHUB"},
-    {0x40000, "ORVANFT"},  {0x80000, "ORVAPRA"},
+    {ORVACCESS_VERB_DUMP_TCP_OUT, "ORVATCPOUT"},     {ORVACCESS_VERB_DUMP_TCP_IN, "ORVATCPIN"},
+    {ORVACCESS_VERB_DUMP_UDP_OUT, "ORVAUDPOUT"},     {ORVACCESS_VERB_DUMP_TARGET, "ORVATGT"},
+    {ORVACCESS_VERB_DUMP_IMU_CAM, "ORVAIMUCAM"},     {ORVACCESS_VERB_DUMP_IMU_PLAT, "ORVAIMUPLAT"},
+    {ORVACCESS_VERB_DUMP_PLATPOSE, "ORVAPLATPOSE"},  {ORVACCESS_VERB_DUMP_TRACKING, "ORVATRK"},
+    {ORVACCESS_VERB_DUMP_META, "ORVAMETA"},          {ORVACCESS_VERB_DUMP_IMAGE, "ORVAIMG"},
+    {ORVACCESS_VERB_DUMP_OPTICAL, "ORVATGTRES"},     {ORVACCESS_VERB_DUMP_HUB, "ORVAHUB"},
+    {ORVACCESS_VERB_DUMP_NFT, "ORVANFT"},            {ORVACCESS_VERB_DUMP_PRA, "ORVAPRA"},
 };
 
 constexpr std::size_t longestDumpTag() {
@@ -72,17 +75,23 @@ struct Channel {
     bool rateLimited;  // at most one record per kHarmIntervalMs
 };
 
-// Kept as the log layout has always been: hub data (4096) shares the
-// subpacket stream, opened as "orvaNFT.log" only if no subpacket came first,
-// and NFT data (8192) goes to the hub stream, also named "orvaNFT.log".
+// Kept as the log layout has always been: hub data shares the subpacket
+// stream, opened as "orvaNFT.log" only if no subpacket came first, and NFT
+// data goes to the hub stream, also named "orvaNFT.log".
 constexpr Channel kChannels[] = {
-    {1, &LogState::trk, "orvaTrk.log", false},     {2, &LogState::meta, "orvaMeta.log", false},
-    {4, &LogState::pred, "orvaPred.log", false},   {8, &LogState::harm, "orvaHarm.log", true},
-    {16, &LogState::sub, "orvaSub.log", false},    {32, &LogState::sub, "orvaSub.log", false},
-    {64, &LogState::sub, "orvaSub.log", false},    {128, &LogState::sub, "orvaSub.log", false},
-    {256, &LogState::sub, "orvaSub.log", false},   {512, &LogState::sub, "orvaSub.log", false},
-    {4096, &LogState::sub, "orvaNFT.log", false},  {8192, &LogState::hub, "orvaNFT.log", false},
-    {16384, &LogState::pra, "orvaPRA.log", false},
+    {ORVACCESS_LOG_TRACKING, &LogState::trk, "orvaTrk.log", false},
+    {ORVACCESS_LOG_META, &LogState::meta, "orvaMeta.log", false},
+    {ORVACCESS_LOG_PRED, &LogState::pred, "orvaPred.log", false},
+    {ORVACCESS_LOG_HARM, &LogState::harm, "orvaHarm.log", true},
+    {ORVACCESS_LOG_TARGET, &LogState::sub, "orvaSub.log", false},
+    {ORVACCESS_LOG_IMU, &LogState::sub, "orvaSub.log", false},
+    {ORVACCESS_LOG_SUB_SPARE, &LogState::sub, "orvaSub.log", false},
+    {ORVACCESS_LOG_PLATPOSE, &LogState::sub, "orvaSub.log", false},
+    {ORVACCESS_LOG_DIAG, &LogState::sub, "orvaSub.log", false},
+    {ORVACCESS_LOG_OPTICAL, &LogState::sub, "orvaSub.log", false},
+    {ORVACCESS_LOG_HUB, &LogState::sub, "orvaNFT.log", false},
+    {ORVACCESS_LOG_NFT, &LogState::hub, "orvaNFT.log", false},
+    {ORVACCESS_LOG_PRA, &LogState::pra, "orvaPRA.log", false},
 };
 
 // The streams logClose releases, in order; PRA is left out on purpose.
@@ -197,16 +206,20 @@ void OrvUtil::setLastHarmonisationMs(double ms) { state().lastHarmMs = ms; }
 // ---- packet framing check ------------------------------------------------------
 
 bool OrvUtil::udpPktOk(const unsigned char* buf, unsigned long len, unsigned char startByte) {
-    if (len >= 1 && buf[0] != startByte) {
+    return udpPktOk(OrvosiBytes{buf, len, len}, len, startByte);
+}
+
+bool OrvUtil::udpPktOk(const OrvosiBytes& packet, unsigned long len, unsigned char startByte) {
+    if (len >= 1 && packet.at(0) != startByte) {
         setLastError("Wrong start byte");
         return false;
     }
     // Fewer than three bytes cannot hold the length word, let alone a body.
-    if (len < 3 || OrvosiUtil::word16(buf + 1) != len) {
+    if (len < 3 || static_cast<unsigned long>(packet.at(1) | packet.at(2) << 8) != len) {
         setLastError("Invalid size");
         return false;
     }
-    if (OrvosiUtil::checksum(buf, len) != 0) {
+    if (OrvosiUtil::checksum(packet.data, len < packet.size ? len : packet.size) != 0) {
         setLastError("Invalid checksum");
         return false;
     }

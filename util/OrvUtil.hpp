@@ -6,14 +6,17 @@
 #include <iostream>
 #include <string>
 
+#include "orvaccess/orvwire.h"
+#include "osi/OrvosiCursor.hpp"
+
 class OrvUtil {
 public:
     OrvUtil() = delete;
 
     // Verbosity bits of the three kinds of text line.
-    static constexpr unsigned int kVerbLog = 0x1;   // "ORVALOG: "  to the log stream
-    static constexpr unsigned int kVerbInfo = 0x2;  // "ORVAINFO: " to standard output
-    static constexpr unsigned int kVerbErr = 0x4;   // "ORVAERR: "  to the log stream
+    static constexpr unsigned int kVerbLog = ORVACCESS_VERB_LOG;    // "ORVALOG: "  to the log stream
+    static constexpr unsigned int kVerbInfo = ORVACCESS_VERB_INFO;  // "ORVAINFO: " to standard output
+    static constexpr unsigned int kVerbErr = ORVACCESS_VERB_ERR;    // "ORVAERR: "  to the log stream
 
     // One text line: prefix, the arguments streamed in order, newline. The
     // callers below test their bit first, so nothing is formatted when the
@@ -68,6 +71,10 @@ public:
     // ("Invalid checksum"). The first failure sets getLastError() and returns
     // false; success leaves the text alone. Reads nothing beyond len.
     static bool udpPktOk(const unsigned char* buf, unsigned long len, unsigned char startByte);
+    // The same check of the first len bytes of a received packet, where those
+    // past its real bytes are zeros (a subpacket whose length field runs past
+    // the end of its datagram): they count, as zeros, towards the sum.
+    static bool udpPktOk(const OrvosiBytes& packet, unsigned long len, unsigned char startByte);
 
     // ---- pose helpers on the float arrays of the public records ----
     // Each widens to double, calls the OrvosiMath routine and narrows back.

@@ -109,6 +109,9 @@ public:
     bool serviceUdp(bool startStreaming);
     // Discards what is pending on the meta, image, orvCore and NFT ports.
     void flushUdp();
+    // Parse a packet the application holds, trusted as far as its own
+    // length word; fields past it read as zeros. The service loop checks
+    // and parses received datagrams itself.
     void processTrackingPkt(const unsigned char* packet);
     void processMetaPkt(const unsigned char* packet);
 
@@ -171,13 +174,6 @@ private:
     void flushTcp();
     // What switching streaming on or off resets, in one place.
     void resetStreamState();
-
-    // Parsers the service loop hands checked datagrams to.
-    void processImagePkt(const unsigned char* packet);
-    void processPraPkt(const unsigned char* packet);
-    void processHubDataPkt(const unsigned char* packet);
-    void processHubErrPkt(const unsigned char* packet);
-    void processNftDataPkt(const unsigned char* packet);
 
     // Service (unless switched to manual), then pop the oldest record.
     template <typename T, typename Queue>

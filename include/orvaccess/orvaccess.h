@@ -23,6 +23,7 @@
 #include <stdint.h>
 
 #include "orvaccess/orvaccess_export.h"
+#include "orvaccess/orvwire.h"
 
 /* ---- records ------------------------------------------------------------ */
 
@@ -83,16 +84,14 @@ typedef struct s_OrvAccessTrkData {
 /* Filled by OrvAccess_getStatus; words 2 to 4 report what happened since the
  * previous call and are cleared by it. */
 typedef struct s_OrvAccessStatus {
-    uint32_t connections; /* 0x1 TCP to orvRx, 0x2 meta, 0x4 image, 0x8 uplink sender,
-                             0x10 orvCore, 0x20 orvHub, 0x40 shared-memory image */
-    uint32_t received;    /* 0x2 meta, 0x4 image, 0x10 tracking, 0x20 hub data,
-                             0x40 shared-memory image, 0x80 NFT, 0x100 PRA */
+    uint32_t connections; /* ORVACCESS_CONN_... bits (orvwire.h) */
+    uint32_t received;    /* ORVACCESS_RECV_... bits (orvwire.h) */
     uint32_t newError;    /* 1 when an error code was queued */
-    uint32_t diagState;   /* last orvRx state word from a diagnostic subpacket, or 0 */
+    uint32_t diagState;   /* last orvRx state from a diagnostic subpacket, or 0 */
 } s_OrvAccessStatus;
 
-/* One queued error code; the high byte of code names its origin (0 orvCore,
- * 1 orvRx, 2 transmitter, 3 this library, 4 orvHub). */
+/* One queued error code; the high byte of code names its origin
+ * (e_OrvAccessErrorOrigin); the library's own codes are e_OrvAccessError. */
 typedef struct s_OrvAccessErrorCode {
     uint16_t code;
     uint32_t value; /* sequence number, count or 0, as the raiser attaches */

@@ -425,24 +425,34 @@ TEST_F(Meta, BadSubpacketsRaiseTheirCodeAndAreSkipped) {
               "ORVALOG: Bad GPS subpacket: Runs past the end of the buffer\n");
 
     // Packets from the application sit in memory of exactly their own size,
-    // each ending in a subpacket whose length or fields run past the packet.
+    // each ending in a subpacket whose length or fields run past the packet:
+    // past its end it reads as zeros, as a received one does, and nothing
+    // beyond its memory is touched.
     const auto atEnd = [&](Slot slot, const Bytes& sub) {
         Bytes full = meta(slot, sub);
         full.resize(27 + std::min<size_t>(sub.size(), OrvosiUtil::word16(&sub[1])) + 1);
         access.processMetaPkt(sealAt(full, full.size()).data());
     };
-    atEnd(kPlat, Bytes{7, 40, 0});                      // claims 40 bytes
+    atEnd(kPlat, Bytes{7, 40, 0});                      // claims 40 bytes: its sum is off
     atEnd(kPlat, sealAt(platPose(1, 2, 0, 0, 0), 21));  // its pose lies at 20..31
-    atEnd(kTarget, sealAt(target(1, {1, 2, 3}), 16));
+    atEnd(kTarget, sealAt(target(1, {1, 2, 3}), 16));   // three entries past its end
     atEnd(kDiag, diag(1, {}, 3, 12));
     atEnd(kGps, sealAt(gps(kFix), 40));
     atEnd(kPlat, platPose(9, 3, 1.0f, 2.0f, 3.0f));  // well-formed, read in full
-    EXPECT_EQ(errorCodes(), (Codes{{776, 0}, {776, 0}, {775, 0}, {774, 0}, {783, 0}}));
+    EXPECT_EQ(errorCodes(), (Codes{{776, 0}, {778, 1}, {779, 1}}));
     EXPECT_TRUE(access.getStreaming());
     const auto poses = drain(&OrvAccess::getPlatformPoseData);
-    EXPECT_TRUE(poses.size() == 1 && poses[0].pose[2] == 3.0f);
-    EXPECT_TRUE(drain(&OrvAccess::getTargetData).empty() && drain(&OrvAccess::getDiagData).empty());
-    EXPECT_TRUE(drain(&OrvAccess::getGpsData).empty());
+    ASSERT_EQ(poses.size(), 2u);
+    EXPECT_TRUE(poses[0].pose[1] == 0.0f && poses[0].pose[2] == 0.0f && poses[1].pose[2] == 3.0f);
+    const auto targets = drain(&OrvAccess::getTargetData);
+    ASSERT_EQ(targets.size(), 4u);
+    EXPECT_TRUE(targets[2].id == 0 && targets[2].value6 == 0.0f && targets[3].index == 2);
+    const auto diags = drain(&OrvAccess::getDiagData);
+    ASSERT_EQ(diags.size(), 1u);
+    EXPECT_EQ(diags[0].state, 0u);
+    const auto fixes = drain(&OrvAccess::getGpsData);
+    ASSERT_EQ(fixes.size(), 1u);
+    EXPECT_TRUE(fixes[0].gpsDouble1 == 0.0 && fixes[0].gpsByte2 == 0 && fixes[0].lat == kFix.lat);
 }
 
 }  // namespace

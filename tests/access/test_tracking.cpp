@@ -202,33 +202,45 @@ TEST_F(Tracking, OpticalRecordsOverrunsAndBadFraming) {
     expectRecords(r, two);
 
     // Handed in by the application, a packet is read only as far as its own
-    // length says; each buffer below is exactly as long as its packet.
+    // length says and as zeros beyond, exactly as if it had been received;
+    // each buffer below is exactly as long as its packet.
     Bytes counted = optical(residuals(7, 1, 2));
     counted[7] = 3;  // one more target than the subpacket holds
+    const Bytes shortFixed = orvtest::sealedFrame(10, 300);  // too short for the fixed fields
     const Bytes handedIn[] = {
         packet(distinct(3), orvtest::seal(counted, 16)),
-        packet(distinct(4), Bytes{16}),        // no room for a length word
-        packet(distinct(5), Bytes{16, 9, 0}),  // length beyond the packet
-        orvtest::sealedFrame(10, 300),         // too short for the fixed fields
+        packet(distinct(4), Bytes{16}),        // its length word is the checksum byte and a zero
+        packet(distinct(5), Bytes{16, 9, 0}),  // length beyond the packet: summed as zeros
+        shortFixed,
         packet(distinct(6), optical(residuals(8, 9, 1))),
     };
     for (const Bytes& b : handedIn) access.processTrackingPkt(b.data());
     EXPECT_EQ(err.text(),
               "ORVALOG: Overrun in optical data subpacket\n"
               "ORVALOG: Bad optical subpacket: Invalid checksum\n"
-              "ORVALOG: Bad optical subpacket: Length beyond buffer\n"
+              "ORVALOG: Bad optical subpacket: Runs past the end of the buffer\n"
               "ORVALOG: Overrun in optical data subpacket\n"
               "ORVALOG: Bad optical subpacket: Wrong start byte\n"
-              "ORVALOG: Bad optical subpacket: Target count beyond buffer\n"
-              "ORVALOG: Bad optical subpacket: Length beyond buffer\n"
-              "ORVALOG: Bad optical subpacket: Length beyond buffer\n"
-              "ORVALOG: Problem with orvCore packet: Packet too short\n");
-    EXPECT_EQ(
-        errorCodes(),
-        (Codes{
-            {780, 0xABCD}, {773, 0}, {773, 0}, {780, 5}, {773, 0}, {773, 0}, {773, 0}, {773, 0}, {770, 0}}));
-    EXPECT_EQ(drain(access, &OrvAccess::getTrackingData).size(), 4u);
-    expectRecords(drain(access, &OrvAccess::getTargetResData), residuals(8, 9, 1));
+              "ORVALOG: Overrun in optical data subpacket\n"
+              "ORVALOG: Bad optical subpacket: Invalid checksum\n"
+              "ORVALOG: Bad optical subpacket: Invalid checksum\n");
+    Codes codes{{780, 0xABCD}, {773, 0}, {773, 0}, {780, 5}, {773, 0}, {780, 7}, {773, 0}, {773, 0}};
+    // The short packet's error-code bytes lie inside its 300 bytes.
+    for (size_t i = 295; i < 299; ++i)
+        if (shortFixed[i] != 0) codes.push_back({shortFixed[i], OrvosiUtil::word32(&shortFixed[3])});
+    EXPECT_EQ(errorCodes(), codes);
+    const std::vector<Rec> handled = drain(access, &OrvAccess::getTrackingData);
+    ASSERT_EQ(handled.size(), 5u);
+    // Past its 300 bytes the short packet reads as zeros.
+    EXPECT_EQ(handled[3].vecO[2], 0.0f);
+    EXPECT_EQ(handled[3].errorCodes[3], shortFixed[298]);
+    // The counted subpacket: two real targets, a third read on past its end, the closing record.
+    r = drain(access, &OrvAccess::getTargetResData);
+    ASSERT_EQ(r.size(), 4 + 2u);
+    const std::vector<TgtRes> seven = residuals(7, 1, 2);
+    expectRecords(std::vector<TgtRes>{r[0], r[1]}, std::vector<TgtRes>{seven[0], seven[1]});
+    EXPECT_TRUE(r[2].index == 2 && r[3].index == 3 && r[3].id == 0);
+    expectRecords(std::vector<TgtRes>{r[4], r[5]}, residuals(8, 9, 1));
 }
 
 TEST_F(Tracking, OpticalRoomRulesPraRecordsAndOverflowTexts) {

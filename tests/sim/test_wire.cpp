@@ -95,7 +95,7 @@ TEST_F(WireTest, ImageInPiecesIsReassembled) {
 
 namespace {
 
-constexpr unsigned char kKind = kind::kHubError;  // a small datagram with a 32-bit field at 3
+constexpr unsigned char kKind = ORVWIRE_START_HUB_ERROR;  // a small datagram with a 32-bit field at 3
 
 struct Stream {
     std::vector<Datagram> out;
