@@ -5,11 +5,11 @@
 
 namespace {
 
-// Opens one receiving endpoint unless its port is the text "0"; failures are
-// only logged, so that one channel never stops the others.
-bool openReceiver(OrvosiUdpClient& endpoint, const std::string& port, int32_t bufferSize, const char* purpose,
-                  const char* disabledText, unsigned int verbosity) {
-    if (port == "0") {
+// Opens one receiving endpoint when enabled; failures are only logged, so
+// that one channel never stops the others.
+bool openReceiver(OrvosiUdpClient& endpoint, bool enabled, const std::string& port, int32_t bufferSize,
+                  const char* purpose, const char* disabledText, unsigned int verbosity) {
+    if (!enabled) {
         OrvUtil::logLine(verbosity, disabledText);
         return false;
     }
@@ -51,25 +51,22 @@ bool OrvAccess::open() {
         OrvUtil::logLine(v, "UDP input to orvRx disabled by user");
     }
 
-    s.metaOpen = openReceiver(s.meta, c.udpOrvRxPort, c.udpOrvRxRcvBufSize, " for orvRx data",
+    s.metaOpen = openReceiver(s.meta, c.udpOrvRxPort != "0", c.udpOrvRxPort, c.udpOrvRxRcvBufSize, " for orvRx data",
                               "UDP meta packet port (udpOrvRxPort) disabled by user", v);
 
     s.sharedMemOk = s.sharedMem && s.sharedMem->isOk();
     OrvUtil::logLine(v, "Shared memory interface ", s.sharedMemOk ? "ok" : "disabled");
 
-    s.imageOpen = openReceiver(s.image, c.udpOrvRxImgPort, c.udpOrvRxImgRcvBufSize, " for orvRx images",
+    s.imageOpen = openReceiver(s.image, c.udpOrvRxImgPort != "0", c.udpOrvRxImgPort, c.udpOrvRxImgRcvBufSize, " for orvRx images",
                                "UDP image port (udpOrvRxImgPort) disabled by user", v);
-    s.coreOpen = openReceiver(s.core, c.udpOrvCorePort, c.udpOrvCoreRcvBufSize, " for orvCore data",
+    s.coreOpen = openReceiver(s.core, c.udpOrvCorePort != "0", c.udpOrvCorePort, c.udpOrvCoreRcvBufSize, " for orvCore data",
                               "UDP tracking data port (udpOrvCorePort) disabled by user", v);
     // The hub endpoint follows the orvCore setting, not its own port: a
-    // disabled orvCore port disables both.
-    s.hubOpen = false;
-    if (c.udpOrvCorePort != "0") {
-        s.hubOpen = openReceiver(s.hub, c.udpOrvHubPort, c.udpOrvHubRcvBufSize, " for orvHub data", "", v);
-    } else {
-        OrvUtil::logLine(v, "UDP orvHub data port (udpOrvHubPort) disabled by user");
-    }
-    s.nftOpen = openReceiver(s.nft, c.udpNftPort, c.udpNftRcvBufSize, " for NFT data",
+    // disabled orvCore port disables both, and a hub port of "0" is opened
+    // as it stands (an ephemeral port).
+    s.hubOpen = openReceiver(s.hub, c.udpOrvCorePort != "0", c.udpOrvHubPort, c.udpOrvHubRcvBufSize,
+                             " for orvHub data", "UDP orvHub data port (udpOrvHubPort) disabled by user", v);
+    s.nftOpen = openReceiver(s.nft, c.udpNftPort != "0", c.udpNftPort, c.udpNftRcvBufSize, " for NFT data",
                              "UDP NFT data port (udpNftPort) disabled by user", v);
 
     if (s.tcpOpen) {

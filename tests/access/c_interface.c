@@ -75,7 +75,8 @@ int main(void) {
     check(OrvAccess_open(h) == 1, "open");
 
     check(OrvAccess_getStatus(h, &status) == 1, "getStatus result");
-    check(status.connections == 0x10, "getStatus connections (orvCore only)");
+    /* The hub endpoint follows orvCore's setting: its own "0" is an ephemeral port. */
+    check(status.connections == (ORVACCESS_CONN_ORVCORE | ORVACCESS_CONN_ORVHUB), "getStatus connections (orvCore, orvHub)");
 
     memset(&trk, 0x5A, sizeof trk);
     delivered = 42;
