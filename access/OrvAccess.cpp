@@ -111,9 +111,12 @@ bool OrvAccess::getStatus(s_OrvAccessStatus* status) {
         return false;
     }
     const std::pair<bool, uint32_t> channels[] = {
-        {s.tcpOpen, ORVACCESS_CONN_TCP},        {s.metaOpen, ORVACCESS_CONN_META},
-        {s.imageOpen, ORVACCESS_CONN_IMAGE},    {s.inputOpen, ORVACCESS_CONN_UPLINK},
-        {s.coreOpen, ORVACCESS_CONN_ORVCORE},   {s.hubOpen, ORVACCESS_CONN_ORVHUB},
+        {s.tcpOpen, ORVACCESS_CONN_TCP},
+        {s.metaOpen, ORVACCESS_CONN_META},
+        {s.imageOpen, ORVACCESS_CONN_IMAGE},
+        {s.inputOpen, ORVACCESS_CONN_UPLINK},
+        {s.coreOpen, ORVACCESS_CONN_ORVCORE},
+        {s.hubOpen, ORVACCESS_CONN_ORVHUB},
         {s.sharedMemOk, ORVACCESS_CONN_SHARED_MEM},
     };
     status->connections = 0;

@@ -16,8 +16,8 @@ struct PredictionState {
     static constexpr int64_t kUsePoseTime = 2;    // "IDAT": the record's own time stamp
     static constexpr int64_t kSmoothDisplay = 4;  // smooth the display clock
     // Verbosity bits of the prediction traces.
-    static constexpr unsigned int kVerbPred = ORVACCESS_VERB_PRED;    // "ORVAPRED: " lines
-    static constexpr unsigned int kVerbPredCsv = ORVACCESS_VERB_PRED_CSV; // "ORVAPREDCSV," line
+    static constexpr unsigned int kVerbPred = ORVACCESS_VERB_PRED;         // "ORVAPRED: " lines
+    static constexpr unsigned int kVerbPredCsv = ORVACCESS_VERB_PRED_CSV;  // "ORVAPREDCSV," line
     // Clock values are compared on their low 44 bits.
     static constexpr unsigned long kClockMask = 0xFFFFFFFFFFFul;
     // The prediction bounds, s.

@@ -62,6 +62,7 @@ const char* processHubDataPkt(OrvAccess::State& s, const OrvosiBytes& packet);
 const char* processHubErrPkt(OrvAccess::State& s, const OrvosiBytes& packet);
 const char* processNftDataPkt(OrvAccess::State& s, const OrvosiBytes& packet);
 
+// clang-format off: the rows read as a table.
 // ---- datagrams ----
 // name, start byte, check, parser, status bit, error code, log channel, dump bit, info text, problem text,
 // fixed size, overrun code, overrun text
@@ -110,6 +111,8 @@ inline constexpr Family kDiag{"diagnostic", ORVWIRE_START_DIAG, Check::subpacket
 inline constexpr Family kGps{"gps", ORVWIRE_START_GPS, Check::subpacket, processGpsSubPkt,
     0, ORVACCESS_ERR_BAD_GPS_SUBPKT, ORVACCESS_LOG_DIAG, ORVACCESS_VERB_DUMP_DIAG,
     "Received GPS subpacket", "Bad GPS subpacket: ", ORVWIRE_UPLINK_GPS_SIZE, 0, nullptr};
+
+// clang-format on
 
 // Which datagram family a port's datagram belongs to: the first row of its
 // port whose first byte matches wins; a datagram no row takes is dropped

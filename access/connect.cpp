@@ -51,16 +51,17 @@ bool OrvAccess::open() {
         OrvUtil::logLine(v, "UDP input to orvRx disabled by user");
     }
 
-    s.metaOpen = openReceiver(s.meta, c.udpOrvRxPort != "0", c.udpOrvRxPort, c.udpOrvRxRcvBufSize, " for orvRx data",
-                              "UDP meta packet port (udpOrvRxPort) disabled by user", v);
+    s.metaOpen = openReceiver(s.meta, c.udpOrvRxPort != "0", c.udpOrvRxPort, c.udpOrvRxRcvBufSize,
+                              " for orvRx data", "UDP meta packet port (udpOrvRxPort) disabled by user", v);
 
     s.sharedMemOk = s.sharedMem && s.sharedMem->isOk();
     OrvUtil::logLine(v, "Shared memory interface ", s.sharedMemOk ? "ok" : "disabled");
 
-    s.imageOpen = openReceiver(s.image, c.udpOrvRxImgPort != "0", c.udpOrvRxImgPort, c.udpOrvRxImgRcvBufSize, " for orvRx images",
-                               "UDP image port (udpOrvRxImgPort) disabled by user", v);
-    s.coreOpen = openReceiver(s.core, c.udpOrvCorePort != "0", c.udpOrvCorePort, c.udpOrvCoreRcvBufSize, " for orvCore data",
-                              "UDP tracking data port (udpOrvCorePort) disabled by user", v);
+    s.imageOpen = openReceiver(s.image, c.udpOrvRxImgPort != "0", c.udpOrvRxImgPort, c.udpOrvRxImgRcvBufSize,
+                               " for orvRx images", "UDP image port (udpOrvRxImgPort) disabled by user", v);
+    s.coreOpen =
+        openReceiver(s.core, c.udpOrvCorePort != "0", c.udpOrvCorePort, c.udpOrvCoreRcvBufSize,
+                     " for orvCore data", "UDP tracking data port (udpOrvCorePort) disabled by user", v);
     // The hub endpoint follows the orvCore setting, not its own port: a
     // disabled orvCore port disables both, and a hub port of "0" is opened
     // as it stands (an ephemeral port).

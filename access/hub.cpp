@@ -92,7 +92,8 @@ const char* processNftDataPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
     // (the sender keeps them consistent; they then read as zeros), but not
     // past what any datagram can hold. Decided before anything is queued;
     // 64-bit arithmetic, as the count is the wire's.
-    if (!r.has((static_cast<uint64_t>(count) + 1) * ORVWIRE_NFT_FEATURE_SIZE)) return "Feature count beyond buffer";
+    if (!r.has((static_cast<uint64_t>(count) + 1) * ORVWIRE_NFT_FEATURE_SIZE))
+        return "Feature count beyond buffer";
 
     // Room for the whole packet at once, one more than its features.
     s.features.makeRoom(verbosity, static_cast<size_t>(count) + 1);

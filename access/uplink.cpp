@@ -13,7 +13,8 @@ bool transmit(OrvAccess::State& s, OrvosiWriter& w, const char* errorPrefix) {
     w.seal();
     const unsigned long length = w.pos();
     const unsigned int verbosity = s.cfg.verbosity;
-    if (verbosity & ORVACCESS_VERB_DUMP_UDP_OUT) OrvUtil::dumpBuf(w.data(), length, ORVACCESS_VERB_DUMP_UDP_OUT);
+    if (verbosity & ORVACCESS_VERB_DUMP_UDP_OUT)
+        OrvUtil::dumpBuf(w.data(), length, ORVACCESS_VERB_DUMP_UDP_OUT);
     if (s.input.write(reinterpret_cast<const char*>(w.data()), length)) return true;
     s.fail(errorPrefix + s.input.getLastError(), true);
     return false;
@@ -79,7 +80,8 @@ bool OrvAccess::setPlatformPoseData(s_OrvAccessPlatPoseData pose) {
     OrvUtil::infoLine(verbosity, "Setting platform pose: t=", pose.tag,
                       " r=", static_cast<double>(pose.pose[0]), " p=", static_cast<double>(pose.pose[1]),
                       " y=", static_cast<double>(pose.pose[2]));
-    if (verbosity & ORVACCESS_VERB_PLATPOSE_TRACE) OrvUtil::textLine(std::cout, "ORVAPLATPOSE: tin=", pose.tag);
+    if (verbosity & ORVACCESS_VERB_PLATPOSE_TRACE)
+        OrvUtil::textLine(std::cout, "ORVAPLATPOSE: tin=", pose.tag);
     return sendPlatformPosePkt(s, &pose);
 }
 

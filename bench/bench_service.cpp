@@ -90,7 +90,7 @@ void BM_TrackingBurst(benchmark::State& state) {
     a.access.serviceUdp(false);
     s_OrvAccessErrorCode code{};
     int codes = 0;
-    while (a.access.getErrorCode(&code) == 770) ++codes;
+    while (a.access.getErrorCode(&code) == ORVACCESS_ERR_BAD_TRACKING_PKT) ++codes;
     if (codes != n) return state.SkipWithError("datagrams were lost before they were read");
 
     const std::vector<unsigned char> pkt = trackingPacket(true);

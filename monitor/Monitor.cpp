@@ -21,17 +21,21 @@ constexpr int64_t kTruthRetainUs = 4000000;
 constexpr size_t kPendingCapacity = 4096;
 
 // Status bits, in the order of the header.
-constexpr uint32_t kRecvImage = 0x4;
-constexpr uint32_t kRecvSharedMem = 0x40;
+constexpr uint32_t kRecvImage = ORVACCESS_RECV_IMAGE;
+constexpr uint32_t kRecvSharedMem = ORVACCESS_RECV_SHARED_MEM;
 
 struct BitName {
     uint32_t bit;
     const char* name;
 };
-constexpr BitName kConnectionBits[] = {{0x1, "tcp"},   {0x2, "meta"}, {0x4, "image"}, {0x8, "uplink"},
-                                       {0x10, "core"}, {0x20, "hub"}, {0x40, "shm"}};
-constexpr BitName kReceivedBits[] = {{0x2, "meta"}, {0x4, "image"}, {0x10, "tracking"}, {0x20, "hub"},
-                                     {0x40, "shm"}, {0x80, "nft"},  {0x100, "pra"}};
+constexpr BitName kConnectionBits[] = {
+    {ORVACCESS_CONN_TCP, "tcp"},         {ORVACCESS_CONN_META, "meta"},       {ORVACCESS_CONN_IMAGE, "image"},
+    {ORVACCESS_CONN_UPLINK, "uplink"},   {ORVACCESS_CONN_ORVCORE, "core"},    {ORVACCESS_CONN_ORVHUB, "hub"},
+    {ORVACCESS_CONN_SHARED_MEM, "shm"}};
+constexpr BitName kReceivedBits[] = {
+    {ORVACCESS_RECV_META, "meta"}, {ORVACCESS_RECV_IMAGE, "image"}, {ORVACCESS_RECV_TRACKING, "tracking"},
+    {ORVACCESS_RECV_HUB, "hub"},   {ORVACCESS_RECV_SHARED_MEM, "shm"}, {ORVACCESS_RECV_NFT, "nft"},
+    {ORVACCESS_RECV_PRA, "pra"}};
 
 template <size_t N>
 std::string bitNames(uint32_t mask, const BitName (&table)[N]) {

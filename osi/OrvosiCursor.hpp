@@ -33,7 +33,8 @@ public:
     OrvosiReader(const unsigned char* data, size_t size) : data_(data), size_(size), reach_(size) {}
     // Over a received packet: reads past its real bytes yield zeros and only
     // reads past its reach fail the cursor.
-    explicit OrvosiReader(const OrvosiBytes& bytes) : data_(bytes.data), size_(bytes.size), reach_(bytes.reach) {}
+    explicit OrvosiReader(const OrvosiBytes& bytes)
+        : data_(bytes.data), size_(bytes.size), reach_(bytes.reach) {}
 
     bool ok() const { return ok_; }
     size_t pos() const { return pos_; }

@@ -47,12 +47,12 @@ echo
 awk '
   FNR == NR && $1 == "error" { reported[$3] = $2; next }
   FNR != NR && NF == 10 && $2 ~ /^[0-9]+$/ { injected[$1] = $5 }
+  FNR != NR && $1 == "codes" { for (i = 2; i < NF; i += 2) { names[++n] = $i; codeOf[$i] = $(i + 1) } }
   END {
-    split("tracking 770 meta 772 image 771 hub 781 nft 782 pra 784", pairs, " ")
     bad = 0
     line = "faults     corrupted datagrams sent / reported by the library:"
-    for (i = 1; i < 12; i += 2) {
-      name = pairs[i]; code = pairs[i + 1]
+    for (i = 1; i <= n; i++) {
+      name = names[i]; code = codeOf[name]
       sent = injected[name] + 0; got = reported[code] + 0
       line = line sprintf(" %s %d/%d", name, sent, got)
       if (sent != got) bad = 1

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "access/Config.hpp"
+#include "access/Wire.hpp"
 #include "osi/OrvosiSharedMem.hpp"
 #include "osi/OrvosiUdp.hpp"
 #include "osi/OrvosiUtil.hpp"
@@ -25,12 +26,12 @@ namespace orvsim {
 
 namespace {
 
-constexpr double kGravity = 9.80665;        // m/s^2
-constexpr double kGyroCount = 3.90625e-5;   // rad per raw gyro count
-constexpr double kAccelCount = 6.25e-6;     // m/s per raw accelerometer count
-constexpr uint64_t kMaxBehindUs = 100000;   // further behind than this, skip ahead
-constexpr size_t kPiecesPerStep = 8;        // image datagrams per step: no bursts
-constexpr uint64_t kInsTimeoutUs = 1000000; // platform data older than this: stopped
+constexpr double kGravity = 9.80665;         // m/s^2
+constexpr double kGyroCount = 3.90625e-5;    // rad per raw gyro count
+constexpr double kAccelCount = 6.25e-6;      // m/s per raw accelerometer count
+constexpr uint64_t kMaxBehindUs = 100000;    // further behind than this, skip ahead
+constexpr size_t kPiecesPerStep = 8;         // image datagrams per step: no bursts
+constexpr uint64_t kInsTimeoutUs = 1000000;  // platform data older than this: stopped
 constexpr size_t kSharedHeader = ORVWIRE_SHM_PIXELS_AT;
 
 // orvCore's codes for the events the simulator reproduces.
@@ -41,7 +42,10 @@ constexpr uint8_t kRxErrorByte = 0x21;  // an orvRx fault without a text of its 
 constexpr uint8_t kHubErrorCode = 6;    // orvHub: error reading from the serial port
 constexpr uint32_t kRxStateStreaming = 2;
 
-const char* const kStreamNames[kStreamCount] = {"tracking", "pra", "meta", "image", "hub", "nft"};
+// The datagram family each stream sends.
+const orvwire::Family* const kStreamFamilies[kStreamCount] = {&orvwire::kTracking, &orvwire::kPra,
+                                                              &orvwire::kMeta,     &orvwire::kImage,
+                                                              &orvwire::kHubData,  &orvwire::kNft};
 
 // Every stream's rate as a whole number of IMU periods; 0 when off.
 uint64_t divisor(double imuHz, double hz) {
@@ -103,7 +107,9 @@ void drawPattern(std::vector<unsigned char>& px, unsigned int w, unsigned int h,
 
 }  // namespace
 
-const char* streamName(Stream s) { return kStreamNames[static_cast<int>(s)]; }
+const char* streamName(Stream s) { return kStreamFamilies[static_cast<int>(s)]->name; }
+
+unsigned short streamErrorCode(Stream s) { return kStreamFamilies[static_cast<int>(s)]->badCode; }
 
 bool SimConfig::fromIni(const std::string& path, SimConfig& out, std::string& error) {
     OrvAccessConfig c;
@@ -115,10 +121,12 @@ bool SimConfig::fromIni(const std::string& path, SimConfig& out, std::string& er
         const char* key;
         int& port;
     } ports[] = {
-        {c.tcpOrvRxPort, "tcpOrvRxPort", s.tcpPort},     {c.udpOrvRxPort, "udpOrvRxPort", s.metaPort},
+        {c.tcpOrvRxPort, "tcpOrvRxPort", s.tcpPort},
+        {c.udpOrvRxPort, "udpOrvRxPort", s.metaPort},
         {c.udpOrvRxImgPort, "udpOrvRxImgPort", s.imagePort},
         {c.udpOrvRxInputPort, "udpOrvRxInputPort", s.inputPort},
-        {c.udpOrvCorePort, "udpOrvCorePort", s.corePort}, {c.udpOrvHubPort, "udpOrvHubPort", s.hubPort},
+        {c.udpOrvCorePort, "udpOrvCorePort", s.corePort},
+        {c.udpOrvHubPort, "udpOrvHubPort", s.hubPort},
         {c.udpNftPort, "udpNftPort", s.nftPort},
     };
     for (const auto& p : ports)
@@ -150,7 +158,21 @@ struct Simulator::Impl {
     std::string sharedName;
 
     // Every schedule as a whole number of IMU periods (0: off).
-    enum { kTracking, kOptical, kPra, kHub, kNft, kImage, kShared, kDiag, kTarget, kPlat, kGps, kError, kDivCount };
+    enum {
+        kTracking,
+        kOptical,
+        kPra,
+        kHub,
+        kNft,
+        kImage,
+        kShared,
+        kDiag,
+        kTarget,
+        kPlat,
+        kGps,
+        kError,
+        kDivCount
+    };
     uint64_t div[kDivCount] = {};
 
     // Image geometry and the pieces of the image under way.
@@ -221,8 +243,8 @@ bool Simulator::open() {
         lastError_ = rx_.lastError();
         return false;
     }
-    const int ports[kStreamCount] = {cfg_.corePort, cfg_.corePort, cfg_.metaPort,
-                                     cfg_.imagePort, cfg_.hubPort, cfg_.nftPort};
+    const int ports[kStreamCount] = {cfg_.corePort,  cfg_.corePort, cfg_.metaPort,
+                                     cfg_.imagePort, cfg_.hubPort,  cfg_.nftPort};
     auto makeSender = [this](int port, std::unique_ptr<OrvosiUdpServer>& out) {
         out.reset(new OrvosiUdpServer());
         const std::string to = cfg_.address + ":" + std::to_string(port);
@@ -511,7 +533,8 @@ void Simulator::emitSample(uint64_t k) {
             Optical o;
             o.tag = tag;
             for (uint16_t i = 0; i < 6; ++i)
-                o.targets.push_back({static_cast<uint16_t>(200 + i), {0.001f * i, -0.0005f * i, 0.0f, 0.0f, 0.0f}});
+                o.targets.push_back(
+                    {static_cast<uint16_t>(200 + i), {0.001f * i, -0.0005f * i, 0.0f, 0.0f, 0.0f}});
             if (m.opticalCount++ % 2 == 0) {
                 s_OrvAccessPoseRecStats st{};
                 st.tag = tag;
@@ -566,7 +589,8 @@ void Simulator::emitSample(uint64_t k) {
         fillPose(s, rec);
         std::vector<std::array<float, 3>> features;
         for (int i = 0; i < 12; ++i)
-            features.push_back({static_cast<float>(0.2 * (i % 4) - 0.3), static_cast<float>(0.2 * (i / 4) - 0.2),
+            features.push_back({static_cast<float>(0.2 * (i % 4) - 0.3),
+                                static_cast<float>(0.2 * (i / 4) - 0.2),
                                 static_cast<float>(2.0 + 0.1 * std::sin(s.euler[2] + i))});
         rec.countA = static_cast<uint16_t>(features.size());
         send(Stream::Nft, buildNft(rec, features));
@@ -575,8 +599,8 @@ void Simulator::emitSample(uint64_t k) {
     if (m.senders[static_cast<int>(Stream::Image)] && streaming && every(k, m.div[Impl::kImage]) &&
         m.pieces.empty()) {
         drawPattern(m.pixels, m.width, m.height, m.bpp, m.imageSeq);
-        for (Datagram& d :
-             buildImagePieces(m.imageSeq++, cfg_.imageFormat, m.pixels.data(), m.pixels.size(), cfg_.imagePiece))
+        for (Datagram& d : buildImagePieces(m.imageSeq++, cfg_.imageFormat, m.pixels.data(), m.pixels.size(),
+                                            cfg_.imagePiece))
             m.pieces.push_back(std::move(d));
     }
 

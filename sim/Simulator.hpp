@@ -34,6 +34,8 @@ namespace orvsim {
 enum class Stream { Tracking, Pra, Meta, Image, Hub, Nft, Count };
 constexpr int kStreamCount = static_cast<int>(Stream::Count);
 const char* streamName(Stream s);  // "tracking", "pra", "meta", "image", "hub", "nft"
+// The error code the library queues for a damaged datagram of the stream.
+unsigned short streamErrorCode(Stream s);
 
 // Rates in Hz; 0 switches a stream off. Every rate is rounded to a whole
 // divisor of the IMU rate.

@@ -23,32 +23,44 @@ void onSignal(int) { g_stop = true; }
 
 void printReport(const orvsim::SimReport& r, std::FILE* out) {
     std::fprintf(out, "orvsim: ran %.1f s, %llu IMU samples (%llu skipped after stalls)\n", r.seconds,
-                 static_cast<unsigned long long>(r.samples), static_cast<unsigned long long>(r.skippedSamples));
+                 static_cast<unsigned long long>(r.samples),
+                 static_cast<unsigned long long>(r.skippedSamples));
     std::fprintf(out, "  %-9s %9s %9s %8s %8s %8s %8s %10s %9s %7s\n", "stream", "built", "sent", "dropped",
                  "corrupt", "checksum", "length", "duplicated", "reordered", "failed");
     for (int i = 0; i < orvsim::kStreamCount; ++i) {
         const orvsim::StreamReport& s = r.streams[i];
         const orvsim::FaultCounts& f = s.faults;
-        std::fprintf(out, "  %-9s %9llu %9llu %8llu %8llu %8llu %8llu %10llu %9llu %7llu\n",
-                     orvsim::streamName(static_cast<orvsim::Stream>(i)), static_cast<unsigned long long>(s.built),
-                     static_cast<unsigned long long>(f.out), static_cast<unsigned long long>(f.dropped),
-                     static_cast<unsigned long long>(f.corrupted()), static_cast<unsigned long long>(f.badChecksum),
-                     static_cast<unsigned long long>(f.badLength), static_cast<unsigned long long>(f.duplicated),
-                     static_cast<unsigned long long>(f.reordered), static_cast<unsigned long long>(s.sendFailures));
+        std::fprintf(
+            out, "  %-9s %9llu %9llu %8llu %8llu %8llu %8llu %10llu %9llu %7llu\n",
+            orvsim::streamName(static_cast<orvsim::Stream>(i)), static_cast<unsigned long long>(s.built),
+            static_cast<unsigned long long>(f.out), static_cast<unsigned long long>(f.dropped),
+            static_cast<unsigned long long>(f.corrupted()), static_cast<unsigned long long>(f.badChecksum),
+            static_cast<unsigned long long>(f.badLength), static_cast<unsigned long long>(f.duplicated),
+            static_cast<unsigned long long>(f.reordered), static_cast<unsigned long long>(s.sendFailures));
     }
-    std::fprintf(out, "  images    %llu over UDP, %llu in shared memory (%llu replaced before a reader took them)\n",
-                 static_cast<unsigned long long>(r.imagesUdp), static_cast<unsigned long long>(r.imagesShared),
-                 static_cast<unsigned long long>(r.sharedUnread));
-    std::fprintf(out, "  errors    %llu orvCore error bytes, %llu orvRx error bytes, %llu orvHub error packets\n",
-                 static_cast<unsigned long long>(r.coreErrorBytes), static_cast<unsigned long long>(r.rxErrorBytes),
-                 static_cast<unsigned long long>(r.hubErrors));
+    // The error code the library queues for a damaged datagram of each stream.
+    std::fprintf(out, "  codes    ");
+    for (int i = 0; i < orvsim::kStreamCount; ++i) {
+        const auto stream = static_cast<orvsim::Stream>(i);
+        std::fprintf(out, " %s %u", orvsim::streamName(stream), orvsim::streamErrorCode(stream));
+    }
+    std::fprintf(out, "\n");
+    std::fprintf(
+        out, "  images    %llu over UDP, %llu in shared memory (%llu replaced before a reader took them)\n",
+        static_cast<unsigned long long>(r.imagesUdp), static_cast<unsigned long long>(r.imagesShared),
+        static_cast<unsigned long long>(r.sharedUnread));
+    std::fprintf(
+        out, "  errors    %llu orvCore error bytes, %llu orvRx error bytes, %llu orvHub error packets\n",
+        static_cast<unsigned long long>(r.coreErrorBytes), static_cast<unsigned long long>(r.rxErrorBytes),
+        static_cast<unsigned long long>(r.hubErrors));
     const orvsim::UplinkReport& u = r.uplink;
     std::fprintf(out, "  uplink    %llu platform poses (last tag %u), %llu GPS, %llu input, %llu bad\n",
                  static_cast<unsigned long long>(u.platformPoses), u.lastPlatformTag,
                  static_cast<unsigned long long>(u.gps), static_cast<unsigned long long>(u.inputs),
                  static_cast<unsigned long long>(u.bad));
     std::fprintf(out, "  commands  %llu handled, %llu with a bad checksum\n",
-                 static_cast<unsigned long long>(r.commands), static_cast<unsigned long long>(r.commandsRejected));
+                 static_cast<unsigned long long>(r.commands),
+                 static_cast<unsigned long long>(r.commandsRejected));
 }
 
 }  // namespace
@@ -82,7 +94,8 @@ int main(int argc, char** argv) {
     app.add_option("--gps-hz", r.gps, "GPS subpackets")->capture_default_str();
     app.add_option("--error-period", r.errorPeriodS, "Seconds between orvRx and orvHub errors; 0: none")
         ->capture_default_str();
-    app.add_option("--image-format", imageFormat, "Image format code (10, 11, 12, 20, 21, 30, 31, 40, 41, 50, 51)")
+    app.add_option("--image-format", imageFormat,
+                   "Image format code (10, 11, 12, 20, 21, 30, 31, 40, 41, 50, 51)")
         ->check(CLI::Range(0, 255))
         ->capture_default_str();
     app.add_option("--image-piece", cfg.imagePiece, "Pixel bytes per image datagram")
@@ -92,7 +105,8 @@ int main(int argc, char** argv) {
     app.add_option("--corrupt", faults.corrupt, "Share corrupted (bad checksum or wrong length)")
         ->check(CLI::Range(0.0, 1.0));
     app.add_option("--duplicate", faults.duplicate, "Share sent twice")->check(CLI::Range(0.0, 1.0));
-    app.add_option("--reorder", faults.reorder, "Share sent after their successor")->check(CLI::Range(0.0, 1.0));
+    app.add_option("--reorder", faults.reorder, "Share sent after their successor")
+        ->check(CLI::Range(0.0, 1.0));
     app.add_option("--fault-streams", faultStreams, "Streams the faults apply to (default: all)")
         ->check(CLI::IsMember({"tracking", "pra", "meta", "image", "hub", "nft"}))
         ->delimiter(',');

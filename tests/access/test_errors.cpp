@@ -21,7 +21,9 @@ TEST(ErrorCodes, QueueKeepsTheNewestAndSetsTheNewErrorFlag) {
     }
 
     orvtest::CapturedStdout out;
-    for (unsigned short code : {770, 771, 772, 773}) a.addErrorCode(code, code + 1000u);
+    for (unsigned short code : {ORVACCESS_ERR_BAD_TRACKING_PKT, ORVACCESS_ERR_BAD_IMAGE_PKT,
+                                ORVACCESS_ERR_BAD_META_PKT, ORVACCESS_ERR_BAD_OPTICAL_SUBPKT})
+        a.addErrorCode(code, code + 1000u);
     EXPECT_EQ(out.text(), "ORVAINFO: Error code queue overflow\n");
 
     s_OrvAccessStatus status{};
@@ -31,7 +33,8 @@ TEST(ErrorCodes, QueueKeepsTheNewestAndSetsTheNewErrorFlag) {
     EXPECT_EQ(status.newError, 0u);
 
     s_OrvAccessErrorCode rec{};
-    for (unsigned short expected : {771, 772, 773}) {
+    for (unsigned short expected :
+         {ORVACCESS_ERR_BAD_IMAGE_PKT, ORVACCESS_ERR_BAD_META_PKT, ORVACCESS_ERR_BAD_OPTICAL_SUBPKT}) {
         EXPECT_EQ(a.getErrorCode(&rec), expected);
         EXPECT_EQ(rec.code, expected);
         EXPECT_EQ(rec.value, expected + 1000u);
@@ -43,7 +46,7 @@ TEST(ErrorCodes, QueueKeepsTheNewestAndSetsTheNewErrorFlag) {
     EXPECT_EQ(rec.value, 42u);
 
     // A new open empties the queue.
-    a.addErrorCode(770, 0);
+    a.addErrorCode(ORVACCESS_ERR_BAD_TRACKING_PKT, 0);
     {
         orvtest::CapturedStdout quiet;
         ASSERT_TRUE(a.open());
@@ -63,9 +66,10 @@ TEST(ErrorCodes, MessagesAndOriginFallbacks) {
     EXPECT_EQ(a.getErrorMessage(0x1FF), "[ORVRX]: Unknown error");
     EXPECT_EQ(a.getErrorMessage(0x102), "[ORVRX]: Unknown error");
     EXPECT_EQ(a.getErrorMessage(0x2AA), "[ORVTX]: Unknown error");
-    EXPECT_EQ(a.getErrorMessage(780), "[ORVACCESS] ERROR: Optical subpacket overrun");
-    EXPECT_EQ(a.getErrorMessage(783), "[ORVACCESS]: Unknown error");
-    EXPECT_EQ(a.getErrorMessage(784), "[ORVACCESS]: Unknown error");
+    EXPECT_EQ(a.getErrorMessage(ORVACCESS_ERR_OPTICAL_OVERRUN),
+              "[ORVACCESS] ERROR: Optical subpacket overrun");
+    EXPECT_EQ(a.getErrorMessage(ORVACCESS_ERR_BAD_GPS_SUBPKT), "[ORVACCESS]: Unknown error");
+    EXPECT_EQ(a.getErrorMessage(ORVACCESS_ERR_BAD_PRA_PKT), "[ORVACCESS]: Unknown error");
     EXPECT_EQ(a.getErrorMessage(0x405), "[ORVHUB] ERROR: Error setting serial port attributes");
     EXPECT_EQ(a.getErrorMessage(1032), "[ORVHUB] ERROR: User pressed CTRL-C, orvHub now halted");
     EXPECT_EQ(a.getErrorMessage(0x4FF), "[ORVHUB]: Unknown error");

@@ -155,7 +155,7 @@ TEST_F(Images, BrokenSequencesRaise769AndWaitForAFirstPiece) {
     for (const auto& [pieces, value, text] : cases) {
         for (const Bytes& p : pieces) send(kImage, p);
         EXPECT_EQ(fetch(out), kNothing) << text;
-        EXPECT_EQ(errorCodes(), (Codes{{769, value}})) << text;
+        EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_IMAGE_TRANSFER, value}})) << text;
         logged += "ORVALOG: " + text + "\n";
     }
     EXPECT_EQ(log.text(), logged);

@@ -228,7 +228,7 @@ TEST_F(Meta, BadChipPacketRaises777AndTheOtherSubpacketsStillParse) {
         orvtest::CapturedStderr err;
         post(meta(c, {platPose(77, 3, 1.5f, -2.5f, 3.25f)}));
         EXPECT_EQ(err.text(), "ORVALOG: Bad IMU subpacket\n");
-        EXPECT_EQ(errorCodes(), (Codes{{777, 0}}));
+        EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_IMU_SUBPKT, 0}}));
         EXPECT_EQ(drainImu(), 0u);
         s_OrvAccessPlatPoseData pose{};
         EXPECT_TRUE(access.getPlatformPoseData(&valid, &pose) && valid && pose.tag == 77 &&
@@ -238,7 +238,11 @@ TEST_F(Meta, BadChipPacketRaises777AndTheOtherSubpacketsStillParse) {
     // GPS: four broken ones raise their codes in that order, after the IMU's.
     access.setVerbosity(0);
     post(meta(bad[1], {Bytes{0xEE}, Bytes{0xEE}, Bytes{0xEE}, Bytes(40, 0xEE)}));
-    EXPECT_EQ(errorCodes(), (Codes{{777, 0}, {776, 0}, {775, 0}, {774, 0}, {783, 0}}));
+    EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_IMU_SUBPKT, 0},
+                                   {ORVACCESS_ERR_BAD_PLATPOSE_SUBPKT, 0},
+                                   {ORVACCESS_ERR_BAD_TARGET_SUBPKT, 0},
+                                   {ORVACCESS_ERR_BAD_DIAG_SUBPKT, 0},
+                                   {ORVACCESS_ERR_BAD_GPS_SUBPKT, 0}}));
 
     // A packet handed in from the application's memory (sized exactly, so
     // that the address sanitizer sees a read past it) is read within its
@@ -248,7 +252,7 @@ TEST_F(Meta, BadChipPacketRaises777AndTheOtherSubpacketsStillParse) {
         Bytes cut(full.begin(), full.begin() + static_cast<long>(len));
         OrvosiUtil::lendian(&cut[1], len, 2);
         access.processMetaPkt(cut.data());
-        EXPECT_EQ(errorCodes(), (len >= 12 ? Codes{{777, 0}} : Codes{})) << len;
+        EXPECT_EQ(errorCodes(), (len >= 12 ? Codes{{ORVACCESS_ERR_BAD_IMU_SUBPKT, 0}} : Codes{})) << len;
     }
     EXPECT_EQ(drainImu(), 0u);
 }
@@ -386,7 +390,10 @@ TEST_F(Meta, DiagnosticCodesStateOptionalBytesStreamingAndOverruns) {
     post(meta(kTarget, sealAt(target(0x62, {1, 2}), 14 + 70 + 1)));
     post(meta(kTarget, sealAt(target(0x63, {1, 2, 3}), 14 + 35 + 22)));
     post(meta(kDiag, diag(0x90, {0, 0, 0, 0x09}, 5, 25)));  // one byte short
-    EXPECT_EQ(errorCodes(), (Codes{{778, 0x62}, {778, 0x63}, {0x109, 0x90}, {779, 0x90}}));
+    EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_TARGET_OVERRUN, 0x62},
+                                   {ORVACCESS_ERR_TARGET_OVERRUN, 0x63},
+                                   {0x109, 0x90},
+                                   {ORVACCESS_ERR_DIAG_OVERRUN, 0x90}}));
     EXPECT_EQ(err.text(),
               "ORVALOG: Overrun in target subpacket\nORVALOG: Overrun in target subpacket\n"
               "ORVALOG: Overrun in diagnostic subpacket\n");
@@ -401,7 +408,8 @@ TEST_F(Meta, BadSubpacketsRaiseTheirCodeAndAreSkipped) {
     bad[0] = sealAt(bad[0], bad[0].size());  // a good checksum for the wrong start byte
     const char* texts[] = {"platform pose subpacket: Wrong start byte", "target subpacket: Invalid checksum",
                            "diagnostic subpacket: Invalid size", "GPS subpacket: Invalid checksum"};
-    const unsigned short codes[] = {776, 775, 774, 783};
+    const unsigned short codes[] = {ORVACCESS_ERR_BAD_PLATPOSE_SUBPKT, ORVACCESS_ERR_BAD_TARGET_SUBPKT,
+                                    ORVACCESS_ERR_BAD_DIAG_SUBPKT, ORVACCESS_ERR_BAD_GPS_SUBPKT};
     access.setVerbosity(OrvUtil::kVerbLog);
     for (int k = 0; k < 4; ++k) {
         orvtest::CapturedStderr err;
@@ -419,7 +427,7 @@ TEST_F(Meta, BadSubpacketsRaiseTheirCodeAndAreSkipped) {
     big[65500] = 8, big[65501] = 40, big[65503] = 1;
     orvtest::CapturedStderr err;
     post(orvtest::seal(big, 19));
-    EXPECT_EQ(errorCodes(), (Codes{{774, 0}, {783, 0}}));
+    EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_DIAG_SUBPKT, 0}, {ORVACCESS_ERR_BAD_GPS_SUBPKT, 0}}));
     EXPECT_EQ(err.text(),
               "ORVALOG: Bad diagnostic subpacket: Runs past the end of the buffer\n"
               "ORVALOG: Bad GPS subpacket: Runs past the end of the buffer\n");
@@ -439,7 +447,9 @@ TEST_F(Meta, BadSubpacketsRaiseTheirCodeAndAreSkipped) {
     atEnd(kDiag, diag(1, {}, 3, 12));
     atEnd(kGps, sealAt(gps(kFix), 40));
     atEnd(kPlat, platPose(9, 3, 1.0f, 2.0f, 3.0f));  // well-formed, read in full
-    EXPECT_EQ(errorCodes(), (Codes{{776, 0}, {778, 1}, {779, 1}}));
+    EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_PLATPOSE_SUBPKT, 0},
+                                   {ORVACCESS_ERR_TARGET_OVERRUN, 1},
+                                   {ORVACCESS_ERR_DIAG_OVERRUN, 1}}));
     EXPECT_TRUE(access.getStreaming());
     const auto poses = drain(&OrvAccess::getPlatformPoseData);
     ASSERT_EQ(poses.size(), 2u);

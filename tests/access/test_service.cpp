@@ -41,8 +41,13 @@ TEST_F(Service, FramingFaultsQueueThePortsCode) {
     // Each kind at the size of its packets, so that its parser reads only the
     // zero body it was sent: port, start byte, size, error code, received bit.
     const std::tuple<int, unsigned char, size_t, unsigned short, uint32_t> kinds[] = {
-        {kMeta, 19, 40, 772, 0x2},    {kImage, 7, 40, 771, 0x4},  {kCore, 10, 332, 770, 0x10},
-        {kCore, 15, 220, 784, 0x100}, {kHub, 11, 151, 781, 0x20}, {kNft, 14, 152, 782, 0x80}};
+        {kMeta, ORVWIRE_START_META, 40, ORVACCESS_ERR_BAD_META_PKT, ORVACCESS_RECV_META},
+        {kImage, ORVWIRE_START_IMAGE, 40, ORVACCESS_ERR_BAD_IMAGE_PKT, ORVACCESS_RECV_IMAGE},
+        {kCore, ORVWIRE_START_TRACKING, ORVWIRE_TRACKING_SIZE, ORVACCESS_ERR_BAD_TRACKING_PKT,
+         ORVACCESS_RECV_TRACKING},
+        {kCore, ORVWIRE_START_PRA, ORVWIRE_PRA_SIZE, ORVACCESS_ERR_BAD_PRA_PKT, ORVACCESS_RECV_PRA},
+        {kHub, ORVWIRE_START_HUB_DATA, ORVWIRE_HUB_DATA_SIZE, ORVACCESS_ERR_BAD_HUB_PKT, ORVACCESS_RECV_HUB},
+        {kNft, ORVWIRE_START_NFT, 152, ORVACCESS_ERR_BAD_NFT_PKT, ORVACCESS_RECV_NFT}};
     for (const auto& [p, start, size, code, bit] : kinds) {
         Bytes good = frame(start, size), longer = good, bad = good;
         send(p, good);
@@ -102,7 +107,7 @@ TEST_F(Service, OneCallDrainsEveryPortRoundRobinAndDumpsBeforeTheCheck) {
               "ORVAINFO: Received orvCore packet, size 303\n");
     EXPECT_EQ(err.text(),
               "ORVALOG: Setting verbosity to 8195\nORVALOG: Problem with meta packet: Invalid checksum\n");
-    EXPECT_EQ(errorCodes(), (Codes{{772, 0}}));
+    EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_META_PKT, 0}}));
 }
 
 TEST_F(Service, FlushKeepsOnlyHubPacketsAndAClosedObjectRefuses) {

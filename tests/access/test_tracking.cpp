@@ -205,7 +205,7 @@ TEST_F(Tracking, OpticalRecordsOverrunsAndBadFraming) {
     // length says and as zeros beyond, exactly as if it had been received;
     // each buffer below is exactly as long as its packet.
     Bytes counted = optical(residuals(7, 1, 2));
-    counted[7] = 3;  // one more target than the subpacket holds
+    counted[7] = 3;                                          // one more target than the subpacket holds
     const Bytes shortFixed = orvtest::sealedFrame(10, 300);  // too short for the fixed fields
     const Bytes handedIn[] = {
         packet(distinct(3), orvtest::seal(counted, 16)),
@@ -224,7 +224,10 @@ TEST_F(Tracking, OpticalRecordsOverrunsAndBadFraming) {
               "ORVALOG: Overrun in optical data subpacket\n"
               "ORVALOG: Bad optical subpacket: Invalid checksum\n"
               "ORVALOG: Bad optical subpacket: Invalid checksum\n");
-    Codes codes{{780, 0xABCD}, {773, 0}, {773, 0}, {780, 5}, {773, 0}, {780, 7}, {773, 0}, {773, 0}};
+    Codes codes{{ORVACCESS_ERR_OPTICAL_OVERRUN, 0xABCD}, {ORVACCESS_ERR_BAD_OPTICAL_SUBPKT, 0},
+                {ORVACCESS_ERR_BAD_OPTICAL_SUBPKT, 0},   {ORVACCESS_ERR_OPTICAL_OVERRUN, 5},
+                {ORVACCESS_ERR_BAD_OPTICAL_SUBPKT, 0},   {ORVACCESS_ERR_OPTICAL_OVERRUN, 7},
+                {ORVACCESS_ERR_BAD_OPTICAL_SUBPKT, 0},   {ORVACCESS_ERR_BAD_OPTICAL_SUBPKT, 0}};
     // The short packet's error-code bytes lie inside its 300 bytes.
     for (size_t i = 295; i < 299; ++i)
         if (shortFixed[i] != 0) codes.push_back({shortFixed[i], OrvosiUtil::word32(&shortFixed[3])});
@@ -405,7 +408,7 @@ TEST_F(Packets, OversizedFeatureCountsNeverLeaveTheBuffer) {
                   "ORVALOG: Problem with NFT packet: Feature count beyond buffer\n"
                   "ORVALOG: Problem with NFT packet: Feature count beyond buffer\n");
     }
-    EXPECT_EQ(errorCodes(), (Codes{{782, 0}, {782, 0}}));
+    EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_NFT_PKT, 0}, {ORVACCESS_ERR_BAD_NFT_PKT, 0}}));
     EXPECT_TRUE(drain(access, &OrvAccess::getFeatureData).empty());
     EXPECT_TRUE(drain(access, &OrvAccess::getTrackingData).empty());
 

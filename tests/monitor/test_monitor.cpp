@@ -29,7 +29,9 @@ namespace {
 const Vec3 kAxis = {0.48, 0.6, 0.64};  // unit length
 constexpr double kRateRad = 2.0;       // rad/s
 
-Mat3 turned(double angleRad) { return expSO3({kAxis[0] * angleRad, kAxis[1] * angleRad, kAxis[2] * angleRad}); }
+Mat3 turned(double angleRad) {
+    return expSO3({kAxis[0] * angleRad, kAxis[1] * angleRad, kAxis[2] * angleRad});
+}
 Mat3 truthAt(int64_t us) { return turned(kRateRad * static_cast<double>(us) / 1e6); }
 
 double maxDiff(const Mat3& a, const Mat3& b) {
@@ -120,7 +122,8 @@ TEST(Attitude, GeodesicInterpolationAndAngles) {
     // Between two samples of a constant-rate turn the geodesic is the turn.
     const Mat3 r0 = truthAt(1000), r1 = truthAt(9000);
     for (double f : {0.0, 0.25, 0.5, 0.9, 1.0})
-        EXPECT_LT(maxDiff(interpolate(r0, r1, f), truthAt(1000 + static_cast<int64_t>(8000 * f))), 1e-12) << f;
+        EXPECT_LT(maxDiff(interpolate(r0, r1, f), truthAt(1000 + static_cast<int64_t>(8000 * f))), 1e-12)
+            << f;
 
     // A deliberate error about another axis is measured as its angle,
     // whichever the base attitude.
@@ -295,20 +298,24 @@ TEST_F(MonitorLive, CountsErrorCodesByMessageAndDoesNotAllocateWhenIdle) {
     EXPECT_EQ(m.count(Monitor::kErrorCode), 10u);
     EXPECT_EQ(m.failures(), 0u);
     ASSERT_EQ(m.lastErrorCount(), Monitor::kLastErrors);
-    EXPECT_EQ(m.messageOf(770), access_.getErrorMessage(770));
+    EXPECT_EQ(m.messageOf(ORVACCESS_ERR_BAD_TRACKING_PKT),
+              access_.getErrorMessage(ORVACCESS_ERR_BAD_TRACKING_PKT));
 
     std::ostringstream out;
     m.writeSummary(out);
     const std::string text = out.str();
     // Each code once, counted twice, by the library's own message, in code order.
-    const std::string tracking = "error             2   770 " + access_.getErrorMessage(770) + "\n";
-    const std::string meta = "error             2   772 " + access_.getErrorMessage(772) + "\n";
+    const std::string tracking =
+        "error             2   770 " + access_.getErrorMessage(ORVACCESS_ERR_BAD_TRACKING_PKT) + "\n";
+    const std::string meta =
+        "error             2   772 " + access_.getErrorMessage(ORVACCESS_ERR_BAD_META_PKT) + "\n";
     ASSERT_NE(text.find(tracking), std::string::npos) << text;
     ASSERT_NE(text.find(meta), std::string::npos) << text;
     EXPECT_LT(text.find(tracking), text.find(meta));
     EXPECT_TRUE(std::regex_search(text, std::regex("\nrecords +error-codes +10 +[0-9.]+/s\n"))) << text;
     EXPECT_TRUE(std::regex_search(text, std::regex("\nrecords +images +0 +0.0/s\n"))) << text;
-    EXPECT_TRUE(std::regex_search(text, std::regex("\nstatus +connections 0x36 meta image core hub\n"))) << text;
+    EXPECT_TRUE(std::regex_search(text, std::regex("\nstatus +connections 0x36 meta image core hub\n")))
+        << text;
 }
 
 TEST_F(MonitorLive, KeepsGoingWhenEveryCallFails) {
@@ -345,5 +352,6 @@ TEST_F(MonitorLive, RatesCoverTheLastSecondOnly) {
     EXPECT_EQ(m.count(Monitor::kErrorCode), 6u);
     std::ostringstream line;
     m.writeLine(line);
-    EXPECT_TRUE(std::regex_match(line.str(), std::regex("t=[0-9]+s track 0/s imu 0/s .* errors 6\n"))) << line.str();
+    EXPECT_TRUE(std::regex_match(line.str(), std::regex("t=[0-9]+s track 0/s imu 0/s .* errors 6\n")))
+        << line.str();
 }

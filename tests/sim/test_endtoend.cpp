@@ -20,8 +20,10 @@ using namespace orvsim;
 
 namespace {
 
-constexpr unsigned short kBadTracking = 770, kBadImage = 771, kBadMeta = 772, kBadHub = 781, kBadNft = 782,
-                         kBadPra = 784;
+constexpr unsigned short kBadTracking = ORVACCESS_ERR_BAD_TRACKING_PKT,
+                         kBadImage = ORVACCESS_ERR_BAD_IMAGE_PKT, kBadMeta = ORVACCESS_ERR_BAD_META_PKT,
+                         kBadHub = ORVACCESS_ERR_BAD_HUB_PKT, kBadNft = ORVACCESS_ERR_BAD_NFT_PKT,
+                         kBadPra = ORVACCESS_ERR_BAD_PRA_PKT;
 
 // The angle of the rotation between two attitudes, from the distance of
 // their matrices (2 sqrt(2) sin(angle / 2)): exact near zero, where the
@@ -44,8 +46,9 @@ struct MotionBound {
         const double dt = 0.0005;
         for (double t = dt; t < 45.0; t += dt) {
             const MotionSample a = m.at(t - dt), b = m.at(t + dt), c = m.at(t);
-            alpha = std::max(alpha, std::hypot(b.rate[0] - a.rate[0], b.rate[1] - a.rate[1], b.rate[2] - a.rate[2]) /
-                                        (2 * dt));
+            alpha = std::max(
+                alpha,
+                std::hypot(b.rate[0] - a.rate[0], b.rate[1] - a.rate[1], b.rate[2] - a.rate[2]) / (2 * dt));
             rate = std::max(rate, std::hypot(c.rate[0], c.rate[1], c.rate[2]));
         }
     }
@@ -66,8 +69,8 @@ protected:
                                 "udpOrvCorePort", "udpOrvHubPort", "udpNftPort"})
             ini << key << " = " << orvtest::freePort() << "\n";
         // Room for a few hundred datagrams, should the test thread stall.
-        for (const char* key : {"udpOrvRxRcvBufSize", "udpOrvCoreRcvBufSize", "udpOrvHubRcvBufSize",
-                                "udpNftRcvBufSize"})
+        for (const char* key :
+             {"udpOrvRxRcvBufSize", "udpOrvCoreRcvBufSize", "udpOrvHubRcvBufSize", "udpNftRcvBufSize"})
             ini << key << " = 1048576\n";
         ini << "sMemImgName = " << shmName_ << "\n";
         base_ = ini.str();
@@ -254,17 +257,20 @@ TEST_F(EndToEnd, EveryChannelDeliversWhatTheSimulatorSent) {
             EXPECT_EQ(static_cast<int>(format), 10);
             bool pattern = true;
             for (unsigned y : {0u, 17u, 479u})
-                for (unsigned x : {0u, 333u, 639u}) pattern = pattern && image[y * 640 + x] == patternByte(x, y, 0, seq);
+                for (unsigned x : {0u, 333u, 639u})
+                    pattern = pattern && image[y * 640 + x] == patternByte(x, y, 0, seq);
             EXPECT_TRUE(pattern) << "image " << seq;
         }
         collectErrors(errors);
-        return n.tracking > 100 && n.nft > 3 && n.optical > 0 && n.stats > 2 && n.hub > 20 && n.features > 0 &&
-               n.imu > 200 && n.aux > 0 && n.diag > 0 && n.lists > 0 && n.plat > 0 && n.gps > 0 && n.crs > 0 &&
-               n.udpImages > 0 && n.sharedImages > 0 && errors.count(0x121) && errors.count(0x406);
+        return n.tracking > 100 && n.nft > 3 && n.optical > 0 && n.stats > 2 && n.hub > 20 &&
+               n.features > 0 && n.imu > 200 && n.aux > 0 && n.diag > 0 && n.lists > 0 && n.plat > 0 &&
+               n.gps > 0 && n.crs > 0 && n.udpImages > 0 && n.sharedImages > 0 && errors.count(0x121) &&
+               errors.count(0x406);
     });
     EXPECT_TRUE(all) << "tracking " << n.tracking << " nft " << n.nft << " optical " << n.optical << " stats "
-                     << n.stats << " hub " << n.hub << " imu " << n.imu << " lists " << n.lists << " crs " << n.crs
-                     << " images " << n.udpImages << "/" << n.sharedImages << " errors " << errors.size();
+                     << n.stats << " hub " << n.hub << " imu " << n.imu << " lists " << n.lists << " crs "
+                     << n.crs << " images " << n.udpImages << "/" << n.sharedImages << " errors "
+                     << errors.size();
     EXPECT_EQ(n.features % 12, 0);
     // Nothing arrived damaged.
     for (unsigned short bad : {kBadTracking, kBadImage, kBadMeta, kBadHub, kBadNft, kBadPra})
@@ -308,7 +314,8 @@ TEST_F(EndToEnd, StreamingFollowsTheGettersAndTheCommands) {
 
     // The next data getter turns it on again.
     s_OrvAccessImuData imu{};
-    EXPECT_TRUE(pumpUntil(3.0, [&] { return access_.getImuData(ORVACCESS_IMU_CAMERA, &valid, &imu) && valid; }));
+    EXPECT_TRUE(
+        pumpUntil(3.0, [&] { return access_.getImuData(ORVACCESS_IMU_CAMERA, &valid, &imu) && valid; }));
 }
 
 TEST_F(EndToEnd, UplinkIsCheckedAndTheFrontEndReflectsThePlatformPoseTime) {
@@ -393,7 +400,8 @@ TEST_F(EndToEnd, PredictionErrorStaysWithinWhatTheMotionAllows) {
             bool valid = false;
             s_OrvAccessTrkDataExt t{};
             const uint64_t display = access_.getTimeUs() + 5000;
-            if (!access_.getTrackingDataAtTime(display, &valid, &t) || !valid || t.statusWord == 0) return false;
+            if (!access_.getTrackingDataAtTime(display, &valid, &t) || !valid || t.statusWord == 0)
+                return false;
             const double age = display > t.poseTime ? (display - t.poseTime) / 1e6 : 0.0;
             const double h = std::min(age + 0.02, 0.2);
             const double err = angleBetween(t.cbn, motion.at(t.packetTag * 0.001 + h).cbn);
