@@ -53,9 +53,9 @@ private:
     bool ok_ = false;
 };
 
-// A 332-byte tracking datagram, sealed or with a checksum one off.
+// A tracking datagram without optical data, sealed or with a checksum one off.
 orvtest::Bytes trackingPacket(bool sealed) {
-    orvtest::Bytes p = orvtest::sealedFrame(10, 332);
+    orvtest::Bytes p = orvtest::sealedFrame(ORVWIRE_START_TRACKING, ORVWIRE_TRACKING_SIZE);
     if (!sealed) p.back() = static_cast<unsigned char>(p.back() + 1);
     return p;
 }
