@@ -100,28 +100,39 @@ public:
     }
     // n singles into out; those past the reach are zero (and fail the cursor).
     void f32s(float* out, size_t n) {
-        if (pos_ <= size_ && 4 * n <= size_ - pos_) {
-            const unsigned char* p = data_ + pos_;
+        if (const unsigned char* p = real(4 * n)) {
             for (size_t i = 0; i < n; ++i) out[i] = OrvosiUtil::float32(p + 4 * i);
-            pos_ += 4 * n;
             return;
         }
-        for (size_t i = 0; i < n; ++i) out[i] = f32();
+        f32sPadded(out, n);
     }
 
 private:
+    // The rare paths stay out of line, so that the common one inlines into
+    // the parsers whole.
+    [[gnu::noinline, gnu::cold]] void f32sPadded(float* out, size_t n) {
+        for (size_t i = 0; i < n; ++i) out[i] = f32();
+    }
     bool fail() {
         ok_ = false;
         return false;
     }
+    // The next n real bytes in place, or null (the cursor unmoved) when some
+    // of them lie past the packet's end. pos_ never passes reach_, a
+    // buffer's size, so the sum cannot wrap.
+    const unsigned char* real(size_t n) {
+        if (pos_ + n > size_) return nullptr;
+        const unsigned char* p = data_ + pos_;
+        pos_ += n;
+        return p;
+    }
     // The next n bytes (at most 8): in place while they are real, else the
     // real part followed by zeros in scratch; null past the reach.
     const unsigned char* next(size_t n, unsigned char* scratch) {
-        if (pos_ <= size_ && n <= size_ - pos_) {
-            const unsigned char* p = data_ + pos_;
-            pos_ += n;
-            return p;
-        }
+        if (const unsigned char* p = real(n)) return p;
+        return padded(n, scratch);
+    }
+    [[gnu::noinline, gnu::cold]] const unsigned char* padded(size_t n, unsigned char* scratch) {
         if (!has(n)) {
             fail();
             return nullptr;

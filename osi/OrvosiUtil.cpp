@@ -73,36 +73,6 @@ bool OrvosiUtil::socketCleanup() { return true; }
 
 // ---- byte codec --------------------------------------------------------------
 
-unsigned short OrvosiUtil::word16(const unsigned char* p) {
-    return static_cast<unsigned short>(p[0] | (p[1] << 8));
-}
-
-unsigned int OrvosiUtil::word24(const unsigned char* p) {
-    return static_cast<unsigned int>(p[0]) | (static_cast<unsigned int>(word16(p + 1)) << 8);
-}
-
-unsigned int OrvosiUtil::word32(const unsigned char* p) {
-    return static_cast<unsigned int>(word16(p)) | (static_cast<unsigned int>(word16(p + 2)) << 16);
-}
-
-unsigned long OrvosiUtil::word64(const unsigned char* p) {
-    return static_cast<unsigned long>(word32(p)) | (static_cast<unsigned long>(word32(p + 4)) << 32);
-}
-
-float OrvosiUtil::float32(const unsigned char* p) {
-    const unsigned int bits = word32(p);
-    float value;
-    std::memcpy(&value, &bits, sizeof value);
-    return value;
-}
-
-double OrvosiUtil::float64(const unsigned char* p) {
-    const unsigned long bits = word64(p);
-    double value;
-    std::memcpy(&value, &bits, sizeof value);
-    return value;
-}
-
 unsigned int OrvosiUtil::word16(const unsigned char* p, unsigned short* out) {
     *out = word16(p);
     return 2;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "orvaccess/orvaccess_export.h"
@@ -48,12 +49,31 @@ public:
     // ---- byte codec: little-endian, independent of the host's order ----
     // The decoders never check bounds: the caller guarantees the bytes exist
     // (OrvosiReader in OrvosiCursor.hpp is the bounded way to use them).
-    static unsigned short word16(const unsigned char* p);
-    static unsigned int word24(const unsigned char* p);
-    static unsigned int word32(const unsigned char* p);
-    static unsigned long word64(const unsigned char* p);
-    static float float32(const unsigned char* p);
-    static double float64(const unsigned char* p);
+    // Defined here so that the parsers' dozens of reads per packet inline.
+    static unsigned short word16(const unsigned char* p) {
+        return static_cast<unsigned short>(p[0] | (p[1] << 8));
+    }
+    static unsigned int word24(const unsigned char* p) {
+        return static_cast<unsigned int>(p[0]) | (static_cast<unsigned int>(word16(p + 1)) << 8);
+    }
+    static unsigned int word32(const unsigned char* p) {
+        return static_cast<unsigned int>(word16(p)) | (static_cast<unsigned int>(word16(p + 2)) << 16);
+    }
+    static unsigned long word64(const unsigned char* p) {
+        return static_cast<unsigned long>(word32(p)) | (static_cast<unsigned long>(word32(p + 4)) << 32);
+    }
+    static float float32(const unsigned char* p) {
+        const unsigned int bits = word32(p);
+        float value;
+        std::memcpy(&value, &bits, sizeof value);
+        return value;
+    }
+    static double float64(const unsigned char* p) {
+        const unsigned long bits = word64(p);
+        double value;
+        std::memcpy(&value, &bits, sizeof value);
+        return value;
+    }
 
     // Out-parameter twins: store the value, return the bytes consumed.
     static unsigned int word16(const unsigned char* p, unsigned short* out);
