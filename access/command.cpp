@@ -4,8 +4,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <new>
-#include <vector>
+#include <string>
 
 #include "access/CommandCodes.hpp"
 #include "access/State.hpp"
@@ -18,6 +17,9 @@ constexpr unsigned int kStreamingAckMs = 200;
 constexpr int kImuReplyMs = 1000;
 constexpr int kPollStepMs = 5;
 constexpr size_t kReplyBufferSize = 100;
+// The IMU frame carries each length in one byte, so neither the transmit
+// bytes nor the data of a reply can exceed this.
+constexpr size_t kImuMaxBytes = 255;
 
 constexpr unsigned int kVerbTcpOut = ORVACCESS_VERB_DUMP_TCP_OUT;
 constexpr unsigned int kVerbTcpIn = ORVACCESS_VERB_DUMP_TCP_IN;
@@ -154,35 +156,33 @@ bool OrvAccess::transactImu(e_OrvAccessImuSelect imu, unsigned char* transmit, u
                             unsigned char* receive, unsigned long receiveCapacity, unsigned int timeout,
                             unsigned long* receivedLength) {
     State& s = *st_;
+    if (transmitLength > kImuMaxBytes) {
+        // Its length byte would announce fewer bytes than follow it.
+        s.fail("IMU transmit length too long (" + std::to_string(transmitLength) + " bytes, at most 255)", true);
+        return false;
+    }
     if (!setStreaming(false)) return false;
     *receivedLength = 0;
 
-    const size_t size = std::max<size_t>(transmitLength, receiveCapacity) + kReplyBufferSize;
-    std::vector<unsigned char> buf;
-    try {
-        buf.resize(size);
-    } catch (const std::bad_alloc&) {
-        s.fail("Out of memory for the IMU transaction", true);
-        return false;
-    }
-
+    // Room for the longest frame and the longest reply whatever the caller's
+    // capacity, which may be far larger than anything that can come back.
+    unsigned char buf[kImuMaxBytes + kReplyBufferSize];
     const unsigned char receiveLength =
-        static_cast<unsigned char>(std::min<unsigned long>(receiveCapacity, 255));
-    OrvosiWriter w(buf.data(), buf.size());
+        static_cast<unsigned char>(std::min<unsigned long>(receiveCapacity, kImuMaxBytes));
+    OrvosiWriter w(buf, sizeof buf);
     w.u8(orvcmd::kFrameStart);
     w.u8(orvcmd::kImu);
     w.u8(static_cast<int>(imu) == 1 ? 2 : 1);
-    // Only the low byte of the length fits the frame; callers keep it <= 255.
     w.u8(static_cast<unsigned char>(transmitLength));
     if (transmitLength > 0) w.bytes(transmit, transmitLength);
     w.u8(receiveLength);
     w.u8(static_cast<unsigned char>(std::min<unsigned int>(timeout, 255)));
     w.u8(0);  // checksum
-    const bool sent = writeOrvRx(buf.data(), w.pos());
+    const bool sent = writeOrvRx(buf, w.pos());
     if (!sent || receiveLength == 0) return sent;
 
     size_t n = 0;
-    if (!readOrvRx(buf.data(), buf.size(), kImuReplyMs, &n)) return false;
+    if (!readOrvRx(buf, sizeof buf, kImuReplyMs, &n)) return false;
     if (n == 0) {
         s.fail("No response from orvRx", true);
         return false;
@@ -191,7 +191,7 @@ bool OrvAccess::transactImu(e_OrvAccessImuSelect imu, unsigned char* transmit, u
     // more than actually arrived, or stale buffer bytes would pass as data.
     size_t count = n >= 2 ? std::min<size_t>(buf[1], receiveLength) : 0;
     count = std::min(count, n >= 2 ? n - 2 : 0);
-    if (count > 0) std::memcpy(receive, buf.data() + 2, count);
+    if (count > 0) std::memcpy(receive, buf + 2, count);
     *receivedLength = count;
     return true;
 }

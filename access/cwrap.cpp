@@ -6,7 +6,9 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <type_traits>
 
+#include "access/State.hpp"
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiUtil.hpp"
 
@@ -41,7 +43,9 @@ int status(F&& f) noexcept {
 
 // Bounded copy: at most len bytes, zero padding, and always a zero at
 // buf[len - 1], so a text of len bytes or more is cut to len - 1 characters.
+// A buffer of no bytes has no room even for the zero, and is left alone.
 char* copyText(const std::string& text, char* buf, size_t len) {
+    if (buf == nullptr || len == 0) return buf;
     std::strncpy(buf, text.c_str(), len);
     buf[len - 1] = '\0';
     return buf;
@@ -64,6 +68,37 @@ int delivering(int* delivered, F&& f) noexcept {
 }
 
 void copy3(float* dst, const float* src) { std::copy(src, src + 3, dst); }
+
+// A C caller may pass any int where the interface names an enumeration, but
+// C++ may not even load a value that the enumeration cannot hold. Such an
+// argument is read as the bits of its underlying integer instead, and only a
+// value the enumeration can hold is made into one again.
+template <class E>
+std::underlying_type_t<E> bitsOf(const E& argument) {
+    std::underlying_type_t<E> bits;
+    std::memcpy(&bits, &argument, sizeof bits);
+    return bits;
+}
+
+// The largest image format code is 51, so the enumeration holds every value
+// of six bits; an illegal code among them is the method's to refuse.
+constexpr unsigned int kImageFormatValues = 64;
+static_assert(ORVACCESS_IMG_1280x960_3 < kImageFormatValues, "a format code beyond six bits");
+
+}  // namespace
+
+struct OrvAccessWrapperAccess {
+    static OrvAccess::State& state(OrvAccess& access) { return *access.st_; }
+};
+
+namespace {
+
+// A refusal made here, before the object is asked: the reason the object
+// itself would give becomes its last error.
+int refused(OrvAccess* handle, const std::string& reason) noexcept {
+    quietly([&] { OrvAccessWrapperAccess::state(*handle).fail(reason, false); });
+    return 0;
+}
 
 }  // namespace
 
@@ -151,7 +186,12 @@ char* OrvAccess_getLastError(OrvAccess* handle, char* buf, size_t len) {
 }
 
 unsigned short OrvAccess_getErrorCode(OrvAccess* handle, s_OrvAccessErrorCode* code) {
-    return guarded<unsigned short>(0, [&] { return handle->getErrorCode(code); });
+    // The code is the result as well: a caller that wants only that may pass
+    // no record.
+    return guarded<unsigned short>(0, [&] {
+        s_OrvAccessErrorCode unwanted{};
+        return handle->getErrorCode(code != nullptr ? code : &unwanted);
+    });
 }
 
 char* OrvAccess_getErrorMessage(OrvAccess* handle, char* buf, size_t len, int code) {
@@ -224,7 +264,13 @@ void OrvAccess_processTrackingPkt(OrvAccess* handle, const unsigned char* packet
 
 int OrvAccess_getImuData(OrvAccess* handle, e_OrvAccessImuSelect imu, int* delivered,
                          s_OrvAccessImuData* data) {
-    return delivering(delivered, [&](bool* flag) { return handle->getImuData(imu, flag, data); });
+    const auto selector = bitsOf(imu);
+    if (selector != ORVACCESS_IMU_PLATFORM && selector != ORVACCESS_IMU_CAMERA) {
+        *delivered = 0;
+        return refused(handle, "Invalid source IMU selector");
+    }
+    const auto source = static_cast<e_OrvAccessImuSelect>(selector);
+    return delivering(delivered, [&](bool* flag) { return handle->getImuData(source, flag, data); });
 }
 
 int OrvAccess_getImuDataLatest(OrvAccess* handle, int* delivered, s_OrvAccessImuData* data) {
@@ -296,15 +342,22 @@ int OrvAccess_getStreaming(OrvAccess* handle) {
 int OrvAccess_transactImu(OrvAccess* handle, e_OrvAccessImuSelect imu, unsigned char* transmit,
                           unsigned long transmitLength, unsigned char* receive, unsigned long receiveCapacity,
                           unsigned int timeout, unsigned long* receivedLength) {
+    // 1 selects the second channel and any other value the first, as it
+    // always has; only the value handed on must be one the enumeration holds.
+    const e_OrvAccessImuSelect channel =
+        bitsOf(imu) == ORVACCESS_IMU_CAMERA ? ORVACCESS_IMU_CAMERA : ORVACCESS_IMU_PLATFORM;
     return status([&] {
-        return handle->transactImu(imu, transmit, transmitLength, receive, receiveCapacity, timeout,
+        return handle->transactImu(channel, transmit, transmitLength, receive, receiveCapacity, timeout,
                                    receivedLength);
     });
 }
 
 int OrvAccess_getFile(OrvAccess* handle, const char* remoteName, e_OrvAccessFileLoc location,
                       const char* localPath) {
-    return status([&] { return handle->getFile(std::string(remoteName), location, std::string(localPath)); });
+    // The location travels as one byte: its low byte is all that would go out.
+    const auto locationByte = static_cast<e_OrvAccessFileLoc>(bitsOf(location) & 0xFFu);
+    return status(
+        [&] { return handle->getFile(std::string(remoteName), locationByte, std::string(localPath)); });
 }
 
 // ---- images -----------------------------------------------------------------------
@@ -320,7 +373,14 @@ int OrvAccess_getImage(OrvAccess* handle, int* percent, e_OrvAccessImageFormat* 
 
 int OrvAccess_getImageInfo(OrvAccess* handle, e_OrvAccessImageFormat format, unsigned long* size, int* width,
                            int* height, int* bytesPerPixel) {
-    return status([&] { return handle->getImageInfo(format, size, width, height, bytesPerPixel); });
+    const auto code = bitsOf(format);
+    if (code >= kImageFormatValues) {
+        // An illegal code reports the geometry of format 10 all the same.
+        status([&] { return handle->getImageInfo(ORVACCESS_IMG_640x480_1, size, width, height, bytesPerPixel); });
+        return refused(handle, "Illegal image format (" + std::to_string(code) + ")");
+    }
+    const auto legalOrNot = static_cast<e_OrvAccessImageFormat>(code);
+    return status([&] { return handle->getImageInfo(legalOrNot, size, width, height, bytesPerPixel); });
 }
 
 // ---- the library clock --------------------------------------------------------------

@@ -188,9 +188,23 @@ bool OrvAccess::getImage(int* percent, ImageFormat* format, unsigned int* sequen
         s.lastError = "Error accessing shared memory";
         return false;
     }
-    // Every read below stays inside the mapping, whatever the producer wrote.
+    // Every read below stays inside the mapping, whatever the producer wrote,
+    // and inside what is left of the region: a producer may have cut it
+    // short since it was mapped, and the pages past its end raise SIGBUS.
     const size_t mapped = mem.size();
-    if (mapped <= kRegionReady || region[kRegionReady] != 1) {
+    const size_t present = mem.currentSize();
+    const auto setTruncated = [&] {
+        char text[96];
+        std::snprintf(text, sizeof text, "Shared memory region truncated to %zu bytes (%zu mapped)", present,
+                      mapped);
+        s.lastError.assign(text);
+    };
+    if (present <= kRegionReady) {
+        mem.release();
+        setTruncated();
+        return false;
+    }
+    if (region[kRegionReady] != 1) {
         mem.release();
         return true;
     }
@@ -198,6 +212,8 @@ bool OrvAccess::getImage(int* percent, ImageFormat* format, unsigned int* sequen
     bool ok = false;
     if (mapped < kRegionPixels) {
         s.lastError = "Incorrect image format";
+    } else if (present < kRegionPixels) {
+        setTruncated();
     } else {
         const unsigned char code = region[kRegionFormat];
         *sequenceId = OrvosiUtil::word32(region + kRegionSeqId);
@@ -207,6 +223,8 @@ bool OrvAccess::getImage(int* percent, ImageFormat* format, unsigned int* sequen
             size > mapped - kRegionPixels) {
             // An illegal code, or a region too small for the image it announces.
             s.lastError = "Incorrect image format";
+        } else if (size > present - kRegionPixels) {
+            setTruncated();
         } else if (size > capacity) {
             setTooSmall(s.lastError, size);
         } else {

@@ -113,6 +113,12 @@ void LiveView::draw(const Monitor& m) {
     const Monitor::StatusView& st = m.status();
     line(y, "connected  %s", connectionNames(st.connections).c_str());
     line(y, "receiving  %s", receivedNames(st.received).c_str());
+    // Unacknowledged, the getters still succeed: this line is all that tells.
+    const bool unacknowledged = m.streaming().lastFailed;
+    if (unacknowledged) attron(A_BOLD);
+    line(y, "streaming  %s%s", m.streamingText().c_str(),
+         unacknowledged ? "; nothing that orvRx streams will arrive" : "");
+    if (unacknowledged) attroff(A_BOLD);
     if (m.hasDiag()) {
         const s_OrvAccessDiagData& d = m.lastDiag();
         line(y, "diagnostic state %u (status word %u)  error bytes %u %u %u %u", d.state, st.diagState, d.errorCodes[0],

@@ -21,6 +21,7 @@ constexpr int64_t kTruthRetainUs = 4000000;
 constexpr size_t kPendingCapacity = 4096;
 
 // Status bits, in the order of the header.
+constexpr uint32_t kConnTcp = ORVACCESS_CONN_TCP;
 constexpr uint32_t kRecvImage = ORVACCESS_RECV_IMAGE;
 constexpr uint32_t kRecvSharedMem = ORVACCESS_RECV_SHARED_MEM;
 
@@ -101,8 +102,8 @@ const char* Monitor::callName(Call c) {
         "getTrackingDataAtTime", "getTrackingDataLatest", "getImuData",       "getAuxData",
         "getDiagData",           "getTargetData",         "getPlatformPoseData", "getGpsData",
         "getTargetResData",      "getPoseRecoveryStats",  "getFeatureData",   "getHubData",
-        "getImage",              "getImageInfo",          "getStatus",        "setPlatformPoseData",
-        "setGpsData",            "sendInputData"};
+        "getImage",              "getImageInfo",          "getStatus",        "setStreaming",
+        "setPlatformPoseData",   "setGpsData",            "sendInputData"};
     return names[c];
 }
 
@@ -144,8 +145,12 @@ void Monitor::poll(uint64_t nowUs) {
         started_ = true;
         startUs_ = nextImageUs_ = nextStatusUs_ = nextPlatUs_ = nextGpsUs_ = nextInputUs_ = nowUs;
         snapshot(nowUs);
+        readStatus();  // whether there is a command channel, before any getter
     }
     lastUs_ = nowUs;
+    // Only the command channel carries the request; without it the library
+    // does not ask either.
+    if ((status_.connections & kConnTcp) && !access_.getStreaming()) requestStreaming();
     pollTracking(nowUs);
     pollQueues();
     pollErrors(nowUs);
@@ -167,6 +172,27 @@ void Monitor::finish() {
         pollErrors(now);
         OrvosiUtil_snoozeMs(1);
     }
+}
+
+void Monitor::requestStreaming() {
+    ++streaming_.requests;
+    streaming_.lastFailed = !access_.setStreaming(true);
+    if (!streaming_.lastFailed) {
+        ++streaming_.acknowledged;
+        return;
+    }
+    // The library now believes streaming is on and does not ask again until
+    // orvRx reports that it stopped: this is the one chance to say so.
+    fail(cSetStreaming);
+    streaming_.reason = access_.getLastError();
+}
+
+std::string Monitor::streamingText() const {
+    if (streaming_.requests == 0) return "not requested";
+    if (!streaming_.lastFailed) return "acknowledged";
+    return (streaming_.acknowledged == 0 ? "never acknowledged by orvRx: "
+                                         : "last request not acknowledged by orvRx: ") +
+           streaming_.reason;
 }
 
 void Monitor::pollTracking(uint64_t nowUs) {
@@ -466,6 +492,7 @@ void Monitor::writeLine(std::ostream& out) const {
             raw_.euler[0] * kRadToDeg);
     if (meter_.predicted().n() > 0) put(out, " pred.err %.3f deg", meter_.predicted().mean());
     if (failures() > 0) put(out, " failures %llu", ull(failures()));
+    if (streaming_.lastFailed) out << " streaming " << streamingText();
     out << '\n';
 }
 
@@ -528,6 +555,10 @@ void Monitor::writeSummary(std::ostream& out) const {
     put(out, "status     diag-state %u\n", status_.diagState);
     put(out, "status     diag-record state %u error-bytes %u %u %u %u\n", diag_.state, diag_.errorCodes[0],
         diag_.errorCodes[1], diag_.errorCodes[2], diag_.errorCodes[3]);
+    put(out, "streaming  requests %llu acknowledged %llu state %s\n", ull(streaming_.requests),
+        ull(streaming_.acknowledged), streamingText().c_str());
+    if (streaming_.lastFailed)
+        put(out, "note       the getters succeed without streaming, but nothing that orvRx streams arrives\n");
 
     put(out, "failures   total %llu\n", ull(failures()));
     for (int c = 0; c < kCallCount; ++c)

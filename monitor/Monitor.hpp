@@ -69,6 +69,7 @@ public:
         cImage,
         cImageInfo,
         cStatus,
+        cSetStreaming,
         cSetPlatPose,
         cSetGps,
         cSendInput,
@@ -102,6 +103,15 @@ public:
         uint32_t lastReflected = 0;
         uint64_t distinctReflected = 0;
         uint64_t reflectedSent = 0;
+    };
+    // The monitor asks for streaming itself, before the getters would, so
+    // that an orvRx that never acknowledges shows: the getters go on
+    // succeeding with nothing streamed, and the library says no more.
+    struct StreamingView {
+        uint64_t requests = 0;      // asked while the library believed it stopped
+        uint64_t acknowledged = 0;  // of these, acknowledged by orvRx
+        bool lastFailed = false;    // the newest request went unacknowledged
+        std::string reason;         // the library's last error at that request
     };
     struct CodeCount {
         uint16_t code;
@@ -148,6 +158,10 @@ public:
     const StatusView& status() const { return status_; }
     const ImageView& image() const { return image_; }
     const UplinkView& uplink() const { return uplink_; }
+    const StreamingView& streaming() const { return streaming_; }
+    // "not requested", "acknowledged", "never acknowledged by orvRx: <reason>"
+    // or "last request not acknowledged by orvRx: <reason>".
+    std::string streamingText() const;
 
     const std::vector<CodeCount>& errorCodes() const { return codes_; }
     // The newest first; at most kLastErrors.
@@ -176,6 +190,7 @@ private:
     void pollErrors(uint64_t nowUs);
     void pollImage();
     void readStatus();
+    void requestStreaming();
     void pollUplink(uint64_t nowUs);
     void noteReflected(uint32_t platPoseTime);
     void snapshot(uint64_t nowUs);
@@ -223,6 +238,7 @@ private:
     ImageView image_;
     std::vector<unsigned char> imageBuf_;
 
+    StreamingView streaming_;
     UplinkView uplink_;
     std::array<uint32_t, kSentTags> sentTags_{};
     std::array<bool, kSentTags> sentReflected_{};

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -149,6 +150,12 @@ bool OrvosiSharedMem::open(const char* name) {
     // Without its semaphore the region stays mapped but get() refuses it.
     sem_.reset(new (std::nothrow) OrvosiSemaphore((path + "Sem").c_str()));
     return sem_ != nullptr && sem_->isOk();
+}
+
+size_t OrvosiSharedMem::currentSize() const {
+    struct stat st {};
+    if (map_ == nullptr || fstat(fd_, &st) != 0 || st.st_size <= 0) return 0;
+    return std::min(size_, static_cast<size_t>(st.st_size));
 }
 
 void* OrvosiSharedMem::get() {

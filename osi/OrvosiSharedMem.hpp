@@ -58,6 +58,10 @@ public:
     bool release();
     // Bytes mapped (0 when nothing is mapped): readers must stay inside.
     size_t size() const { return size_; }
+    // Bytes of the mapping still backed by the region now: less than size()
+    // once another process has cut the region short, and touching the pages
+    // past its end raises SIGBUS. 0 when nothing is mapped.
+    size_t currentSize() const;
 
     bool create(const char* name, unsigned int size);
     bool open(const char* name);

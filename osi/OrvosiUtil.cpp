@@ -11,8 +11,10 @@
 // ---- time ------------------------------------------------------------------
 
 int OrvosiUtil::snoozeMs(int ms) {
-    // The product is formed in 32 bits, as callers have always relied on.
-    const unsigned int us = static_cast<unsigned int>(ms) * 1000u;
+    // A negative time is no time: as an unsigned product it would be about
+    // 71 minutes. The product is formed in 32 bits, as callers have always
+    // relied on.
+    const unsigned int us = static_cast<unsigned int>(ms < 0 ? 0 : ms) * 1000u;
     return usleep(us);
 }
 

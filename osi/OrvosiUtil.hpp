@@ -16,8 +16,8 @@ public:
     OrvosiUtil() = delete;
 
     // ---- time -------------------------------------------------------------
-    // Sleeps ms milliseconds (ms * 1000 us, computed in 32 bits); returns the
-    // result of the microsecond sleep call.
+    // Sleeps ms milliseconds (ms * 1000 us, computed in 32 bits; a negative
+    // ms sleeps 0); returns the result of the microsecond sleep call.
     static int snoozeMs(int ms);
     // Wall clock in microseconds; the seconds are cut to their low 44 bits.
     static uint64_t getTimeSysUs();

@@ -33,6 +33,8 @@ constexpr uint64_t kMaxBehindUs = 100000;    // further behind than this, skip a
 constexpr size_t kPiecesPerStep = 8;         // image datagrams per step: no bursts
 constexpr uint64_t kInsTimeoutUs = 1000000;  // platform data older than this: stopped
 constexpr size_t kSharedHeader = ORVWIRE_SHM_PIXELS_AT;
+constexpr int kSemaphoreGraceMs = 1000;      // longer than any reader holds the region
+constexpr int kSemaphorePollMs = 5;
 
 // orvCore's codes for the events the simulator reproduces.
 constexpr uint8_t kCoreSequenceSkipped = 8;
@@ -91,6 +93,21 @@ bool resolve(const std::string& host, std::string& dotted, std::string& error) {
     inet_ntop(AF_INET, &a, text, sizeof text);
     dotted = text;
     return true;
+}
+
+// A producer killed while it held the region's semaphore leaves the count at
+// 0, and creating the semaphore again keeps that count: every take would wait
+// for good, the producer's and every reader's. A reader holds the region for
+// one copy only, so a semaphore that nobody gives back within the grace
+// period has lost its holder, and the producer gives back what it left.
+bool reclaimSemaphore(const std::string& regionName) {
+    OrvosiSemaphore sem((regionName + "Sem").c_str());
+    if (!sem.isOk()) return false;
+    for (int waited = 0; waited < kSemaphoreGraceMs; waited += kSemaphorePollMs) {
+        if (sem.trytake()) return sem.give();
+        OrvosiUtil::snoozeMs(kSemaphorePollMs);
+    }
+    return sem.give();
 }
 
 // A moving diagonal test pattern: every byte depends on its pixel and the
@@ -267,7 +284,7 @@ bool Simulator::open() {
     if (!cfg_.sharedMemName.empty()) {
         m.shared.reset(new OrvosiSharedMem(cfg_.sharedMemName.c_str(),
                                            static_cast<unsigned int>(kSharedHeader + imageSize)));
-        if (!m.shared->isOk()) {
+        if (!m.shared->isOk() || !reclaimSemaphore(cfg_.sharedMemName)) {
             lastError_ = "Cannot create the shared-memory image \"" + cfg_.sharedMemName + "\"";
             m.shared.reset();
             return false;

@@ -131,7 +131,9 @@ public:
     Simulator& operator=(const Simulator&) = delete;
 
     // Opens the command server, the uplink receiver, one sender per port
-    // and the shared-memory region. False with lastError() set.
+    // and the shared-memory region. A region semaphore that a killed
+    // producer left taken is given back after a second's grace. False with
+    // lastError() set.
     bool open();
     // Serves commands and the uplink, then sends everything due by nowUs.
     void step(uint64_t nowUs);

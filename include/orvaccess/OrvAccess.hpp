@@ -175,6 +175,9 @@ private:
     // What switching streaming on or off resets, in one place.
     void resetStreamState();
 
+    // The C wrappers' way to the state, for the refusals they make themselves.
+    friend struct OrvAccessWrapperAccess;
+
     // Service (unless switched to manual), then pop the oldest record.
     template <typename T, typename Queue>
     bool popRecord(Queue& queue, bool* valid, T* out);

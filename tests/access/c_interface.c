@@ -45,11 +45,15 @@ int main(void) {
     char ini[64];
     char text[64];
     FILE* f;
-    int port, delivered;
+    char area[8];
+    int port, delivered, width, height, bytesPerPixel;
+    unsigned long size, got;
+    unsigned char tx[1] = {0}, rx[4];
     OrvAccess* h;
     s_OrvAccessStatus status;
     s_OrvAccessTrkData trk;
     s_OrvAccessErrorCode code;
+    s_OrvAccessImuData imu;
 
     port = freeUdpPort();
     if (port == 0 || mkdtemp(dir) == NULL) {
@@ -87,9 +91,36 @@ int main(void) {
     code.code = 99;
     code.value = 7;
     check(OrvAccess_getErrorCode(h, &code) == 0 && code.code == 0, "getErrorCode on an empty queue");
-    check(strcmp(OrvAccess_getErrorMessage(h, text, sizeof text, 0x302), "[ORVACCESS] ERROR: Bad tracking packet") == 0,
+    check(strcmp(OrvAccess_getErrorMessage(h, text, sizeof text, ORVACCESS_ERR_BAD_TRACKING_PKT), "[ORVACCESS] ERROR: Bad tracking packet") == 0,
           "getErrorMessage");
     check(OrvAccess_getImageBufSize(h) == 0x400000u, "getImageBufSize default");
+
+    /* Values that C passes freely but the library's enumerations cannot hold
+     * (sanitized builds stop at once on such a value reaching C++). */
+    check(OrvAccess_getImageInfo(h, (e_OrvAccessImageFormat)13, &size, &width, &height, &bytesPerPixel) == 0 &&
+              strcmp(OrvAccess_getLastError(h, text, sizeof text), "Illegal image format (13)") == 0,
+          "getImageInfo of an illegal code the enumeration holds");
+    size = 0;
+    width = height = bytesPerPixel = 0;
+    check(OrvAccess_getImageInfo(h, (e_OrvAccessImageFormat)200, &size, &width, &height, &bytesPerPixel) == 0 &&
+              size == 307200 && width == 640 && height == 480 && bytesPerPixel == 1 &&
+              strcmp(OrvAccess_getLastError(h, text, sizeof text), "Illegal image format (200)") == 0,
+          "getImageInfo refuses format 200 with the geometry and text of an illegal code");
+    delivered = 42;
+    check(OrvAccess_getImuData(h, (e_OrvAccessImuSelect)2, &delivered, &imu) == 0 && delivered == 0,
+          "getImuData refuses selector 2");
+    check(strcmp(OrvAccess_getLastError(h, text, sizeof text), "Invalid source IMU selector") == 0,
+          "a refused selector says why");
+    check(OrvAccess_transactImu(h, (e_OrvAccessImuSelect)2, tx, 1, rx, sizeof rx, 1, &got) == 0 &&
+              strcmp(OrvAccess_getLastError(h, text, sizeof text), "TCP not open") == 0,
+          "transactImu takes selector 2 for the first channel");
+    check(OrvAccess_getFile(h, "remote", (e_OrvAccessFileLoc)300, "local") == 0, "getFile with location 300");
+
+    /* A buffer of no bytes is left alone; a caller may want the code only. */
+    memset(area, 'x', sizeof area);
+    check(OrvAccess_getErrorMessage(h, area + 4, 0, ORVACCESS_ERR_BAD_TRACKING_PKT) == area + 4 && area[3] == 'x' && area[4] == 'x',
+          "getErrorMessage with len 0");
+    check(OrvAccess_getErrorCode(h, NULL) == 0, "getErrorCode without a record");
 
     check(OrvAccess_close(h) == 1, "close");
     OrvAccess_destroy(h);

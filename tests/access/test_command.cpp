@@ -8,6 +8,7 @@
 #include <tuple>
 #include <vector>
 
+#include "support/Allocations.hpp"
 #include "support/FakeOrvRx.hpp"
 
 using orvtest::Bytes;
@@ -131,6 +132,33 @@ TEST_F(Command, ImuTransactionFramesAndBoundedCopies) {
     EXPECT_FALSE(access.transactImu(ORVACCESS_IMU_CAMERA, tx, 1, rx, 4, 1, &got));
     EXPECT_EQ(access.getLastError(), "No response from orvRx");
     EXPECT_GE(orvtest::msSince(t0), 1000.0);
+}
+
+TEST_F(Command, ImuSizesAreBoundedByWhatTheFrameCarries) {
+    unsigned char tx[300] = {};
+    unsigned char rx[300];
+    unsigned long got = 0;
+    // A claimed capacity of 1 GiB buys nothing: at most 255 bytes come back.
+    orvtest::startCountingAllocations();
+    const bool ok = access.transactImu(ORVACCESS_IMU_CAMERA, tx, 1, rx, 1ul << 30, 1, &got);
+    orvtest::stopCountingAllocations();
+    ASSERT_TRUE(ok) << access.getLastError();
+    EXPECT_EQ(got, 255u);
+    EXPECT_LT(orvtest::largestAllocation(), 4096u);
+
+    // 255 transmit bytes are the most the length byte can announce.
+    ASSERT_TRUE(access.transactImu(ORVACCESS_IMU_CAMERA, tx, 255, rx, 4, 1, &got)) << access.getLastError();
+    const Bytes longest = fake.last();
+    EXPECT_EQ(longest.size(), 262u);
+    EXPECT_EQ(longest[3], 255);
+    for (unsigned long length : {256ul, 300ul}) {
+        got = 7;
+        EXPECT_FALSE(access.transactImu(ORVACCESS_IMU_CAMERA, tx, length, rx, 4, 1, &got));
+        EXPECT_EQ(access.getLastError(),
+                  "IMU transmit length too long (" + std::to_string(length) + " bytes, at most 255)");
+        EXPECT_EQ(got, 7u);
+    }
+    EXPECT_EQ(fake.last(), longest) << "nothing sent for a length the frame cannot carry";
 }
 
 TEST_F(Command, StaleInputIsFlushedTrafficIsDumpedAndLostConnectionsReported) {

@@ -1,6 +1,7 @@
 // Camera images against real peers: pieces sent over UDP on 127.0.0.1 and
 // reassembled by an open object, and images published in real shared memory
 // with the library's own region class.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -278,4 +279,37 @@ TEST_F(Images, SharedImagesComeAfterUdpAndBadOnesAreDropped) {
     expectImage(82, 10, shm);
     sendRange(83, 10, udp, 0, 180000);  // with the region empty, progress still shows
     EXPECT_EQ(fetch(out), (Fetched{true, 58, 0, 0}));
+}
+
+TEST_F(Images, ARegionCutShortAfterMappingIsRefusedWithoutTouchingIt) {
+    // The producer shrinks its region below what the library mapped: the
+    // pages past the new end would raise SIGBUS if the copy touched them.
+    const size_t mapped = 400000;
+    OrvosiSharedMem mem(region.c_str(), static_cast<unsigned int>(mapped));
+    ASSERT_TRUE(mem.isOk());
+    openImages();
+    const auto cutTo = [&](off_t bytes) {
+        const int fd = shm_open(("/" + region).c_str(), O_RDWR, 0);
+        ASSERT_GE(fd, 0);
+        EXPECT_EQ(ftruncate(fd, bytes), 0);
+        close(fd);
+    };
+    Bytes out(kSize10, 0xEE);
+    publish(mem, 5, 10, Bytes(kSize10, 1));
+    cutTo(4096);
+    EXPECT_EQ(fetch(out), (Fetched{false, 0, 10, 5}));
+    EXPECT_EQ(access.getLastError(), "Shared memory region truncated to 4096 bytes (400000 mapped)");
+    EXPECT_EQ(readyFlag(mem), 0) << "the image is dropped";
+    EXPECT_EQ(out[0], 0xEE);
+
+    // Not even the ready flag is left to read.
+    cutTo(0);
+    EXPECT_EQ(fetch(out), (Fetched{false, 0, 0, 0}));
+    EXPECT_EQ(access.getLastError(), "Shared memory region truncated to 0 bytes (400000 mapped)");
+
+    // Grown back, the same mapping serves again.
+    cutTo(static_cast<off_t>(mapped));
+    const Bytes image = randomBytes(kSize10, 91);
+    publish(mem, 6, 10, image);
+    expectImage(6, 10, image);
 }

@@ -12,6 +12,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "Attitude.hpp"
 #include "Monitor.hpp"
@@ -354,4 +355,97 @@ TEST_F(MonitorLive, RatesCoverTheLastSecondOnly) {
     m.writeLine(line);
     EXPECT_TRUE(std::regex_match(line.str(), std::regex("t=[0-9]+s track 0/s imu 0/s .* errors 6\n")))
         << line.str();
+}
+
+// ---- streaming, asked for over a real command channel ------------------------------------
+
+namespace {
+
+// orvRx's command port on 127.0.0.1. Silent, it only listens: the kernel
+// completes the connection, nobody reads a frame, nothing answers. Answering,
+// it acknowledges every frame as a register write.
+class CommandPort {
+public:
+    explicit CommandPort(bool answer) : port_(orvtest::findFreePort()), fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+        const sockaddr_in a = orvtest::loopback(port_);
+        ok_ = bind(fd_, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0 && listen(fd_, 1) == 0;
+        if (ok_ && answer) thread_ = std::thread([this] { acknowledge(); });
+    }
+    ~CommandPort() {
+        shutdown(fd_, SHUT_RDWR);  // ends a blocked accept
+        if (thread_.joinable()) thread_.join();
+        ::close(fd_);
+    }
+    bool ok() const { return ok_; }
+    std::string ini() const {
+        const int ports[5] = {0, 0, orvtest::findFreePort(), 0, 0};
+        return orvtest::receiverIni(ports, "tcpOrvRxEnabled = 1\ntcpOrvRxAddr = 127.0.0.1\ntcpOrvRxPort = " +
+                                               std::to_string(port_) + "\n");
+    }
+
+private:
+    void acknowledge() {
+        const int client = accept(fd_, nullptr, nullptr);
+        if (client < 0) return;
+        unsigned char frame[256];
+        const unsigned char ack = 0xC4;
+        while (recv(client, frame, sizeof frame, 0) > 0) send(client, &ack, 1, MSG_NOSIGNAL);
+        ::close(client);
+    }
+
+    int port_;
+    int fd_;
+    bool ok_ = false;
+    std::thread thread_;
+};
+
+std::string summaryOf(const Monitor& m) {
+    std::ostringstream out;
+    m.writeSummary(out);
+    return out.str();
+}
+
+// Opens an access object whose command port answers or not, polls a monitor
+// of it for 100 ms on its clock, and hands the monitor to `check`.
+template <typename Check>
+void watch(bool answer, const std::string& iniPath, Check&& check) {
+    CommandPort port(answer);
+    ASSERT_TRUE(port.ok());
+    std::ofstream(iniPath) << port.ini();
+    OrvAccess access;
+    access.setIniPath(iniPath);
+    ASSERT_TRUE(access.open()) << access.getLastError();
+    Monitor m(access, {});
+    for (uint64_t t = 1000000; t < 1100000; t += 10000) m.poll(t);
+    check(m);
+}
+
+}  // namespace
+
+TEST(MonitorStreaming, SaysWhenOrvRxNeverAcknowledgesStreaming) {
+    const std::string dir = tempDir();
+    watch(false, dir + "/silent.ini", [](const Monitor& m) {
+        // Asked once: the library believes in streaming from then on, and
+        // its getters go on succeeding with nothing streamed.
+        EXPECT_EQ(m.streaming().requests, 1u);
+        EXPECT_EQ(m.failures(Monitor::cSetStreaming), 1u);
+        EXPECT_EQ(m.failures(), 1u) << m.lastFailure();
+        const std::string text = summaryOf(m);
+        EXPECT_NE(text.find("\nstreaming  requests 1 acknowledged 0 state never acknowledged by orvRx: "
+                            "Failed to set streaming state\n"),
+                  std::string::npos)
+            << text;
+        EXPECT_NE(text.find("\nfailures   total 1\n"), std::string::npos) << text;
+        std::ostringstream line;
+        m.writeLine(line);
+        EXPECT_NE(line.str().find(" streaming never acknowledged by orvRx: Failed to set streaming state\n"),
+                  std::string::npos)
+            << line.str();
+    });
+    watch(true, dir + "/answering.ini", [](const Monitor& m) {
+        EXPECT_EQ(m.failures(), 0u) << m.lastFailure();
+        EXPECT_NE(summaryOf(m).find("\nstreaming  requests 1 acknowledged 1 state acknowledged\n"), std::string::npos)
+            << summaryOf(m);
+    });
+    std::filesystem::remove_all(dir);
 }

@@ -1,15 +1,19 @@
 // Clocks, sleeping, system error texts, file tests and the working and
 // executable paths.
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <string>
 
+#include "orvaccess/orvaccess.h"
 #include "osi/OrvosiUtil.hpp"
 #include "support/TestSupport.hpp"
 
@@ -31,6 +35,26 @@ TEST(OsiUtil, SnoozeAndClocks) {
     EXPECT_LE(ms, static_cast<double>(after) / 1000.0);
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     EXPECT_NEAR(static_cast<double>(after), (std::chrono::duration<double, std::micro>(now).count()), 1e6);
+}
+
+TEST(OsiUtil, NegativeSnoozeReturnsAtOnce) {
+    // As an unsigned microsecond count, -1 ms was about 71 minutes. A
+    // repeating alarm cuts any such sleep short, so that a regression fails
+    // here instead of hanging.
+    struct sigaction quiet {}, saved{};
+    quiet.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGALRM, &quiet, &saved), 0);
+    const itimerval watchdog{{0, 200000}, {0, 200000}}, off{};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &watchdog, nullptr), 0);
+    const auto t0 = std::chrono::steady_clock::now();
+    const int result = U::snoozeMs(-1);
+    OrvosiUtil_snoozeMs(-1);  // the exported form
+    OrvosiUtil_snoozeMs(INT_MIN);
+    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - t0;
+    setitimer(ITIMER_REAL, &off, nullptr);
+    sigaction(SIGALRM, &saved, nullptr);
+    EXPECT_EQ(result, 0);
+    EXPECT_LT(took.count(), 100.0);
 }
 
 TEST(OsiUtil, FilesDirectoriesAndSystemTexts) {

@@ -11,15 +11,22 @@
 namespace {
 std::atomic<bool> gCounting{false};
 std::atomic<long> gAllocations{0};
+std::atomic<std::size_t> gLargest{0};
 
 void* counted(std::size_t n) noexcept {
-    if (gCounting) ++gAllocations;
+    if (gCounting) {
+        ++gAllocations;
+        std::size_t largest = gLargest;
+        while (n > largest && !gLargest.compare_exchange_weak(largest, n)) {
+        }
+    }
     return std::malloc(n != 0 ? n : 1);
 }
 }  // namespace
 
 void orvtest::startCountingAllocations() {
     gAllocations = 0;
+    gLargest = 0;
     gCounting = true;
 }
 
@@ -27,6 +34,8 @@ long orvtest::stopCountingAllocations() {
     gCounting = false;
     return gAllocations.load();
 }
+
+std::size_t orvtest::largestAllocation() { return gLargest.load(); }
 
 [[gnu::noinline]] void* operator new(std::size_t n) {
     if (void* p = counted(n)) return p;
