@@ -66,6 +66,7 @@ void OrvAccess::State::closeEndpoints() {
     core.close();
     hub.close();
     nft.close();
+    for (ReadAhead& a : ahead) a.clear();
 }
 
 void OrvAccess::State::addErrorCode(unsigned short code, unsigned int value) {

@@ -21,8 +21,29 @@
 // configurable queues have by default.
 constexpr uint32_t kHubQueueSize = 10000;
 
-// Largest datagram any port can deliver; one buffer serves every port.
+// Largest datagram any port can deliver, and what parsers may reach for.
 constexpr size_t kReceiveBufferSize = 65535;
+
+// Datagrams read from one endpoint in one system call and handed to the
+// service loop one per pass, so that a burst costs one read per batch, not
+// one per datagram, and the dispatch order stays one per endpoint per pass.
+// Every slot holds the largest datagram whole; the storage is allocated
+// with the endpoint and only the pages datagrams land on are ever touched.
+struct ReadAhead {
+    static constexpr size_t kSlots = 16;
+    std::unique_ptr<unsigned char[]> storage;
+    size_t sizes[kSlots] = {};
+    size_t count = 0;  // datagrams in the slots
+    size_t next = 0;   // the next one to hand out
+
+    bool empty() const { return next == count; }
+    void clear() { count = next = 0; }
+    // Room for a batch, made once for the object's life.
+    void reserve() {
+        if (!storage) storage.reset(new unsigned char[kSlots * kReceiveBufferSize]);
+    }
+    unsigned char* slot(size_t i) const { return storage.get() + i * kReceiveBufferSize; }
+};
 
 struct OrvAccess::State {
     State();
@@ -101,10 +122,11 @@ struct OrvAccess::State {
     // Display-time prediction and clock alignment.
     PredictionState vs;
 
-    // The one receive buffer shared by every port. Parsers see a datagram
-    // through its real size (OrvosiBytes), so what an earlier, longer
-    // datagram left here is never read.
-    unsigned char rx[kReceiveBufferSize];
+    // Datagrams read ahead, per endpoint in the service loop's order
+    // (meta, image, orvCore, orvHub, NFT). Parsers see each through its real
+    // size (OrvosiBytes), so what an earlier, longer datagram left in a slot
+    // is never read.
+    ReadAhead ahead[5];
 
     // The meta packet being parsed, for its IMU subpacket.
     uint32_t metaTag = 0;
@@ -114,6 +136,8 @@ struct OrvAccess::State {
     void applyQueueBounds();
     // Closes the TCP client, the uplink sender and the five receivers, in that order.
     void closeEndpoints();
+    // Empties the read-ahead slots, and makes room for those of the open receivers.
+    void prepareReadAhead();
     // Empties every record queue and the error-code queue.
     void clearQueues();
     // Queues one error code and raises the new-error flag of the status.

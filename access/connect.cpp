@@ -70,6 +70,7 @@ bool OrvAccess::open() {
     s.nftOpen = openReceiver(s.nft, c.udpNftPort != "0", c.udpNftPort, c.udpNftRcvBufSize, " for NFT data",
                              "UDP NFT data port (udpNftPort) disabled by user", v);
 
+    s.prepareReadAhead();
     if (s.tcpOpen) {
         s.isOpen = true;
         // Believe streaming is on so that the stop command really goes out:

@@ -117,12 +117,15 @@ void reportOverrun(OrvAccess::State& s, const Family& f, uint32_t tag) {
 
 }  // namespace orvwire
 
-// Readiness: every pass starts with one poll() over the open sockets, and only
-// the sockets it reports get a recvfrom(). A datagram pending when a pass
-// starts is thus read in that pass, exactly as if every socket were read, and
-// a quiet socket costs nothing beyond its slot in the poll. Reading one busy
-// socket until it runs dry on a single poll would be cheaper still, but would
-// keep the other ports waiting behind it for as long as it keeps delivering.
+// Readiness and reading ahead. When no endpoint holds datagrams read ahead,
+// one poll() over the open sockets says which have any; each of those is
+// read, in its turn within the pass, with one recvmmsg() for up to a batch.
+// Every pass then hands on one datagram per endpoint that holds one, in the
+// fixed order, until a pass hands on nothing. Everything pending when the
+// call starts is thus dispatched in exactly the order of one read per
+// endpoint per pass, at one poll and one read per batch instead of one per
+// datagram; a datagram that arrives on a quiet port during a burst waits at
+// most a batch behind the busy one.
 bool OrvAccess::serviceUdp(bool startStreaming) {
     State& s = *st_;
     if (!s.isOpen) {
@@ -132,6 +135,7 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     const uint32_t rxStateBefore = s.rxState;
     if (startStreaming) setStreaming(true);
 
+    static_assert(sizeof s.ahead / sizeof s.ahead[0] == orvwire::kPortCount, "one read-ahead per endpoint");
     pollfd fds[orvwire::kPortCount];
     Port ids[orvwire::kPortCount];
     nfds_t count = 0;
@@ -142,30 +146,58 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
         ++count;
     }
 
+    // A call reads one datagram from an endpoint first, with a plain read,
+    // and whole batches when it comes back to it: a lone datagram costs what
+    // it always did (a batch read costs one more attempt in the kernel,
+    // whatever its size), a burst goes by batches from its second datagram on.
+    size_t batch[orvwire::kPortCount] = {1, 1, 1, 1, 1};
     bool ok = true;
-    for (bool received = true; received && ok;) {
-        received = false;
-        // Should poll itself fail, every open socket is read, as without it.
-        const int ready = count > 0 ? ::poll(fds, count, 0) : 0;
-        if (ready == 0) break;
+    for (bool dispatched = true; dispatched && ok;) {
+        dispatched = false;
+        bool holding = false;
+        for (nfds_t i = 0; i < count; ++i) holding = holding || !s.ahead[ids[i]].empty();
+        int ready = 0;
+        if (!holding) {
+            // Should poll itself fail, every open socket is read, as without it.
+            ready = count > 0 ? ::poll(fds, count, 0) : 0;
+            if (ready == 0) break;
+        }
         for (nfds_t i = 0; i < count; ++i) {
-            if (ready > 0 && fds[i].revents == 0) continue;
-            const Endpoint& port = kEndpoints[ids[i]];
-            OrvosiUdpClient& endpoint = s.*(port.endpoint);
-            int n = 0;
-            if (!endpoint.read(reinterpret_cast<char*>(s.rx), kReceiveBufferSize, &n)) {
-                s.lastError = port.readErrorLabel;
-                s.lastError += endpoint.getLastError();
-                ok = false;
-                break;
+            ReadAhead& ahead = s.ahead[ids[i]];
+            if (ahead.empty()) {
+                if (holding || (ready > 0 && fds[i].revents == 0)) continue;
+                const Endpoint& port = kEndpoints[ids[i]];
+                OrvosiUdpClient& endpoint = s.*(port.endpoint);
+                ahead.clear();
+                size_t& want = batch[ids[i]];
+                bool read = true;
+                if (want == 1) {
+                    int n = 0;
+                    read = endpoint.read(reinterpret_cast<char*>(ahead.slot(0)), kReceiveBufferSize, &n);
+                    ahead.sizes[0] = n > 0 ? static_cast<size_t>(n) : 0;
+                    ahead.count = n > 0 ? 1 : 0;
+                } else {
+                    read =
+                        endpoint.readMany(ahead.slot(0), kReceiveBufferSize, want, ahead.sizes, &ahead.count);
+                }
+                want = ReadAhead::kSlots;
+                if (!read) {
+                    s.lastError = port.readErrorLabel;
+                    s.lastError += endpoint.getLastError();
+                    ok = false;
+                    break;
+                }
+                if (ahead.empty()) continue;
             }
-            if (n <= 0) continue;
-            const Family* family = findFamily(ids[i], s.rx[0]);
+            const unsigned char* data = ahead.slot(ahead.next);
+            const size_t n = ahead.sizes[ahead.next++];
+            if (n == 0) continue;
+            const Family* family = findFamily(ids[i], data[0]);
             if (family == nullptr) continue;  // dropped unseen, and not counted
-            received = true;
+            dispatched = true;
             // Past the datagram's end a parser reads zeros, never what an
-            // earlier datagram left in the buffer.
-            orvwire::handle(s, *family, OrvosiBytes{s.rx, static_cast<size_t>(n), kReceiveBufferSize});
+            // earlier datagram left in the slot.
+            orvwire::handle(s, *family, OrvosiBytes{data, n, kReceiveBufferSize});
         }
     }
 
@@ -175,11 +207,19 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     return ok;
 }
 
+void OrvAccess::State::prepareReadAhead() {
+    for (int p = 0; p < orvwire::kPortCount; ++p) {
+        ahead[p].clear();
+        if (this->*(kEndpoints[p].open)) ahead[p].reserve();
+    }
+}
+
 // The hub port is left alone: hub packets survive a flush.
 void OrvAccess::flushUdp() {
     State& s = *st_;
-    if (s.metaOpen) s.meta.flush();
-    if (s.imageOpen) s.image.flush();
-    if (s.coreOpen) s.core.flush();
-    if (s.nftOpen) s.nft.flush();
+    for (Port p : {orvwire::kMetaPort, orvwire::kImagePort, orvwire::kCorePort, orvwire::kNftPort}) {
+        if (!(s.*(kEndpoints[p].open))) continue;
+        s.ahead[p].clear();
+        (s.*(kEndpoints[p].endpoint)).flush();
+    }
 }

@@ -128,6 +128,28 @@ bool OrvosiUdpClient::read(char* buffer, size_t capacity, int* received) {
     return OrvosiUtil::failWithSystemText(lastError_, "Read failed...");
 }
 
+bool OrvosiUdpClient::readMany(unsigned char* base, size_t stride, size_t count, size_t* sizes,
+                               size_t* received) {
+    *received = 0;
+    if (count > kMaxBatch) count = kMaxBatch;
+    mmsghdr messages[kMaxBatch];
+    iovec pieces[kMaxBatch];
+    for (size_t i = 0; i < count; ++i) {
+        pieces[i] = iovec{base + i * stride, stride};
+        messages[i] = mmsghdr{};
+        messages[i].msg_hdr.msg_iov = &pieces[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int n = recvmmsg(fd_, messages, static_cast<unsigned int>(count), MSG_DONTWAIT, nullptr);
+    if (n < 0) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
+        return OrvosiUtil::failWithSystemText(lastError_, "Read failed...");
+    }
+    for (int i = 0; i < n; ++i) sizes[i] = messages[i].msg_len;
+    *received = static_cast<size_t>(n);
+    return true;
+}
+
 bool OrvosiUdpClient::flush() {
     return orvosiDrainSocket(fd_, lastError_,
                              [this](char* buf, size_t cap, int* n) { return read(buf, cap, n); });

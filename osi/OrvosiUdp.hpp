@@ -22,6 +22,12 @@ public:
     // At most one datagram. True with *received 0 means nothing is waiting;
     // false is a real socket error.
     bool read(char* buffer, size_t capacity, int* received);
+    // Up to `count` datagrams (at most kMaxBatch) in one system call, the
+    // i-th into base + i * stride, at most stride bytes; their sizes go to
+    // sizes[i]. True with *received 0 means nothing is waiting; false is a
+    // real socket error (datagrams read before it are reported by the call).
+    static constexpr size_t kMaxBatch = 64;
+    bool readMany(unsigned char* base, size_t stride, size_t count, size_t* sizes, size_t* received);
     // Discards every datagram already queued.
     bool flush();
     int close();

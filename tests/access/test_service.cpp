@@ -3,6 +3,8 @@
 // path that does not allocate.
 #include <poll.h>
 
+#include <sstream>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -110,11 +112,43 @@ TEST_F(Service, OneCallDrainsEveryPortRoundRobinAndDumpsBeforeTheCheck) {
     EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_META_PKT, 0}}));
 }
 
+// More datagrams than one read takes, on three ports at once: one per port
+// per pass, in the fixed order, as if every pass read every socket.
+TEST_F(Service, DatagramsBeyondOneBatchKeepTheRoundRobinOrder) {
+    std::string want;
+    for (size_t k = 0; k < 40; ++k) {
+        if (k < 21) send(kMeta, frame(ORVWIRE_START_META, 100 + k));
+        send(kCore, frame(ORVWIRE_START_TRACKING, 400 + k));
+        if (k < 3) send(kHub, frame(ORVWIRE_START_HUB_DATA, 200 + k));
+    }
+    for (size_t k = 0; k < 40; ++k) {
+        if (k < 21) want += "ORVAINFO: Received orvRx meta packet, size " + std::to_string(100 + k) + "\n";
+        want += "ORVAINFO: Received orvCore packet, size " + std::to_string(400 + k) + "\n";
+        if (k < 3) want += "ORVAINFO: Received orvHub packet, size " + std::to_string(200 + k) + "\n";
+    }
+    access.setVerbosity(ORVACCESS_VERB_INFO);
+    CapturedStdout out;
+    EXPECT_TRUE(access.serviceUdp(false));
+    // The datagrams' own lines, without those their parsers add.
+    std::istringstream lines(out.text());
+    std::string got;
+    for (std::string line; std::getline(lines, line);)
+        if (line.find(", size ") != std::string::npos) got += line + "\n";
+    EXPECT_EQ(got, want);
+}
+
 TEST_F(Service, FlushKeepsOnlyHubPacketsAndAClosedObjectRefuses) {
     send(kHub, frame(11, 64));
     send(kCore, frame(10, 332));
     access.flushUdp();
     EXPECT_EQ(received(), 0x20u);
+    // A tracking packet left behind by a call that ended on a dropped kind
+    // is gone after a flush too.
+    send(kCore, frame(9, 30));
+    send(kCore, frame(10, 332));
+    EXPECT_EQ(received(), 0u);
+    access.flushUdp();
+    EXPECT_EQ(received(), 0u);
 
     access.close();
     access.setVerbosity(0x4);
