@@ -67,6 +67,7 @@ void OrvAccess::State::closeEndpoints() {
     hub.close();
     nft.close();
     for (ReadAhead& a : ahead) a.clear();
+    readySet.close();
 }
 
 void OrvAccess::State::addErrorCode(unsigned short code, unsigned int value) {

@@ -12,6 +12,7 @@
 #include "access/PredictionState.hpp"
 #include "access/RecordQueue.hpp"
 #include "orvaccess/OrvAccess.hpp"
+#include "osi/OrvosiReadySet.hpp"
 #include "osi/OrvosiSharedMem.hpp"
 #include "osi/OrvosiTcp.hpp"
 #include "osi/OrvosiUdp.hpp"
@@ -127,6 +128,8 @@ struct OrvAccess::State {
     // size (OrvosiBytes), so what an earlier, longer datagram left in a slot
     // is never read.
     ReadAhead ahead[5];
+    // The open receivers' sockets, asked at once which have data.
+    OrvosiReadySet readySet;
 
     // The meta packet being parsed, for its IMU subpacket.
     uint32_t metaTag = 0;

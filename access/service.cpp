@@ -1,6 +1,4 @@
 // The UDP service loop: drain every open port and dispatch each datagram.
-#include <poll.h>
-
 #include <cstddef>
 #include <cstdint>
 
@@ -118,7 +116,7 @@ void reportOverrun(OrvAccess::State& s, const Family& f, uint32_t tag) {
 }  // namespace orvwire
 
 // Readiness and reading ahead. When no endpoint holds datagrams read ahead,
-// one poll() over the open sockets says which have any; each of those is
+// one epoll_wait() on the set of open sockets says which have any; each of those is
 // read, in its turn within the pass, with one recvmmsg() for up to a batch.
 // Every pass then hands on one datagram per endpoint that holds one, in the
 // fixed order, until a pass hands on nothing. Everything pending when the
@@ -136,15 +134,11 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     if (startStreaming) setStreaming(true);
 
     static_assert(sizeof s.ahead / sizeof s.ahead[0] == orvwire::kPortCount, "one read-ahead per endpoint");
-    pollfd fds[orvwire::kPortCount];
+    // The open endpoints in their order, the order of the ready set's members.
     Port ids[orvwire::kPortCount];
-    nfds_t count = 0;
-    for (int p = 0; p < orvwire::kPortCount; ++p) {
-        if (!(s.*(kEndpoints[p].open))) continue;
-        fds[count] = pollfd{(s.*(kEndpoints[p].endpoint)).descriptor(), POLLIN, 0};
-        ids[count] = static_cast<Port>(p);
-        ++count;
-    }
+    size_t count = 0;
+    for (int p = 0; p < orvwire::kPortCount; ++p)
+        if (s.*(kEndpoints[p].open)) ids[count++] = static_cast<Port>(p);
 
     // A call reads one datagram from an endpoint first, with a plain read,
     // and whole batches when it comes back to it: a lone datagram costs what
@@ -155,17 +149,18 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     for (bool dispatched = true; dispatched && ok;) {
         dispatched = false;
         bool holding = false;
-        for (nfds_t i = 0; i < count; ++i) holding = holding || !s.ahead[ids[i]].empty();
+        for (size_t i = 0; i < count; ++i) holding = holding || !s.ahead[ids[i]].empty();
+        bool readyNow[orvwire::kPortCount] = {};
         int ready = 0;
         if (!holding) {
-            // Should poll itself fail, every open socket is read, as without it.
-            ready = count > 0 ? ::poll(fds, count, 0) : 0;
+            // Without a ready set (or should it fail) every open socket is read.
+            ready = count > 0 ? s.readySet.wait(readyNow) : 0;
             if (ready == 0) break;
         }
-        for (nfds_t i = 0; i < count; ++i) {
+        for (size_t i = 0; i < count; ++i) {
             ReadAhead& ahead = s.ahead[ids[i]];
             if (ahead.empty()) {
-                if (holding || (ready > 0 && fds[i].revents == 0)) continue;
+                if (holding || (ready > 0 && !readyNow[i])) continue;
                 const Endpoint& port = kEndpoints[ids[i]];
                 OrvosiUdpClient& endpoint = s.*(port.endpoint);
                 ahead.clear();
@@ -208,10 +203,16 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
 }
 
 void OrvAccess::State::prepareReadAhead() {
+    int fds[orvwire::kPortCount];
+    size_t count = 0;
     for (int p = 0; p < orvwire::kPortCount; ++p) {
         ahead[p].clear();
-        if (this->*(kEndpoints[p].open)) ahead[p].reserve();
+        if (!(this->*(kEndpoints[p].open))) continue;
+        ahead[p].reserve();
+        fds[count++] = (this->*(kEndpoints[p].endpoint)).descriptor();
     }
+    // Without the set the loop still works, reading every socket each pass.
+    if (!readySet.open(fds, count)) OrvUtil::logLine(cfg.verbosity, readySet.getLastError());
 }
 
 // The hub port is left alone: hub packets survive a flush.

@@ -1,0 +1,44 @@
+#include "osi/OrvosiReadySet.hpp"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include "osi/OrvosiUtil.hpp"
+
+bool OrvosiReadySet::open(const int* fds, size_t count) {
+    close();
+    if (count > kMaxMembers) {
+        lastError_ = "Too many descriptors for one ready set";
+        return false;
+    }
+    fd_ = epoll_create1(EPOLL_CLOEXEC);
+    if (fd_ < 0) return OrvosiUtil::failWithSystemText(lastError_, "Failed to create the ready set...");
+    for (size_t i = 0; i < count; ++i) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u32 = static_cast<uint32_t>(i);
+        if (epoll_ctl(fd_, EPOLL_CTL_ADD, fds[i], &event) != 0) {
+            const bool ok = OrvosiUtil::failWithSystemText(lastError_, "Failed to add to the ready set...");
+            close();
+            return ok;
+        }
+    }
+    count_ = count;
+    return true;
+}
+
+void OrvosiReadySet::close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    count_ = 0;
+}
+
+int OrvosiReadySet::wait(bool* ready) {
+    for (size_t i = 0; i < count_; ++i) ready[i] = false;
+    if (fd_ < 0) return -1;
+    epoll_event events[kMaxMembers];
+    const int n = epoll_wait(fd_, events, static_cast<int>(kMaxMembers), 0);
+    if (n < 0) return -1;
+    for (int i = 0; i < n; ++i) ready[events[i].data.u32] = true;
+    return n;
+}
