@@ -47,11 +47,11 @@ void refuse(OrvAccess::State& s, const Family& f, const char* reason) {
     s.addErrorCode(f.badCode, 0);
 }
 
-// An inertial chip packet: the sync byte, a type the chip decoder knows,
+// An inertial chip packet: its sync byte, a type the chip decoder knows,
 // and a zero byte sum over the length that type has.
-bool chipOk(const OrvosiBytes& p) {
+bool chipOk(const Family& f, const OrvosiBytes& p) {
     const unsigned int length = OrvosiUtil::GetBvPacketLength(p.at(1));
-    return p.at(0) == ORVWIRE_CHIP_SYNC && length != 0 && length <= p.reach &&
+    return p.at(0) == f.startByte && length != 0 && length <= p.reach &&
            OrvosiUtil::checksum(p.data, length < p.size ? length : p.size) == 0;
 }
 
@@ -92,7 +92,7 @@ bool handle(OrvAccess::State& s, const Family& f, const OrvosiBytes& packet) {
         }
         passed = OrvUtil::udpPktOk(packet, length, f.startByte);
     } else if (f.check == Check::chip) {
-        passed = chipOk(packet);
+        passed = chipOk(f, packet);
     }
     if (!passed) {
         // A chip packet's line carries no reason.
