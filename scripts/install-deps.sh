@@ -14,6 +14,7 @@ packages=(
   libbenchmark-dev
   libcli11-dev
   libncurses-dev
+  nlohmann-json3-dev
 )
 
 missing=()
