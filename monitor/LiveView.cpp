@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "Monitor.hpp"
+#include "Names.hpp"
 
 namespace orvmon {
 
@@ -111,8 +112,8 @@ void LiveView::draw(const Monitor& m) {
     seq("hub", m.hubSeq());
 
     const Monitor::StatusView& st = m.status();
-    line(y, "connected  %s", connectionNames(st.connections).c_str());
-    line(y, "receiving  %s", receivedNames(st.received).c_str());
+    line(y, "connected  %s", orvnames::connectionNames(st.connections).c_str());
+    line(y, "receiving  %s", orvnames::receivedNames(st.received).c_str());
     if (m.hasDiag()) {
         const s_OrvAccessDiagData& d = m.lastDiag();
         line(y, "diagnostic state %u (status word %u)  error bytes %u %u %u %u", d.state, st.diagState, d.errorCodes[0],

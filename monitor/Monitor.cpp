@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <ostream>
 
+#include "Names.hpp"
+
 namespace orvmon {
 
 namespace {
@@ -19,27 +21,6 @@ constexpr uint64_t kInputPeriodUs = 1000000;
 constexpr size_t kTruthCapacity = 8192;  // 4 s of poses at 2 kHz
 constexpr int64_t kTruthRetainUs = 4000000;
 constexpr size_t kPendingCapacity = 4096;
-
-// Status bits, in the order of the header.
-constexpr uint32_t kRecvImage = 0x4;
-constexpr uint32_t kRecvSharedMem = 0x40;
-
-struct BitName {
-    uint32_t bit;
-    const char* name;
-};
-constexpr BitName kConnectionBits[] = {{0x1, "tcp"},   {0x2, "meta"}, {0x4, "image"}, {0x8, "uplink"},
-                                       {0x10, "core"}, {0x20, "hub"}, {0x40, "shm"}};
-constexpr BitName kReceivedBits[] = {{0x2, "meta"}, {0x4, "image"}, {0x10, "tracking"}, {0x20, "hub"},
-                                     {0x40, "shm"}, {0x80, "nft"},  {0x100, "pra"}};
-
-template <size_t N>
-std::string bitNames(uint32_t mask, const BitName (&table)[N]) {
-    std::string s;
-    for (const BitName& b : table)
-        if (mask & b.bit) s += (s.empty() ? "" : " ") + std::string(b.name);
-    return s.empty() ? "-" : s;
-}
 
 // The record carries no source field, and tracking and NFT poses share the
 // library's newest-pose slot. NFT packets fill extB or extD, which orvCore
@@ -79,9 +60,6 @@ bool due(uint64_t& next, uint64_t period, uint64_t now) {
 }
 
 }  // namespace
-
-std::string connectionNames(uint32_t connections) { return bitNames(connections, kConnectionBits); }
-std::string receivedNames(uint32_t received) { return bitNames(received, kReceivedBits); }
 
 const char* Monitor::kindName(Kind k) {
     static const char* const names[kKindCount] = {
@@ -351,7 +329,7 @@ void Monitor::readStatus() {
     status_.connections = st.connections;
     receivedWindow_ |= st.received;
     status_.receivedEver |= st.received;
-    if (st.received & kRecvImage) imagePacketsSinceImage_ = true;
+    if (st.received & orvnames::kRecvImage) imagePacketsSinceImage_ = true;
     if (st.diagState != 0) status_.diagState = st.diagState;
 }
 
@@ -374,7 +352,7 @@ void Monitor::pollImage() {
     const uint32_t after = receivedWindow_;
     receivedWindow_ |= before;
     Kind source = kImageUnattributed;
-    if (after & kRecvSharedMem) {
+    if (after & orvnames::kRecvSharedMem) {
         source = kImageShm;
     } else if (imagePacketsSinceImage_) {
         source = kImageUdp;
@@ -519,8 +497,8 @@ void Monitor::writeSummary(std::ostream& out) const {
         ull(uplink_.platPoses), ull(uplink_.gps), ull(uplink_.inputs), ull(uplink_.failed), uplink_.lastTag,
         uplink_.lastReflected, ull(uplink_.distinctReflected), ull(uplink_.reflectedSent));
 
-    put(out, "status     connections 0x%x %s\n", status_.connections, connectionNames(status_.connections).c_str());
-    put(out, "status     received 0x%x %s\n", status_.receivedEver, receivedNames(status_.receivedEver).c_str());
+    put(out, "status     connections 0x%x %s\n", status_.connections, orvnames::connectionNames(status_.connections).c_str());
+    put(out, "status     received 0x%x %s\n", status_.receivedEver, orvnames::receivedNames(status_.receivedEver).c_str());
     put(out, "status     diag-state %u\n", status_.diagState);
     put(out, "status     diag-record state %u error-bytes %u %u %u %u\n", diag_.state, diag_.errorCodes[0],
         diag_.errorCodes[1], diag_.errorCodes[2], diag_.errorCodes[3]);

@@ -24,10 +24,6 @@ struct MonitorOptions {
     PredictionSettings prediction;
 };
 
-// Names of the status bits, e.g. "tcp meta image"; "-" when none.
-std::string connectionNames(uint32_t connections);
-std::string receivedNames(uint32_t received);
-
 class Monitor {
 public:
     enum Kind {

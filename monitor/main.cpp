@@ -13,6 +13,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "Check.hpp"
 #include "LiveView.hpp"
 #include "Monitor.hpp"
 #include "Settings.hpp"
@@ -22,6 +23,10 @@ namespace {
 volatile std::sig_atomic_t gStop = 0;
 
 void onSignal(int) { gStop = 1; }
+
+// Exit codes: 0 a run, 1 the library cannot be opened, 2 bad arguments or
+// an unreadable configuration file.
+constexpr int kExitUsage = 2;
 
 // Installed before ncurses starts, so that ncurses keeps its hands off them
 // and a signal ends the loop through the same path as 'q'.
@@ -71,19 +76,36 @@ int main(int argc, char** argv) {
     app.add_option("--connect-timeout", connectTimeout, "seconds to keep retrying open()")
         ->capture_default_str()
         ->check(CLI::NonNegativeNumber);
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? 0 : kExitUsage;
+    }
 
     installSignals();
-    // The library quietly falls back to its defaults; say so once.
-    if (::access(ini.c_str(), R_OK) != 0)
-        std::cerr << "orvmon: note: cannot read " << ini << "; the library uses its defaults\n";
+    // The same check as orvctl check: what in the file or on this machine
+    // will keep the monitor from seeing what the writer expects.
+    orvcheck::CheckOptions checkOptions;
+    checkOptions.iniPath = ini;
+    checkOptions.ownPid = getpid();
+    const orvcheck::CheckReport check = orvcheck::runCheck(checkOptions);
+    if (!check.ini.readable) {
+        // The library would quietly run on its defaults and show nothing.
+        std::cerr << "orvmon: cannot read the configuration file " << ini << ": " << check.ini.readError
+                  << "; name it with --ini FILE (examples/orvaccess.ini is a start)\n";
+        return kExitUsage;
+    }
+    for (const orvcheck::Finding& f : check.findings)
+        if (f.severity != orvcheck::Severity::Note)
+            std::cerr << "orvmon: " << orvcheck::severityName(f.severity) << ": "
+                      << (f.line > 0 ? ini + " line " + std::to_string(f.line) + ": " : "") << f.message << "\n";
     OrvAccess access;
     access.setIniPath(ini);
     if (!openWithRetry(access, connectTimeout)) {
         std::cerr << "orvmon: cannot open: " << access.getLastError() << "\n";
         return 1;
     }
-    opt.prediction = orvmon::readPredictionSettings(ini);
+    opt.prediction = orvmon::fromIni(check.ini);
 
     orvmon::Monitor monitor(access, opt);
     std::unique_ptr<orvmon::LiveView> view;
