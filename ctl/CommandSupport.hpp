@@ -17,9 +17,6 @@ bool requireIni(const Options& o);
 // The library's connection lines on stderr.
 void printConnectionLines(const orvsession::OpenResult& r);
 
-// "core (udpOrvCorePort 5002) did not open: reason; advice"
-std::string channelFailure(const orvsession::ChannelResult& c);
-
 // Opens the command channel alone; kExitOk, or the exit code after saying why.
 int openForCommands(const Options& o, OrvAccess& access);
 

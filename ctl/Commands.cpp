@@ -82,14 +82,6 @@ void printConnectionLines(const OpenResult& r) {
     for (const std::string& line : r.lines) std::cerr << "orvaccess: " << line << "\n";
 }
 
-std::string channelFailure(const ChannelResult& c) {
-    const orvnames::ChannelInfo& info = orvnames::channelInfo(c.channel);
-    std::string s = std::string(info.name) + " (" + info.key + (c.target.empty() ? "" : " " + c.target) +
-                    ") did not open: " + c.reason;
-    if (!c.advice.empty()) s += "; " + c.advice;
-    return s;
-}
-
 int openForCommands(const Options& o, OrvAccess& access) {
     if (!requireIni(o)) return kExitUsage;
     const OpenResult r = orvsession::openLibrary(access, o.ini, orvsession::Scope::CommandsOnly);
@@ -119,7 +111,7 @@ int openEverything(const Options& o, OrvAccess& access, OpenResult& r) {
     if (o.verbose) printConnectionLines(r);
     if (r.opened) return kExitOk;
     std::cerr << "orvctl: the library could not open: " << r.lastError << "\n";
-    for (const ChannelResult* c : r.failures()) std::cerr << "orvctl:   " << channelFailure(*c) << "\n";
+    for (const ChannelResult* c : r.failures()) std::cerr << "orvctl:   " << orvsession::failureText(*c) << "\n";
     return kExitNoConnection;
 }
 
@@ -283,7 +275,7 @@ int runErrors(const Options& o, double listenS) {
     OrvAccess access;
     OpenResult opened;
     if (const int rc = openEverything(o, access, opened)) return rc;
-    for (const ChannelResult* c : opened.failures()) std::cerr << "orvctl: warning: " << channelFailure(*c) << "\n";
+    for (const ChannelResult* c : opened.failures()) std::cerr << "orvctl: warning: " << orvsession::failureText(*c) << "\n";
     std::cerr << "orvctl: receiving for " << listenS << " s\n";
 
     const uint64_t start = access.getTimeUs();

@@ -186,6 +186,14 @@ const char* stateName(ChannelState s) {
     return "disabled";
 }
 
+std::string failureText(const ChannelResult& c) {
+    const orvnames::ChannelInfo& info = orvnames::channelInfo(c.channel);
+    std::string s = std::string(info.name) + " (" + info.key + (c.target.empty() ? "" : " " + c.target) +
+                    ") did not open: " + c.reason;
+    if (!c.advice.empty()) s += "; " + c.advice;
+    return s;
+}
+
 std::vector<const ChannelResult*> OpenResult::failures() const {
     std::vector<const ChannelResult*> out;
     for (const ChannelResult& c : channels)

@@ -48,6 +48,9 @@ struct OpenResult {
     std::vector<const ChannelResult*> failures() const;
 };
 
+// "core (udpOrvCorePort 5002) did not open: reason; advice"
+std::string failureText(const ChannelResult& c);
+
 // Opens `access` on iniPath (which the caller has checked is readable).
 OpenResult openLibrary(OrvAccess& access, const std::string& iniPath, Scope scope);
 
