@@ -22,7 +22,9 @@ constexpr const char* kFooter =
 
 int main(int argc, char** argv) {
     CLI::App app{"orvctl: commands and diagnostics for an orv tracking system, through liborvaccess"};
+    app.set_version_flag("--version", std::string("orvctl ") + ORVA_TOOL_VERSION);
     app.footer(kFooter);
+    app.set_help_all_flag("--help-all", "Print the help of every subcommand too, and exit");
     app.require_subcommand(1);
     orvctl::Options o;
     app.add_option("--ini", o.ini, "configuration file of the library")->capture_default_str();
@@ -48,12 +50,12 @@ int main(int argc, char** argv) {
     std::string address, value, first = "0", count = "16";
     CLI::App* reg = app.add_subcommand("reg", "read and write orvRx's registers (24-bit addresses, byte values)");
     reg->require_subcommand(1);
-    CLI::App* regGet = reg->add_subcommand("get", "read one register");
+    CLI::App* regGet = reg->add_subcommand("get", "ADDRESS: read one register");
     regGet->add_option("ADDRESS", address, "decimal, or hexadecimal after 0x")->required();
-    CLI::App* regSet = reg->add_subcommand("set", "write one register");
+    CLI::App* regSet = reg->add_subcommand("set", "ADDRESS VALUE: write one register");
     regSet->add_option("ADDRESS", address, "decimal, or hexadecimal after 0x")->required();
     regSet->add_option("VALUE", value, "0 to 255, decimal or 0x hex")->required();
-    CLI::App* regDump = reg->add_subcommand("dump", "read a range of registers, 16 to a line");
+    CLI::App* regDump = reg->add_subcommand("dump", "[FIRST [COUNT]]: read a range of registers, 16 to a line");
     regDump->add_option("FIRST", first, "first address")->capture_default_str();
     regDump->add_option("COUNT", count, "how many")->capture_default_str();
 

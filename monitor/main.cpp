@@ -108,6 +108,7 @@ private:
 
 int main(int argc, char** argv) {
     CLI::App app{"orvmon: live monitor of an orv tracking system"};
+    app.set_version_flag("--version", std::string("orvmon ") + ORVA_TOOL_VERSION);
     std::string ini = "orvaccess.ini";
     double duration = 0.0, connectTimeout = 5.0;
     bool plain = false, verbose = false;

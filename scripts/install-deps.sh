@@ -15,6 +15,8 @@ packages=(
   libcli11-dev
   libncurses-dev
   nlohmann-json3-dev
+  help2man
+  doxygen
 )
 
 missing=()
