@@ -62,6 +62,11 @@ const char* adviceFor(const std::string& error) {
 
 bool isTerminal(int fd) { return isatty(fd) == 1; }
 
+// "0x000010 = 0x2a (42)": one register, as get and set both report it.
+void printRegister(unsigned long address, unsigned long value) {
+    std::printf("0x%06lx = 0x%02lx (%lu)\n", address, value, value);
+}
+
 }  // namespace
 
 bool requireIni(const Options& o) {
@@ -130,7 +135,7 @@ int runRegGet(const Options& o, const std::string& addressText) {
     unsigned char value = 0;
     if (!access.getRegister(o.timeoutMs, static_cast<unsigned int>(address), &value))
         return commandFailed(access, "reg get " + addressText);
-    std::printf("0x%06lx = 0x%02x (%u)\n", address, value, value);
+    printRegister(address, value);
     return kExitOk;
 }
 
@@ -143,7 +148,7 @@ int runRegSet(const Options& o, const std::string& addressText, const std::strin
     if (const int rc = openForCommands(o, access)) return rc;
     if (!access.setRegister(o.timeoutMs, static_cast<unsigned int>(address), static_cast<unsigned char>(value)))
         return commandFailed(access, "reg set " + addressText);
-    std::printf("0x%06lx = 0x%02lx (%lu)\n", address, value, value);
+    printRegister(address, value);
     return kExitOk;
 }
 
