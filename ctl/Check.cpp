@@ -47,7 +47,7 @@ std::string ownerList(const std::vector<Holder>& holders) {
 
 Finding heldPort(const KeyValue& v, const std::vector<Holder>& holders) {
     return {Severity::Warning, "port-held", 0,
-            "UDP port " + v.text + " (" + v.spec->key + ") is already held by " + ownerList(holders) +
+            "UDP port " + v.text + " (" + v.known->key + ") is already held by " + ownerList(holders) +
                 ": the library shares its ports, so the kernel hands the datagrams to one receiver only and the "
                 "other sees nothing; stop the other receiver, or give this one other ports"};
 }
@@ -175,7 +175,7 @@ private:
 
     void receivers() {
         for (const KeyValue* v : receivePorts(r_.ini)) {
-            PortUse use{v->spec->key, static_cast<int>(v->integer), Proto::Udp, PortUse::Role::Receive,
+            PortUse use{v->known->key, static_cast<int>(v->integer), Proto::Udp, PortUse::Role::Receive,
                         table_.holders(Proto::Udp, static_cast<int>(v->integer), opt_.ownPid)};
             if (!use.holders.empty()) r_.findings.push_back(heldPort(*v, use.holders));
             r_.ports.push_back(std::move(use));
@@ -193,7 +193,7 @@ private:
                 "tcpOrvRxAddr \"" + host + "\" is a name: the command channel looks it up, but the uplink sender "
                 "takes only dotted addresses or localhost and does not open (\"Error forming UDP server write "
                 "address\"); write the address as digits");
-        PortUse use{v.spec->key, static_cast<int>(v.integer), Proto::Udp, PortUse::Role::Uplink, {}};
+        PortUse use{v.known->key, static_cast<int>(v.integer), Proto::Udp, PortUse::Role::Uplink, {}};
         if (r_.orvRx.local) {
             use.holders = table_.holders(Proto::Udp, use.port, opt_.ownPid);
             if (use.holders.empty())
@@ -217,7 +217,7 @@ private:
         const std::vector<const KeyValue*> open = receivePorts(r_.ini);
         for (const auto& pair : kBufferKeys) {
             bool used = false;
-            for (const KeyValue* v : open) used = used || std::string(v->spec->key) == pair[0];
+            for (const KeyValue* v : open) used = used || std::string(v->known->key) == pair[0];
             const KeyValue& b = r_.ini.value(pair[1]);
             if (!used || b.integer <= limit) continue;
             add(Severity::Note, "buffer-capped",

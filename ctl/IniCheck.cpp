@@ -15,7 +15,7 @@
 
 namespace orvcheck {
 
-const KeySpec kKeys[] = {
+const KnownKey kKeys[] = {
     {"General", "verbosity", KeyKind::Mask, "0"},
     {"General", "logging", KeyKind::Mask, "0"},
     {"General", "logPath", KeyKind::Text, "./"},
@@ -261,7 +261,7 @@ public:
         r_.values.clear();
         for (size_t i = 0; i < kKeyCount; ++i) {
             KeyValue v;
-            v.spec = &kKeys[i];
+            v.known = &kKeys[i];
             takeDefault(v);
             r_.values.push_back(v);
         }
@@ -273,13 +273,13 @@ private:
             if (lower(s) == lower(k)) return true;
         return false;
     }
-    static const KeySpec* knownKey(const std::string& key) {
+    static const KnownKey* knownKey(const std::string& key) {
         for (size_t i = 0; i < kKeyCount; ++i)
             if (lower(key) == lower(kKeys[i].key)) return &kKeys[i];
         return nullptr;
     }
     static bool isKnown(const std::string& section, const std::string& key) {
-        const KeySpec* k = knownKey(key);
+        const KnownKey* k = knownKey(key);
         return k != nullptr && lower(section) == lower(k->section);
     }
 
@@ -306,13 +306,13 @@ private:
     void checkKnown(const Entry& e) {
         if (e.section.empty() || !isKnownSection(e.section)) return;
         if (isKnown(e.section, e.key)) return;
-        if (const KeySpec* k = knownKey(e.key)) {
+        if (const KnownKey* k = knownKey(e.key)) {
             add(Severity::Warning, "wrong-section", e.line,
                 e.key + " belongs in [" + k->section + "], not [" + e.section + "]: here the library ignores it");
             return;
         }
         std::string msg = "[" + e.section + "] " + e.key + " is not a key the library reads: it is ignored";
-        const KeySpec* best = nullptr;
+        const KnownKey* best = nullptr;
         size_t bestDistance = kMaxSuggestDistance + 1;
         for (size_t i = 0; i < kKeyCount; ++i) {
             const size_t d = nameDistance(e.key, kKeys[i].key);
@@ -328,7 +328,7 @@ private:
     }
 
     void takeDefault(KeyValue& v) {
-        const KeySpec& k = *v.spec;
+        const KnownKey& k = *v.known;
         v.raw.clear();
         switch (k.kind) {
             case KeyKind::Mask:
@@ -353,7 +353,7 @@ private:
     }
 
     std::string where(const KeyValue& v) const {
-        return "[" + std::string(v.spec->section) + "] " + v.spec->key + " = " + quoted(v.raw) + ": ";
+        return "[" + std::string(v.known->section) + "] " + v.known->key + " = " + quoted(v.raw) + ": ";
     }
 
     void fallBack(KeyValue& v, const std::string& why, const char* kind = "value-not-read",
@@ -395,7 +395,7 @@ private:
         v.present = true;
         v.line = e.line;
         v.raw = e.value;
-        const KeySpec& k = *v.spec;
+        const KnownKey& k = *v.known;
         switch (k.kind) {
             case KeyKind::Mask:
             case KeyKind::Int32:
@@ -447,12 +447,12 @@ private:
     }
 
     void rangeNotes(const KeyValue& v) {
-        const std::string key = v.spec->key;
-        if (v.spec->kind == KeyKind::Int32 && v.integer < 1)
+        const std::string key = v.known->key;
+        if (v.known->kind == KeyKind::Int32 && v.integer < 1)
             add(Severity::Warning, "out-of-range", v.line,
                 where(v) + "a receive buffer needs a positive size in bytes; the kernel's smallest buffer "
                            "loses datagrams");
-        if (v.spec->kind == KeyKind::Size && key != "imgBufSize" && v.integer == 0)
+        if (v.known->kind == KeyKind::Size && key != "imgBufSize" && v.integer == 0)
             add(Severity::Note, "queue-bound", v.line, where(v) + "a queue bound of 0 is taken as 1");
         if (key == "virtualSyncCtrl" && (v.integer & ~0x7LL) != 0)
             add(Severity::Note, "unknown-bits", v.line,
@@ -468,20 +468,20 @@ private:
                     quoted(v.raw.substr(comment)) + "; put the comment on a line of its own");
             return;
         }
-        if (v.spec->kind == KeyKind::Host) {
+        if (v.known->kind == KeyKind::Host) {
             if (v.raw.empty())
                 add(Severity::Warning, "bad-host", v.line, where(v) + "empty: there is no orvRx host to talk to");
             else if (v.raw.find_first_of(" \t") != std::string::npos)
                 add(Severity::Warning, "bad-host", v.line, where(v) + "a host name or address has no blanks");
         }
-        if (std::string(v.spec->key) == "sMemImgName" && v.raw.empty())
+        if (std::string(v.known->key) == "sMemImgName" && v.raw.empty())
             add(Severity::Note, "disabled", v.line, where(v) + "empty: the shared-memory image is off");
     }
 
     void readUdpPort(KeyValue& v) {
         v.text = v.raw;
         if (v.raw == "0") return;
-        const bool uplink = std::string(v.spec->key) == "udpOrvRxInputPort";
+        const bool uplink = std::string(v.known->key) == "udpOrvRxInputPort";
         const std::string refusal = uplink ? "\"Error forming UDP server write address\""
                                            : "\"Failed to form broadcast address\"";
         const size_t comment = commentStart(v.raw);
@@ -541,7 +541,7 @@ private:
             for (size_t j = i + 1; j < receivers.size(); ++j)
                 if (receivers[i]->integer == receivers[j]->integer)
                     add(Severity::Warning, "shared-port", receivers[j]->line,
-                        std::string(receivers[i]->spec->key) + " and " + receivers[j]->spec->key + " are both " +
+                        std::string(receivers[i]->known->key) + " and " + receivers[j]->known->key + " are both " +
                             receivers[i]->text +
                             ": the two channels share the port and each datagram reaches only one of them; "
                             "give each channel its own port");
@@ -595,7 +595,7 @@ const char* severityName(Severity s) {
 
 const KeyValue& IniReport::value(const char* key) const {
     for (const KeyValue& v : values)
-        if (lower(v.spec->key) == lower(key)) return v;
+        if (lower(v.known->key) == lower(key)) return v;
     // Callers name keys of the table; anything else is a programming error.
     std::abort();
 }

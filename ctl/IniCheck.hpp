@@ -34,18 +34,18 @@ enum class KeyKind {
     TcpPort,  // decimal text read as a number
 };
 
-struct KeySpec {
+struct KnownKey {
     const char* section;
     const char* key;
     KeyKind kind;
     const char* defaultText;
 };
 // Every key the library reads, in its reading order.
-extern const KeySpec kKeys[];
+extern const KnownKey kKeys[];
 extern const size_t kKeyCount;
 
 struct KeyValue {
-    const KeySpec* spec = nullptr;
+    const KnownKey* known = nullptr;
     bool present = false;   // the file sets it
     bool fellBack = false;  // set, but the library uses the default instead
     int line = 0;           // where it is set

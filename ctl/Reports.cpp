@@ -162,7 +162,7 @@ void printStatusJson(const Options& o, OrvAccess& a, const OpenResult& r, const 
 
 json typedValue(const orvcheck::KeyValue& v) {
     using orvcheck::KeyKind;
-    switch (v.spec->kind) {
+    switch (v.known->kind) {
         case KeyKind::Mask:
         case KeyKind::Int32:
         case KeyKind::Size:
@@ -209,15 +209,15 @@ void printCheckText(const orvcheck::CheckReport& r) {
         std::printf("values, as the library reads them\n");
         for (const orvcheck::KeyValue& v : r.ini.values) {
             std::string shown = v.text.empty() ? "\"\"" : v.text;
-            if (v.spec->kind == orvcheck::KeyKind::Mask && v.integer != 0) {
+            if (v.known->kind == orvcheck::KeyKind::Mask && v.integer != 0) {
                 char hex[24];
                 std::snprintf(hex, sizeof hex, " (0x%llx)", static_cast<unsigned long long>(v.integer));
                 shown += hex;
             }
-            if (v.spec->kind == orvcheck::KeyKind::UdpPort && v.text == "0") shown += " (off)";
+            if (v.known->kind == orvcheck::KeyKind::UdpPort && v.text == "0") shown += " (off)";
             const std::string source =
                 !v.present ? "default" : v.fellBack ? "default, \"" + v.raw + "\" not read" : "";
-            std::printf("  %-14s %-22s %-24s %s\n", v.spec->section, v.spec->key, shown.c_str(), source.c_str());
+            std::printf("  %-14s %-22s %-24s %s\n", v.known->section, v.known->key, shown.c_str(), source.c_str());
         }
         std::printf("ports\n");
         for (const orvcheck::PortUse& p : r.ports)
@@ -253,7 +253,7 @@ void printCheckJson(const orvcheck::CheckReport& r) {
                             {"line", f.line},
                             {"message", f.message}});
     for (const orvcheck::KeyValue& v : r.ini.values) {
-        json j = {{"section", v.spec->section}, {"key", v.spec->key}, {"value", typedValue(v)},
+        json j = {{"section", v.known->section}, {"key", v.known->key}, {"value", typedValue(v)},
                   {"text", v.text},             {"source", sourceName(v)}};
         if (v.present) {
             j["raw"] = v.raw;

@@ -24,14 +24,14 @@ using IniFile = CSimpleIniTempl<char, SI_GenericNoCase<char>, SI_ConvertA<char>>
 
 // How the library's connection lines name each channel: the opening line is
 // opening + target + purpose; a failure line holds failMarker + reason.
-struct LineSpec {
+struct ChannelLines {
     Channel channel;
     const char* opening;
     const char* purpose;
     const char* failMarker;
     const char* disabled;
 };
-constexpr LineSpec kLines[] = {
+constexpr ChannelLines kLines[] = {
     {Channel::Tcp, "Opening TCP connection ", " for orvRx", "Unable to open TCP connection: ",
      "TCP connection disabled by user"},
     {Channel::Uplink, "Opening UDP server ", " for orvRx input", " for orvRx input: ",
@@ -141,19 +141,19 @@ std::vector<std::string> splitLines(const std::string& text, const std::string& 
 }
 
 void parseLines(OpenResult& r, const std::string& sharedMemName) {
-    for (const LineSpec& spec : kLines) {
-        ChannelResult& c = r.channels[static_cast<int>(spec.channel)];
+    for (const ChannelLines& lines : kLines) {
+        ChannelResult& c = r.channels[static_cast<int>(lines.channel)];
         for (const std::string& line : r.lines) {
-            if (line == spec.disabled) {
+            if (line == lines.disabled) {
                 c.state = ChannelState::Disabled;
-            } else if (startsWith(line, spec.opening) && endsWith(line, spec.purpose)) {
+            } else if (startsWith(line, lines.opening) && endsWith(line, lines.purpose)) {
                 c.state = ChannelState::Open;
-                c.target = line.substr(std::strlen(spec.opening),
-                                       line.size() - std::strlen(spec.opening) - std::strlen(spec.purpose));
-            } else if (startsWith(line, kFailurePrefix) && contains(line, spec.failMarker)) {
+                c.target = line.substr(std::strlen(lines.opening),
+                                       line.size() - std::strlen(lines.opening) - std::strlen(lines.purpose));
+            } else if (startsWith(line, kFailurePrefix) && contains(line, lines.failMarker)) {
                 c.state = ChannelState::Failed;
-                c.reason = line.substr(line.find(spec.failMarker) + std::strlen(spec.failMarker));
-                c.advice = adviceFor(spec.channel, c.reason);
+                c.reason = line.substr(line.find(lines.failMarker) + std::strlen(lines.failMarker));
+                c.advice = adviceFor(lines.channel, c.reason);
             }
         }
     }

@@ -241,7 +241,7 @@ TEST(IniCheck, ValuesAreTheLibrarysOwn) {
         // Whatever the library silently replaced by its default is flagged.
         for (const KeyValue& v : r.values) {
             if (!v.fellBack) continue;
-            EXPECT_NE(findingAt(r.findings, "value-not-read", v.line), nullptr) << v.spec->key;
+            EXPECT_NE(findingAt(r.findings, "value-not-read", v.line), nullptr) << v.known->key;
         }
     }
 }
