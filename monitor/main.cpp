@@ -194,7 +194,7 @@ int main(int argc, char** argv) {
         if (!view) std::cerr << "orvmon: cannot drive this terminal; plain output instead\n";
     }
     PortWatch ports(check.ini, !view);
-    orvmon::ViewText text{"orvmon  " + ini, opt.uplink, {}};
+    orvmon::ViewText text{"orvmon  " + ini, opt.uplink, warnings};
 
     const uint64_t start = access.getTimeUs();
     uint64_t nextDraw = start, nextKey = start, nextLine = start + 1000000;
