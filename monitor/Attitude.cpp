@@ -80,4 +80,14 @@ double angleDeg(const Mat3& a, const Mat3& b) {
     return std::atan2(norm(vee2(d)) / 2.0, cosAngle(d)) * kRadToDeg;
 }
 
+Vec3 rollPitchYaw(const Mat3& r) {
+    return {std::atan2(r[7], r[8]), -std::asin(std::clamp(r[6], -1.0, 1.0)), std::atan2(r[3], r[0])};
+}
+
+Vec3 fromFloats(const float v[3]) { return {v[0], v[1], v[2]}; }
+
+double distanceMm(const Vec3& a, const Vec3& b) {
+    return 1000.0 * norm({a[0] - b[0], a[1] - b[1], a[2] - b[2]});
+}
+
 }  // namespace orvmon

@@ -28,4 +28,11 @@ Mat3 interpolate(const Mat3& r0, const Mat3& r1, double f);
 // The rotation angle of a^T b, in degrees.
 double angleDeg(const Mat3& a, const Mat3& b);
 
+// Roll, pitch, yaw in radians of r = Rz(yaw) Ry(pitch) Rx(roll).
+Vec3 rollPitchYaw(const Mat3& r);
+
+Vec3 fromFloats(const float v[3]);
+// Distance between two points, in millimetres when they are in metres.
+double distanceMm(const Vec3& a, const Vec3& b);
+
 }  // namespace orvmon

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "Layout.hpp"
+
 namespace orvmon {
 
 class Monitor;
@@ -12,21 +14,19 @@ class Monitor;
 class LiveView {
 public:
     // Null when the terminal cannot be driven (an unknown TERM, say).
-    static std::unique_ptr<LiveView> open(std::string title, bool inputKey);
+    static std::unique_ptr<LiveView> open();
     ~LiveView();
     LiveView(const LiveView&) = delete;
     LiveView& operator=(const LiveView&) = delete;
 
-    void draw(const Monitor& m);
+    void draw(const Monitor& m, const ViewText& text);
     // The key pressed since the last call, or -1.
     int key();
     void close();
 
 private:
-    LiveView(std::string title, bool inputKey, void* screen);
+    explicit LiveView(void* screen);
 
-    std::string title_;
-    bool inputKey_;
     void* screen_;  // the ncurses SCREEN, kept opaque out of this header
     bool open_ = true;
 };

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <ostream>
 
+#include "Names.hpp"
+
 namespace orvmon {
 
 namespace {
@@ -19,32 +21,6 @@ constexpr uint64_t kInputPeriodUs = 1000000;
 constexpr size_t kTruthCapacity = 8192;  // 4 s of poses at 2 kHz
 constexpr int64_t kTruthRetainUs = 4000000;
 constexpr size_t kPendingCapacity = 4096;
-
-// Status bits, in the order of the header.
-constexpr uint32_t kConnTcp = ORVACCESS_CONN_TCP;
-constexpr uint32_t kRecvImage = ORVACCESS_RECV_IMAGE;
-constexpr uint32_t kRecvSharedMem = ORVACCESS_RECV_SHARED_MEM;
-
-struct BitName {
-    uint32_t bit;
-    const char* name;
-};
-constexpr BitName kConnectionBits[] = {
-    {ORVACCESS_CONN_TCP, "tcp"},         {ORVACCESS_CONN_META, "meta"},       {ORVACCESS_CONN_IMAGE, "image"},
-    {ORVACCESS_CONN_UPLINK, "uplink"},   {ORVACCESS_CONN_ORVCORE, "core"},    {ORVACCESS_CONN_ORVHUB, "hub"},
-    {ORVACCESS_CONN_SHARED_MEM, "shm"}};
-constexpr BitName kReceivedBits[] = {
-    {ORVACCESS_RECV_META, "meta"}, {ORVACCESS_RECV_IMAGE, "image"}, {ORVACCESS_RECV_TRACKING, "tracking"},
-    {ORVACCESS_RECV_HUB, "hub"},   {ORVACCESS_RECV_SHARED_MEM, "shm"}, {ORVACCESS_RECV_NFT, "nft"},
-    {ORVACCESS_RECV_PRA, "pra"}};
-
-template <size_t N>
-std::string bitNames(uint32_t mask, const BitName (&table)[N]) {
-    std::string s;
-    for (const BitName& b : table)
-        if (mask & b.bit) s += (s.empty() ? "" : " ") + std::string(b.name);
-    return s.empty() ? "-" : s;
-}
 
 // The record carries no source field, and tracking and NFT poses share the
 // library's newest-pose slot. NFT packets fill extB or extD, which orvCore
@@ -85,9 +61,6 @@ bool due(uint64_t& next, uint64_t period, uint64_t now) {
 
 }  // namespace
 
-std::string connectionNames(uint32_t connections) { return bitNames(connections, kConnectionBits); }
-std::string receivedNames(uint32_t received) { return bitNames(received, kReceivedBits); }
-
 const char* Monitor::kindName(Kind k) {
     static const char* const names[kKindCount] = {
         "tracking",      "predicted",      "nft-poses", "imu",         "aux",         "diagnostic",
@@ -115,6 +88,14 @@ Monitor::Monitor(OrvAccess& access, const MonitorOptions& options)
       meter_(kTruthCapacity, kTruthRetainUs, kPendingCapacity),
       imageBuf_(std::max(access.getImageBufSize(), 1u)) {
     codes_.reserve(kMaxCodes);
+    if (opt_.csv != nullptr) {
+        meter_.setSink(&Monitor::writeCsvLine, this);
+        *opt_.csv << "pose_time_us,target_time_us,horizon_ms,matched,"
+                     "pred_roll_deg,pred_pitch_deg,pred_yaw_deg,pred_x_m,pred_y_m,pred_z_m,"
+                     "true_roll_deg,true_pitch_deg,true_yaw_deg,true_x_m,true_y_m,true_z_m,"
+                     "pose_roll_deg,pose_pitch_deg,pose_yaw_deg,pose_x_m,pose_y_m,pose_z_m,"
+                     "error_deg,error_mm,unpredicted_error_deg,unpredicted_error_mm\n";
+    }
 }
 
 void Monitor::fail(Call c) {
@@ -150,13 +131,15 @@ void Monitor::poll(uint64_t nowUs) {
     lastUs_ = nowUs;
     // Only the command channel carries the request; without it the library
     // does not ask either.
-    if ((status_.connections & kConnTcp) && !access_.getStreaming()) requestStreaming();
+    if ((status_.connections & orvnames::kConnTcp) && !access_.getStreaming()) requestStreaming();
     pollTracking(nowUs);
     pollQueues();
     pollErrors(nowUs);
     if (due(nextImageUs_, kImagePeriodUs, nowUs)) pollImage();
+    // Every poll, so that each channel's quiet times are known to the poll.
+    readStatus();
+    noteActivity(nowUs);
     if (due(nextStatusUs_, kStatusPeriodUs, nowUs)) {
-        readStatus();
         status_.received = receivedWindow_;
         receivedWindow_ = 0;
         snapshot(nowUs);
@@ -211,7 +194,8 @@ void Monitor::pollTracking(uint64_t nowUs) {
         predictedHorizonS_ = t.horizonS;
         // NFT poses are a different solution with their own tags; only
         // orvCore's poses are measured against orvCore's poses.
-        if (!isNftPose(predicted_)) meter_.addPrediction(predicted_.poseTime, t, fromRows(predicted_.cbn));
+        if (!isNftPose(predicted_))
+            meter_.addPrediction(predicted_.poseTime, t, fromRows(predicted_.cbn), fromFloats(predicted_.position));
     }
 
     // The newest pose as reported, unpredicted: the ground truth.
@@ -233,13 +217,16 @@ void Monitor::pollTracking(uint64_t nowUs) {
     lastTime = scratch_.poseTime;
     raw_ = scratch_;
     hasRaw_ = true;
+    poseAgeUs_ = static_cast<int64_t>(nowUs) - static_cast<int64_t>(raw_.poseTime);
+    poseAgeSumUs_ += static_cast<double>(poseAgeUs_);
+    ++poseAges_;
     if (nft) {
         ++counts_[kNftPose];
         return;
     }
     ++counts_[kTracking];
     trackSeq_.feed(raw_.packetTag);
-    meter_.addTruth(raw_.poseTime, fromRows(raw_.cbn));
+    meter_.addTruth(raw_.poseTime, fromRows(raw_.cbn), fromFloats(raw_.position));
     noteReflected(raw_.platPoseTime);
 }
 
@@ -380,9 +367,73 @@ void Monitor::readStatus() {
     status_.read = true;
     status_.connections = st.connections;
     receivedWindow_ |= st.received;
+    receivedPoll_ |= st.received;
     status_.receivedEver |= st.received;
-    if (st.received & kRecvImage) imagePacketsSinceImage_ = true;
+    if (st.received & orvnames::kRecvImage) imagePacketsSinceImage_ = true;
     if (st.diagState != 0) status_.diagState = st.diagState;
+}
+
+void Monitor::noteActivity(uint64_t nowUs) {
+    for (size_t i = 0; i < kChannels; ++i) {
+        if (!(receivedPoll_ & orvnames::kReceivedBits[i].bit)) continue;
+        ChannelActivity& a = activity_[i];
+        if (a.seen) {
+            const uint64_t gap = nowUs - a.lastUs;
+            a.maxGapUs = std::max(a.maxGapUs, gap);
+            // A slow running mean: the usual interval, not the last hiccup.
+            a.typicalGapUs = a.typicalGapUs == 0.0 ? static_cast<double>(gap)
+                                                   : a.typicalGapUs + (static_cast<double>(gap) - a.typicalGapUs) / 16;
+        }
+        a.seen = true;
+        a.lastUs = nowUs;
+    }
+    receivedPoll_ = 0;
+}
+
+bool Monitor::stale(size_t i) const {
+    const ChannelActivity& a = activity_[i];
+    if (!a.seen) return false;
+    const double limit = std::max(static_cast<double>(kStaleMinUs), kStaleFactor * a.typicalGapUs);
+    return static_cast<double>(lastUs_ - a.lastUs) > limit;
+}
+
+bool Monitor::trackingStale() const {
+    for (size_t i = 0; i < kChannels; ++i)
+        if (orvnames::kReceivedBits[i].bit == orvnames::kRecvTracking) return stale(i);
+    return false;
+}
+
+std::string Monitor::staleNames() const {
+    std::string s;
+    for (size_t i = 0; i < kChannels; ++i)
+        if (stale(i)) s += (s.empty() ? "" : " ") + std::string(channelName(i));
+    return s;
+}
+
+void Monitor::writeCsvLine(const PredictionMatch& m, void* self) {
+    std::ostream& out = *static_cast<Monitor*>(self)->opt_.csv;
+    const auto pose = [&](bool known, const Pose& p) {
+        if (!known) {
+            out << ",,,,,,";
+            return;
+        }
+        const Vec3 rpy = rollPitchYaw(p.r);
+        put(out, ",%.4f,%.4f,%.4f,%.5f,%.5f,%.5f", rpy[0] * kRadToDeg, rpy[1] * kRadToDeg, rpy[2] * kRadToDeg,
+            p.p[0], p.p[1], p.p[2]);
+    };
+    put(out, "%lld,%lld,%.3f,%d", static_cast<long long>(m.poseTimeUs), static_cast<long long>(m.targetUs),
+        m.horizonS * 1e3, m.matched ? 1 : 0);
+    pose(true, m.predicted);
+    pose(m.matched, m.truth);
+    pose(m.haveRaw, m.raw);
+    if (m.matched)
+        put(out, ",%.5f,%.4f", m.errorDeg, m.errorMm);
+    else
+        out << ",,";
+    if (m.haveRaw)
+        put(out, ",%.5f,%.4f\n", m.rawErrorDeg, m.rawErrorMm);
+    else
+        out << ",,\n";
 }
 
 void Monitor::pollImage() {
@@ -404,7 +455,7 @@ void Monitor::pollImage() {
     const uint32_t after = receivedWindow_;
     receivedWindow_ |= before;
     Kind source = kImageUnattributed;
-    if (after & kRecvSharedMem) {
+    if (after & orvnames::kRecvSharedMem) {
         source = kImageShm;
     } else if (imagePacketsSinceImage_) {
         source = kImageUdp;
@@ -490,7 +541,11 @@ void Monitor::writeLine(std::ostream& out) const {
     if (hasRaw_)
         put(out, " ypr %.1f %.1f %.1f", raw_.euler[2] * kRadToDeg, raw_.euler[1] * kRadToDeg,
             raw_.euler[0] * kRadToDeg);
-    if (meter_.predicted().n() > 0) put(out, " pred.err %.3f deg", meter_.predicted().mean());
+    if (hasRaw_) put(out, " age %.1fms", static_cast<double>(poseAgeUs_) / 1e3);
+    if (meter_.predicted().n() > 0)
+        put(out, " pred.err %.3f deg %.2f mm", meter_.predicted().mean(), meter_.predictedMm().mean());
+    const std::string staleList = staleNames();
+    if (!staleList.empty()) put(out, " STALE %s", staleList.c_str());
     if (failures() > 0) put(out, " failures %llu", ull(failures()));
     if (streaming_.lastFailed) out << " streaming " << streamingText();
     out << '\n';
@@ -541,6 +596,12 @@ void Monitor::writeSummary(std::ostream& out) const {
     };
     pred("predicted", meter_.predicted(), true);
     pred("unpredicted", meter_.unpredicted(), false);
+    const auto predMm = [&](const char* name, const ErrorStats& s) {
+        put(out, "prediction %-11s n %8llu mean %.4f rms %.4f p95 %.4f max %.4f mm\n", name, ull(s.n()), s.mean(),
+            s.rms(), s.percentile(0.95), s.max());
+    };
+    predMm("predicted", meter_.predictedMm());
+    predMm("unpredicted", meter_.unpredictedMm());
     put(out, "prediction settings predictionS %.4f s virtualSyncCtrl %ld ahead %.1f ms\n", opt_.prediction.predictionS,
         opt_.prediction.virtualSyncCtrl, static_cast<double>(aheadUs_) / 1000.0);
 
@@ -550,8 +611,21 @@ void Monitor::writeSummary(std::ostream& out) const {
         ull(uplink_.platPoses), ull(uplink_.gps), ull(uplink_.inputs), ull(uplink_.failed), uplink_.lastTag,
         uplink_.lastReflected, ull(uplink_.distinctReflected), ull(uplink_.reflectedSent));
 
-    put(out, "status     connections 0x%x %s\n", status_.connections, connectionNames(status_.connections).c_str());
-    put(out, "status     received 0x%x %s\n", status_.receivedEver, receivedNames(status_.receivedEver).c_str());
+    for (size_t i = 0; i < kChannels; ++i) {
+        const ChannelActivity& a = activity_[i];
+        if (!a.seen) {
+            put(out, "channel    %-9s never received\n", channelName(i));
+            continue;
+        }
+        put(out, "channel    %-9s last %10.1f ms ago  max gap %10.1f ms  typical %8.1f ms%s\n", channelName(i),
+            static_cast<double>(sinceUs(i)) / 1e3, static_cast<double>(a.maxGapUs) / 1e3, a.typicalGapUs / 1e3,
+            stale(i) ? "  STALE" : "");
+    }
+    if (poseAges_ > 0)
+        put(out, "pose       age last %.2f ms mean %.2f ms (library clock at receipt minus pose time)\n",
+            static_cast<double>(poseAgeUs_) / 1e3, meanPoseAgeMs());
+    put(out, "status     connections 0x%x %s\n", status_.connections, orvnames::connectionNames(status_.connections).c_str());
+    put(out, "status     received 0x%x %s\n", status_.receivedEver, orvnames::receivedNames(status_.receivedEver).c_str());
     put(out, "status     diag-state %u\n", status_.diagState);
     put(out, "status     diag-record state %u error-bytes %u %u %u %u\n", diag_.state, diag_.errorCodes[0],
         diag_.errorCodes[1], diag_.errorCodes[2], diag_.errorCodes[3]);

@@ -9,10 +9,12 @@
 #include <array>
 #include <cstdint>
 #include <iosfwd>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "PredictionError.hpp"
+#include "Names.hpp"
 #include "SeqCheck.hpp"
 #include "Settings.hpp"
 
@@ -22,11 +24,9 @@ struct MonitorOptions {
     double aheadMs = 20.0;  // display time = library clock + this
     bool uplink = false;    // send platform pose, GPS and input data
     PredictionSettings prediction;
+    // One line per predicted tracking record, once it is measured; null: none.
+    std::ostream* csv = nullptr;
 };
-
-// Names of the status bits, e.g. "tcp meta image"; "-" when none.
-std::string connectionNames(uint32_t connections);
-std::string receivedNames(uint32_t received);
 
 class Monitor {
 public:
@@ -113,6 +113,20 @@ public:
         bool lastFailed = false;    // the newest request went unacknowledged
         std::string reason;         // the library's last error at that request
     };
+    // Datagram arrivals of one receiving channel, from the status word's
+    // received bits, read at every poll.
+    struct ChannelActivity {
+        bool seen = false;
+        uint64_t lastUs = 0;        // the poll that saw its newest datagram
+        uint64_t maxGapUs = 0;      // the longest quiet time between two datagrams
+        double typicalGapUs = 0.0;  // running mean of the quiet times
+    };
+    static constexpr size_t kChannels = std::size(orvnames::kReceivedBits);
+    static const char* channelName(size_t i) { return orvnames::kReceivedBits[i].name; }
+    // A channel is stale when it has been quiet this many times its usual
+    // interval, and at least kStaleMinUs.
+    static constexpr double kStaleFactor = 5.0;
+    static constexpr uint64_t kStaleMinUs = 500000;
     struct CodeCount {
         uint16_t code;
         uint64_t count;
@@ -146,6 +160,20 @@ public:
     const SeqCheck& imuSeq() const { return imuSeq_; }
     const SeqCheck& hubSeq() const { return hubSeq_; }
     const PredictionMeter& prediction() const { return meter_; }
+
+    const ChannelActivity& activity(size_t i) const { return activity_[i]; }
+    // Time since the channel's newest datagram, as of the last poll.
+    uint64_t sinceUs(size_t i) const { return activity_[i].seen ? lastUs_ - activity_[i].lastUs : 0; }
+    bool stale(size_t i) const;
+    bool trackingStale() const;
+    // Names of the stale channels, e.g. "image pra"; "" when none.
+    std::string staleNames() const;
+
+    // The newest pose's age: library clock at its receipt minus its pose time.
+    int64_t poseAgeUs() const { return poseAgeUs_; }
+    // The same as of the last poll: it grows while no pose arrives.
+    int64_t poseAgeNowUs() const { return static_cast<int64_t>(lastUs_) - static_cast<int64_t>(raw_.poseTime); }
+    double meanPoseAgeMs() const { return poseAges_ ? poseAgeSumUs_ / static_cast<double>(poseAges_) / 1e3 : 0.0; }
 
     bool hasRawPose() const { return hasRaw_; }
     const s_OrvAccessTrkDataExt& rawPose() const { return raw_; }
@@ -193,6 +221,8 @@ private:
     void requestStreaming();
     void pollUplink(uint64_t nowUs);
     void noteReflected(uint32_t platPoseTime);
+    void noteActivity(uint64_t nowUs);
+    static void writeCsvLine(const PredictionMatch& m, void* self);
     void snapshot(uint64_t nowUs);
 
     OrvAccess& access_;
@@ -225,6 +255,9 @@ private:
     bool hasRaw_ = false, hasPredicted_ = false;
     bool seenTrack_ = false, seenNft_ = false;
     uint64_t lastTrackTime_ = 0, lastNftTime_ = 0;
+    int64_t poseAgeUs_ = 0;
+    double poseAgeSumUs_ = 0.0;
+    uint64_t poseAges_ = 0;
     double predictedHorizonS_ = 0.0;
 
     s_OrvAccessDiagData diag_{};
@@ -234,6 +267,8 @@ private:
 
     StatusView status_;
     uint32_t receivedWindow_ = 0;
+    uint32_t receivedPoll_ = 0;  // bits seen since the last activity update
+    std::array<ChannelActivity, kChannels> activity_{};
     bool imagePacketsSinceImage_ = false;
     ImageView image_;
     std::vector<unsigned char> imageBuf_;

@@ -4,6 +4,10 @@
 
 #include <string>
 
+namespace orvcheck {
+struct IniReport;
+}
+
 namespace orvmon {
 
 struct PredictionSettings {
@@ -14,5 +18,7 @@ struct PredictionSettings {
 // A missing file, key or malformed value leaves the default, as in the
 // library.
 PredictionSettings readPredictionSettings(const std::string& iniPath);
+// The same from a file already checked.
+PredictionSettings fromIni(const orvcheck::IniReport& ini);
 
 }  // namespace orvmon

@@ -4,7 +4,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <cstdint>
 #include <ctime>
 #include <fstream>
@@ -12,9 +15,12 @@
 #include <memory>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
+#include "Check.hpp"
 #include "LiveView.hpp"
 #include "Monitor.hpp"
+#include "Session.hpp"
 #include "Settings.hpp"
 
 namespace {
@@ -22,6 +28,10 @@ namespace {
 volatile std::sig_atomic_t gStop = 0;
 
 void onSignal(int) { gStop = 1; }
+
+// Exit codes: 0 a run, 1 the library cannot be opened, 2 bad arguments or
+// an unreadable configuration file, 3 nothing arrived at all.
+constexpr int kExitNoOpen = 1, kExitUsage = 2, kExitNothing = 3;
 
 // Installed before ncurses starts, so that ncurses keeps its hands off them
 // and a signal ends the loop through the same path as 'q'.
@@ -38,31 +48,80 @@ void sleepUs(long us) {
     nanosleep(&ts, nullptr);
 }
 
-// The simulator may come up a moment after the monitor: keep trying.
-bool openWithRetry(OrvAccess& access, double timeoutS) {
+// The simulator may come up a moment after the monitor: keep trying until
+// the library opens and, when the file wants one, the command channel is up.
+// With verbose, the library's connection lines of each attempt that differs.
+orvsession::OpenResult openWithRetry(OrvAccess& access, const std::string& ini, double timeoutS, bool verbose) {
     const uint64_t start = access.getTimeUs();
-    while (!access.open()) {
-        if (gStop || static_cast<double>(access.getTimeUs() - start) >= timeoutS * 1e6) return false;
+    std::vector<std::string> shown;
+    for (;;) {
+        orvsession::OpenResult r = orvsession::openLibrary(access, ini, orvsession::Scope::Everything);
+        if (verbose && r.lines != shown) {
+            for (const std::string& line : r.lines) std::cerr << "orvaccess: " << line << "\n";
+            shown = r.lines;
+        }
+        const orvsession::ChannelState tcp = r.channel(orvnames::Channel::Tcp).state;
+        const bool done = r.opened && tcp != orvsession::ChannelState::Failed;
+        if (done || !r.setupError.empty() || gStop ||
+            static_cast<double>(access.getTimeUs() - start) >= timeoutS * 1e6)
+            return r;
         sleepUs(200000);
     }
-    return true;
 }
+
+std::string located(const orvcheck::Finding& f, const std::string& ini) {
+    return (f.line > 0 ? ini + " line " + std::to_string(f.line) + ": " : "") + f.message;
+}
+
+// Another receiver may start while the monitor runs and take its datagrams:
+// look again every few seconds.
+class PortWatch {
+public:
+    static constexpr uint64_t kPeriodUs = 2000000;
+
+    PortWatch(const orvcheck::IniReport& ini, bool announce) : ini_(ini), announce_(announce) {}
+
+    // True when the warnings changed.
+    bool poll(uint64_t nowUs) {
+        if (nowUs < nextUs_) return false;
+        nextUs_ = nowUs + kPeriodUs;
+        std::vector<std::string> now;
+        for (const orvcheck::Finding& f : orvcheck::heldPortFindings(ini_, getpid())) now.push_back(f.message);
+        if (now == warnings_) return false;
+        if (announce_)
+            for (const std::string& w : now)
+                if (std::find(warnings_.begin(), warnings_.end(), w) == warnings_.end())
+                    std::cerr << "orvmon: warning: " << w << "\n";
+        warnings_ = std::move(now);
+        return true;
+    }
+    const std::vector<std::string>& warnings() const { return warnings_; }
+
+private:
+    const orvcheck::IniReport& ini_;
+    bool announce_;
+    uint64_t nextUs_ = 0;
+    std::vector<std::string> warnings_;
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"orvmon: live monitor of an orv tracking system"};
+    app.set_version_flag("--version", std::string("orvmon ") + ORVA_TOOL_VERSION);
     std::string ini = "orvaccess.ini";
     double duration = 0.0, connectTimeout = 5.0;
-    bool plain = false;
+    bool plain = false, verbose = false;
     orvmon::MonitorOptions opt;
     app.add_option("--ini", ini, "configuration file of the library")->capture_default_str();
-    std::string summaryFile;
+    std::string summaryFile, csvFile;
     app.add_option("--summary-file", summaryFile, "also write the summary to this file");
+    app.add_option("--csv", csvFile, "write one line per predicted tracking record: times, poses, errors");
     app.add_option("--duration", duration, "seconds to run; 0 runs until interrupted")
         ->capture_default_str()
         ->check(CLI::NonNegativeNumber);
     app.add_flag("--plain", plain, "one line per second instead of the live view");
+    app.add_flag("-v,--verbose", verbose, "print the library's connection lines");
     app.add_option("--ahead-ms", opt.aheadMs, "display time ahead of the library clock, ms")
         ->capture_default_str()
         ->check(CLI::NonNegativeNumber);
@@ -71,26 +130,71 @@ int main(int argc, char** argv) {
     app.add_option("--connect-timeout", connectTimeout, "seconds to keep retrying open()")
         ->capture_default_str()
         ->check(CLI::NonNegativeNumber);
-    CLI11_PARSE(app, argc, argv);
+    app.footer("Exit status: 0 a run; 1 the library cannot be opened; 2 bad arguments or an unreadable "
+               "configuration file; 3 nothing arrived on any channel.");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? 0 : kExitUsage;
+    }
 
     installSignals();
-    // The library quietly falls back to its defaults; say so once.
-    if (::access(ini.c_str(), R_OK) != 0)
-        std::cerr << "orvmon: note: cannot read " << ini << "; the library uses its defaults\n";
-    OrvAccess access;
-    access.setIniPath(ini);
-    if (!openWithRetry(access, connectTimeout)) {
-        std::cerr << "orvmon: cannot open: " << access.getLastError() << "\n";
-        return 1;
+    // The same check as orvctl check: what in the file or on this machine
+    // will keep the monitor from seeing what the writer expects.
+    orvcheck::CheckOptions checkOptions;
+    checkOptions.iniPath = ini;
+    checkOptions.ownPid = getpid();
+    const orvcheck::CheckReport check = orvcheck::runCheck(checkOptions);
+    if (!check.ini.readable) {
+        // The library would quietly run on its defaults and show nothing.
+        std::cerr << "orvmon: cannot read the configuration file " << ini << ": " << check.ini.readError
+                  << "; name it with --ini FILE (examples/orvaccess.ini is a start)\n";
+        return kExitUsage;
     }
-    opt.prediction = orvmon::readPredictionSettings(ini);
+    std::vector<std::string> warnings;  // for the live view, which hides what went before
+    for (const orvcheck::Finding& f : check.findings) {
+        if (f.severity == orvcheck::Severity::Note || f.kind == "port-held") continue;  // held ports: the watch
+        warnings.push_back(located(f, ini));
+        std::cerr << "orvmon: " << orvcheck::severityName(f.severity) << ": " << warnings.back() << "\n";
+    }
+
+    std::ofstream csv;
+    if (!csvFile.empty()) {
+        csv.open(csvFile);
+        if (!csv) {
+            std::cerr << "orvmon: cannot write " << csvFile << ": " << std::strerror(errno)
+                      << "; name a file in a writable folder\n";
+            return kExitUsage;
+        }
+        opt.csv = &csv;
+    }
+
+    OrvAccess access;
+    const orvsession::OpenResult opened = openWithRetry(access, ini, connectTimeout, verbose);
+    if (!opened.setupError.empty()) {
+        std::cerr << "orvmon: " << opened.setupError << "\n";
+        return kExitNoOpen;
+    }
+    if (!opened.opened) {
+        std::cerr << "orvmon: cannot open: " << opened.lastError << "\n";
+        for (const orvsession::ChannelResult* c : opened.failures())
+            std::cerr << "orvmon:   " << orvsession::failureText(*c) << "\n";
+        return kExitNoOpen;
+    }
+    for (const orvsession::ChannelResult* c : opened.failures()) {
+        warnings.push_back(orvsession::failureText(*c));
+        std::cerr << "orvmon: warning: " << warnings.back() << "\n";
+    }
+    opt.prediction = orvmon::fromIni(check.ini);
 
     orvmon::Monitor monitor(access, opt);
     std::unique_ptr<orvmon::LiveView> view;
     if (!plain && isatty(STDOUT_FILENO)) {
-        view = orvmon::LiveView::open("orvmon  " + ini, opt.uplink);
+        view = orvmon::LiveView::open();
         if (!view) std::cerr << "orvmon: cannot drive this terminal; plain output instead\n";
     }
+    PortWatch ports(check.ini, !view);
+    orvmon::ViewText text{"orvmon  " + ini, opt.uplink, warnings};
 
     const uint64_t start = access.getTimeUs();
     uint64_t nextDraw = start, nextKey = start, nextLine = start + 1000000;
@@ -99,6 +203,10 @@ int main(int argc, char** argv) {
             const uint64_t now = access.getTimeUs();
             if (duration > 0 && static_cast<double>(now - start) >= duration * 1e6) break;
             monitor.poll(now);
+            if (ports.poll(now)) {
+                text.warnings = ports.warnings();
+                text.warnings.insert(text.warnings.end(), warnings.begin(), warnings.end());
+            }
             if (view) {
                 if (now >= nextKey) {
                     nextKey = now + 20000;
@@ -108,7 +216,7 @@ int main(int argc, char** argv) {
                 }
                 if (now >= nextDraw) {
                     nextDraw = now + 200000;
-                    view->draw(monitor);
+                    view->draw(monitor, text);
                 }
             } else if (now >= nextLine) {
                 nextLine += 1000000;
@@ -121,7 +229,7 @@ int main(int argc, char** argv) {
         if (view) view->close();
         access.close();
         std::cerr << "orvmon: " << e.what() << "\n";
-        return 1;
+        return kExitNoOpen;
     }
     if (view) view->close();
     monitor.finish();
@@ -132,8 +240,18 @@ int main(int argc, char** argv) {
         monitor.writeSummary(out);
         if (!out) {
             std::cerr << "orvmon: cannot write " << summaryFile << "\n";
-            return 1;
+            return kExitNoOpen;
         }
+    }
+    if (csv.is_open() && !csv.flush()) {
+        std::cerr << "orvmon: writing " << csvFile << " failed (disk full?)\n";
+        return kExitNoOpen;
+    }
+    if (monitor.status().receivedEver == 0) {
+        std::cerr << "orvmon: nothing arrived on any channel in " << monitor.runTimeS()
+                  << " s: is the tracking system running, streaming, and sending to this machine's ports? "
+                     "orvctl check and orvctl status tell more\n";
+        return kExitNothing;
     }
     return 0;
 }

@@ -14,6 +14,9 @@ packages=(
   libbenchmark-dev
   libcli11-dev
   libncurses-dev
+  nlohmann-json3-dev
+  help2man
+  doxygen
 )
 
 missing=()

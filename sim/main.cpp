@@ -67,6 +67,7 @@ void printReport(const orvsim::SimReport& r, std::FILE* out) {
 
 int main(int argc, char** argv) {
     CLI::App app{"orvsim: a simulator of the tracking system (orvRx, orvCore, orvHub, NFT) on one machine"};
+    app.set_version_flag("--version", std::string("orvsim ") + ORVA_TOOL_VERSION);
     std::string ini = "orvaccess.ini";
     double duration = 0.0;
     std::string files;

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "Attitude.hpp"
+#include "Layout.hpp"
 #include "Monitor.hpp"
 #include "PredictionError.hpp"
 #include "SeqCheck.hpp"
@@ -234,6 +235,35 @@ TEST(Prediction, UnmatchedWhenTruthIsMissingOrGone) {
     EXPECT_EQ(m.predicted().n(), 0u);
 }
 
+TEST(Prediction, PositionErrorAndEverySettledPredictionToTheSink) {
+    PredictionMeter m(64, 4000000, 2);
+    std::vector<PredictionMatch> seen;
+    m.setSink([](const PredictionMatch& p, void* v) { static_cast<std::vector<PredictionMatch>*>(v)->push_back(p); },
+              &seen);
+    // The head moves 1 m/s along x; the library keeps the position as reported.
+    const auto at = [](int64_t us) { return Vec3{static_cast<double>(us) / 1e6, 0.5, 1.5}; };
+    for (int64_t t = 0; t <= 20000; t += 2000) m.addTruth(static_cast<uint64_t>(t), truthAt(t), at(t));
+
+    // Predicted 5 ms ahead, position as reported at 4 ms, 2 mm off in z.
+    Vec3 p = at(4000);
+    p[2] += 0.002;
+    m.addPrediction(4000, {9000, 0.005}, truthAt(9000), p);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_TRUE(seen[0].matched && seen[0].haveRaw);
+    EXPECT_NEAR(seen[0].errorMm, std::hypot(5.0, 2.0), 1e-9);
+    EXPECT_NEAR(seen[0].rawErrorMm, 5.0, 1e-9);  // the reported pose, 5 ms behind
+    EXPECT_NEAR(seen[0].truth.p[0], 0.009, 1e-12);
+    EXPECT_NEAR(m.predictedMm().mean(), std::hypot(5.0, 2.0), 1e-9);
+    EXPECT_NEAR(m.unpredictedMm().mean(), 5.0, 1e-9);
+
+    // Waiting predictions pushed out of the full queue reach the sink unmatched.
+    for (int i = 0; i < 3; ++i) m.addPrediction(20000, {30000 + i, 0.01}, truthAt(30000), at(20000));
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_FALSE(seen[1].matched);
+    EXPECT_EQ(seen[1].targetUs, 30000);
+    EXPECT_EQ(m.unmatched(), 1u);
+}
+
 // ---- the configuration ----------------------------------------------------------------
 
 TEST(Settings, ReadsPredictionKeysAsTheLibraryDoes) {
@@ -448,4 +478,81 @@ TEST(MonitorStreaming, SaysWhenOrvRxNeverAcknowledgesStreaming) {
             << summaryOf(m);
     });
     std::filesystem::remove_all(dir);
+}
+
+TEST_F(MonitorLive, ChannelsKnowTheirQuietTimesAndGoStale) {
+    Monitor m(access_, {});
+    orvtest::UdpSender tx;
+    // A valid, empty tracking packet: start byte, length, zero body, checksum.
+    orvtest::Bytes pose(332, 0);
+    pose[0] = 10;
+    pose[1] = 332 & 0xff;
+    pose[2] = 332 >> 8;
+    pose.back() = static_cast<unsigned char>(-(10 + (332 & 0xff) + (332 >> 8)));
+    const size_t tracking = 2;                                // the received bits' order
+    ASSERT_STREQ(Monitor::channelName(tracking), "tracking");
+    for (int i = 0; i < 30; ++i) {
+        ASSERT_TRUE(tx.send(ports_[orvtest::kCore], pose));
+        pollFor(m, 1);
+    }
+    EXPECT_EQ(m.activity(tracking).maxGapUs, 10000u);
+    EXPECT_NEAR(m.activity(tracking).typicalGapUs, 10000.0, 1.0);
+    EXPECT_FALSE(m.activity(0).seen);  // meta: nothing
+
+    pollFor(m, 40);  // 400 ms of quiet: not yet stale (at least 500 ms)
+    EXPECT_EQ(m.sinceUs(tracking), 400000u);
+    EXPECT_FALSE(m.trackingStale());
+    pollFor(m, 20);
+    EXPECT_TRUE(m.trackingStale());
+    EXPECT_EQ(m.staleNames(), "tracking");
+    std::ostringstream line;
+    m.writeLine(line);
+    EXPECT_NE(line.str().find(" STALE tracking"), std::string::npos) << line.str();
+
+    ASSERT_TRUE(tx.send(ports_[orvtest::kCore], pose));
+    pollFor(m, 1);
+    EXPECT_FALSE(m.trackingStale());
+    EXPECT_EQ(m.activity(tracking).maxGapUs, 610000u);
+    std::ostringstream summary;
+    m.writeSummary(summary);
+    EXPECT_TRUE(std::regex_search(summary.str(), std::regex("\nchannel +tracking +last +0\\.0 ms ago +max gap +610\\.0 ms")))
+        << summary.str();
+}
+
+TEST_F(MonitorLive, LiveViewFitsEightyByTwentyFourAndUsesMoreRoom) {
+    Monitor m(access_, {});
+    orvtest::UdpSender tx;
+    const unsigned char junk[] = {10, 7, 0, 1, 2, 3, 4};
+    for (int i = 0; i < 6; ++i) ASSERT_TRUE(tx.send(ports_[orvtest::kCore], junk, sizeof junk));
+    for (int i = 0; i < 200 && m.count(Monitor::kErrorCode) < 6; ++i) pollFor(m, 1);
+    ViewText text{"orvmon  test.ini", true, {}};
+    for (int i = 0; i < 6; ++i) text.warnings.push_back("warning " + std::to_string(i) + std::string(100, '.'));
+
+    const auto count = [](const std::vector<std::string>& lines, const std::string& start) {
+        return std::count_if(lines.begin(), lines.end(),
+                             [&](const std::string& l) { return l.compare(0, start.size(), start) == 0; });
+    };
+    const std::vector<std::string> small = layoutView(m, text, 80, 24);
+    ASSERT_EQ(small.size(), 24u);
+    for (const std::string& l : small) EXPECT_LE(l.size(), 80u) << l;
+    // What used to be cut off: the prediction error and the error codes.
+    EXPECT_EQ(count(small, "pred.err  attitude"), 1);
+    EXPECT_EQ(count(small, "          position"), 1);
+    EXPECT_EQ(count(small, "errors    6 in all"), 1);
+    EXPECT_EQ(count(small, "    770 value 0"), 3);
+    EXPECT_EQ(count(small, "! "), 3);
+    EXPECT_EQ(small.back(), "! ... and 4 more (orvctl check shows them)");
+    EXPECT_EQ(count(small, "tracking "), 1);  // the channel; its records sit beside it
+
+    const std::vector<std::string> big = layoutView(m, text, 200, 40);
+    ASSERT_LE(big.size(), 40u);
+    EXPECT_EQ(count(big, "    770 value 0"), 5);
+    EXPECT_EQ(count(big, "! warning "), 6);
+    const std::string all = [&] {
+        std::string s;
+        for (const std::string& l : big) s += l + "\n";
+        return s;
+    }();
+    for (const char* kind : {"images-unattributed", "pose-recovery", "platform-poses"})
+        EXPECT_NE(all.find(kind), std::string::npos) << kind << "\n" << all;
 }

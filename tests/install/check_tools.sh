@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# Installs into a temporary prefix and uses what users get there: the tools
+# (which must find the installed library by themselves), the example
+# configuration, the man pages and the API reference; then the installed
+# simulator, orvctl and orvmon together on free ports.
+set -euo pipefail
+build_dir=$1
+version=$2
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/orvatools-XXXXXX")
+sim=""
+cleanup() {
+  if [ -n "$sim" ]; then
+    kill "$sim" 2>/dev/null || true
+    wait "$sim" 2>/dev/null || true
+  fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+fail() {
+  echo "FAIL: $*" >&2
+  exit 1
+}
+
+prefix=$work/prefix
+cmake --install "$build_dir" --prefix "$prefix" >/dev/null
+
+echo "== tools, man pages"
+for tool in orvsim orvmon orvctl; do
+  [ -x "$prefix/bin/$tool" ] || fail "bin/$tool was not installed"
+  out=$(env -u LD_LIBRARY_PATH "$prefix/bin/$tool" --version) || fail "bin/$tool does not run from the prefix"
+  [ "$out" = "$tool $version" ] || fail "bin/$tool --version says '$out'"
+  page=$(find "$prefix" -path "*/man1/$tool.1" | head -n 1)
+  [ -n "$page" ] || fail "no man page for $tool"
+  grep -q "^\.TH ${tool^^} \"1\"" "$page" || fail "$page is not the man page of $tool"
+  grep -qF -- '\-\-ini' "$page" || fail "$page lacks the options"
+done
+grep -qx "reg" "$(find "$prefix" -path '*/man1/orvctl.1')" || fail "orvctl's man page lacks its subcommands"
+
+echo "== example configuration, API reference"
+ini=$prefix/share/orvaccess/orvaccess.ini
+[ -f "$ini" ] || fail "share/orvaccess/orvaccess.ini was not installed"
+api=$prefix/share/doc/orvaccess/api
+[ -f "$api/index.html" ] || fail "the API reference was not installed in share/doc/orvaccess/api"
+grep -q "OrvAccess_getTrackingDataLatest" "$api/orvaccess_8h.html" || fail "the API reference lacks the C functions"
+grep -q "getTrackingDataAtTime" "$api/classOrvAccess.html" || fail "the API reference lacks the class"
+grep -q "counts IMU samples" "$api/structs__OrvAccessTrkDataExt.html" ||
+  fail "the API reference lacks the records' field comments"
+
+echo "== the installed tools at work"
+# Seven ports that nobody on this machine uses, below 32768 as the library needs.
+port_free() {
+  local hex
+  hex=$(printf '%04X' "$1")
+  ! grep -q ":$hex " /proc/net/tcp /proc/net/udp /proc/net/tcp6 /proc/net/udp6 2>/dev/null
+}
+ports=()
+p=$((20000 + ($$ * 37) % 12000))
+while [ ${#ports[@]} -lt 7 ]; do
+  p=$((p + 1))
+  [ $p -lt 32768 ] || p=20000
+  if port_free $p; then ports+=("$p"); fi
+done
+cat >"$work/t.ini" <<INI
+[Communication]
+tcpOrvRxAddr = 127.0.0.1
+tcpOrvRxPort = ${ports[0]}
+udpOrvRxPort = ${ports[1]}
+udpOrvRxImgPort = ${ports[2]}
+udpOrvRxInputPort = ${ports[3]}
+udpOrvCorePort = ${ports[4]}
+udpOrvHubPort = ${ports[5]}
+udpNftPort = ${ports[6]}
+sMemImgName = orvInstall$$
+INI
+mkdir "$work/files"
+"$prefix/bin/orvsim" --ini "$work/t.ini" --duration 30 --files "$work/files" >"$work/sim.out" 2>"$work/sim.err" &
+sim=$!
+ctl() { env -u LD_LIBRARY_PATH "$prefix/bin/orvctl" --ini "$work/t.ini" "$@"; }
+for _ in $(seq 50); do
+  rc=0
+  out=$(ctl reg set 0x10 7 2>/dev/null) || rc=$?
+  [ $rc -eq 3 ] || break
+  sleep 0.1
+done
+[ "$out" = "0x000010 = 0x07 (7)" ] || fail "orvctl reg set: '$out' (exit $rc)"
+out=$(ctl reg get 0x10) || fail "orvctl reg get failed"
+[ "$out" = "0x000010 = 0x07 (7)" ] || fail "orvctl reg get: '$out'"
+ctl check >"$work/check.out" || fail "orvctl check found problems: $(cat "$work/check.out")"
+env -u LD_LIBRARY_PATH "$prefix/bin/orvmon" --ini "$work/t.ini" --plain --duration 1 >"$work/mon.out" ||
+  fail "orvmon failed: $(cat "$work/mon.out")"
+grep -Eq "^records +tracking +[1-9][0-9]* " "$work/mon.out" || fail "orvmon saw no tracking: $(cat "$work/mon.out")"
+echo "ok"
