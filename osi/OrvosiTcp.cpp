@@ -51,7 +51,7 @@ OrvosiTcpClient::~OrvosiTcpClient() { OrvosiUtil::socketCleanup(); }
 bool OrvosiTcpClient::open(const char* host, int port, int timeoutUs) {
     if (fd_ >= 0) close();
     timeout_ = timeval{};
-    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0) return OrvosiUtil::failWithSystemText(lastError_, "Error creating socket...");
 
     sockaddr_in server{};

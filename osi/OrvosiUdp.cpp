@@ -78,7 +78,9 @@ OrvosiUdpClient::~OrvosiUdpClient() { OrvosiUtil::socketCleanup(); }
 
 bool OrvosiUdpClient::open(const char* port, int receiveBufferSize, bool blocking) {
     if (fd_ >= 0) close();
-    fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+    // Close-on-exec: a program the application starts must not hold, and so
+    // share, the tracker's ports.
+    fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0) return OrvosiUtil::failWithSystemText(lastError_, "Error creating socket...");
 
     const int on = 1;
@@ -210,7 +212,7 @@ bool OrvosiUdpServer::open(const char* destination) {
         return false;
     }
 
-    fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+    fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0) return OrvosiUtil::failWithSystemText(lastError_, "Error creating socket...");
     const int on = 1;
     if (setsockopt(fd_, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0)

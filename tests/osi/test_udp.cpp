@@ -1,5 +1,6 @@
 // UDP endpoints against real sockets on 127.0.0.1.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -68,6 +69,24 @@ TEST(UdpClient, ReadNeverBlocksCutsLongDatagramsAndFlushEmptiesQueue) {
     ASSERT_EQ(poll(&p, 1, 2000), 1);
     EXPECT_TRUE(c.flush());
     EXPECT_EQ(readOne(c), "");
+
+    // Many at once: as many as wait, each in its slot, cut at the slot's size.
+    unsigned char slots[4][16];
+    size_t sizes[4] = {}, got = 9;
+    EXPECT_TRUE(c.readMany(slots[0], sizeof slots[0], 4, sizes, &got));
+    EXPECT_EQ(got, 0u);
+    for (const std::string& d : {std::string("one"), std::string(20, 'x'), std::string("three")})
+        ASSERT_TRUE(sender.send(c.localPort(), d));
+    ASSERT_EQ(poll(&p, 1, 2000), 1);
+    usleep(20000);  // loopback delivers in order; give the last one its moment
+    EXPECT_TRUE(c.readMany(slots[0], sizeof slots[0], 4, sizes, &got));
+    ASSERT_EQ(got, 3u);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(slots[0]), sizes[0]), "one");
+    EXPECT_EQ(sizes[1], 16u);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(slots[2]), sizes[2]), "three");
+
+    // A program the application starts must not inherit the port.
+    EXPECT_NE(fcntl(c.descriptor(), F_GETFD) & FD_CLOEXEC, 0);
 
     EXPECT_EQ(c.close(), 0);
     EXPECT_EQ(c.close(), -1);  // a second close must not hit a reused descriptor
