@@ -153,7 +153,13 @@ TEST_F(Wire, EveryDatagramFamilyRoundTripsThroughTheServiceLoop) {
 
     orvsim::MetaContent meta;
     meta.tag = 31, meta.interval = 0.001f, meta.time = 32, meta.imu.pid = 0, meta.imu.gyroRaw[0] = 100;
-    meta.diag = s_OrvAccessDiagData{33, 1.5f, 34, 35, 2.5f, 36, {0, 0, 0, 0}, 2, {1, 2, 3, 4}};
+    // Set field by field on a zeroed record: an aggregate initialiser leaves
+    // the padding undefined, and the records are compared byte for byte.
+    s_OrvAccessDiagData want;
+    std::memset(&want, 0, sizeof want);
+    want.tag = 33, want.diagValue1 = 1.5f, want.diagCount = 34, want.diagByte1 = 35, want.diagValue2 = 2.5f;
+    want.diagByte2 = 36, want.state = 2, want.optional[0] = 1, want.optional[3] = 4;
+    meta.diag = want;
     send(orvwire::kMetaPort, orvsim::buildMeta(meta));
     EXPECT_EQ(received(), static_cast<uint32_t>(orvwire::kMeta.receivedBit));
     s_OrvAccessImuData imu{};
@@ -162,7 +168,7 @@ TEST_F(Wire, EveryDatagramFamilyRoundTripsThroughTheServiceLoop) {
     EXPECT_TRUE(imu.time == 32 && imu.tag == 31 && imu.gyroRaw[0] == 100 && imu.dt == 0.001f);
     const auto diag = drain(access, &OrvAccess::getDiagData);
     ASSERT_EQ(diag.size(), 1u);
-    EXPECT_EQ(firstDifference(diag[0], *meta.diag), -1);
+    EXPECT_EQ(firstDifference(diag[0], want), -1);
     EXPECT_TRUE(errorCodes().empty());
 }
 
