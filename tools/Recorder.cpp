@@ -25,7 +25,7 @@ constexpr int kCaptureBuffer = 8 << 20;       // a few seconds of camera images
 constexpr int kReceiveBuffer = 4 << 20;
 constexpr int kPollMs = 100;                  // how late a stop or a duration's end is noticed
 constexpr int kConnectMs = 1000;
-constexpr int kLastReplyMs = 300;             // for the acknowledgement of streaming off
+constexpr uint64_t kDrainUs = 300000;         // after streaming off: the acknowledgement, datagrams in flight
 constexpr int kDatagramsPerTurn = 256;        // per port, so that no port starves the others
 constexpr uint64_t kProgressUs = 500000;
 constexpr uint32_t kLoopbackNet = 127;
@@ -295,9 +295,22 @@ bool Recorder::run(const std::atomic<bool>& stop, const std::function<void(const
     };
 
     std::vector<pollfd> fds;
+    uint64_t closeAt = 0;  // set once the end has come: what is still under way is recorded until then
     for (;;) {
         const uint64_t now = OrvosiUtil::getTimeSysUs();
-        if (stop.load() || (limit != 0 && now - start >= limit)) break;
+        if (closeAt == 0 && (stop.load() || (limit != 0 && now - start >= limit))) {
+            closeAt = now + 1;
+            if (r != nullptr && r->tcp >= 0) {
+                // Leave orvRx as the library would: streaming off, and what it still sends recorded.
+                const Bytes off = streamingFrame(false);
+                if (send(r->tcp, off.data(), off.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(off.size())) {
+                    r->writeFrame(r->flow->data(true, off.data(), off.size()));
+                    report_.counts.add(ChannelId::Commands, "to orvRx", off.size());
+                    closeAt = now + kDrainUs;
+                }
+            }
+        }
+        if (closeAt != 0 && now >= closeAt) break;
         if (now >= nextProgress) {
             nextProgress += kProgressUs;
             report_.seconds = static_cast<double>(now - start) / 1e6;
@@ -310,7 +323,8 @@ bool Recorder::run(const std::atomic<bool>& stop, const std::function<void(const
             for (const Receive::Port& p : r->ports) fds.push_back({p.fd, POLLIN, 0});
             if (r->tcp >= 0) fds.push_back({r->tcp, POLLIN, 0});
         }
-        if (poll(fds.data(), fds.size(), kPollMs) < 0 && errno != EINTR) {
+        const int waitMs = closeAt != 0 ? 10 : kPollMs;
+        if (poll(fds.data(), fds.size(), waitMs) < 0 && errno != EINTR) {
             error = withSystemText("Waiting for traffic failed");
             return false;
         }
@@ -370,19 +384,9 @@ bool Recorder::run(const std::atomic<bool>& stop, const std::function<void(const
     }
 
     if (r != nullptr && r->tcp >= 0) {
-        // Leave orvRx as the library would: streaming off, then the connection closed.
-        const Bytes off = streamingFrame(false);
-        if (send(r->tcp, off.data(), off.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(off.size())) {
-            r->writeFrame(r->flow->data(true, off.data(), off.size()));
-            report_.counts.add(ChannelId::Commands, "to orvRx", off.size());
-            pollfd p{r->tcp, POLLIN, 0};
-            if (poll(&p, 1, kLastReplyMs) == 1) readCommands();
-        }
-        if (r->tcp >= 0) {
-            for (int step = 0; step < 3; ++step) r->writeFrame(r->flow->close(step));
-            ::close(r->tcp);
-            r->tcp = -1;
-        }
+        for (int step = 0; step < 3; ++step) r->writeFrame(r->flow->close(step));
+        ::close(r->tcp);
+        r->tcp = -1;
     }
     if (c != nullptr) {
         pcap_stat st{};
