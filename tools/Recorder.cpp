@@ -253,7 +253,7 @@ bool Recorder::openReceive(std::string& error) {
         return true;
     }
     r.writeFrame(r.flow->data(true, on.data(), on.size()));
-    report_.counts.add(ChannelId::Commands, "to orvRx", on.size());
+    report_.counts.add(ChannelId::Commands, "to-orvRx", on.size());
     report_.commands = "asked orvRx at " + where + " to stream, as the library does; it stops at the end";
     return true;
 }
@@ -264,7 +264,7 @@ void Recorder::count(const Segment& s) {
     if (ch == ChannelId::Commands) {
         if (s.payload.empty()) return;
         const bool toRx = s.dstPort == channels_[ChannelId::Commands].port;
-        report_.counts.add(ch, toRx ? "to orvRx" : "from orvRx", s.payload.size());
+        report_.counts.add(ch, toRx ? "to-orvRx" : "from-orvRx", s.payload.size());
         return;
     }
     report_.counts.add(ch, Channels::kindOf(ch, s.payload.data(), s.payload.size()), s.payload.size());
@@ -285,7 +285,7 @@ bool Recorder::run(const std::atomic<bool>& stop, const std::function<void(const
         if (n > 0) {
             const auto* b = reinterpret_cast<const unsigned char*>(buf);
             r->writeFrame(r->flow->data(false, b, static_cast<size_t>(n)));
-            report_.counts.add(ChannelId::Commands, "from orvRx", static_cast<size_t>(n));
+            report_.counts.add(ChannelId::Commands, "from-orvRx", static_cast<size_t>(n));
         } else if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) {
             report_.commands += "; orvRx closed the command channel";
             r->writeFrame(r->flow->close(1));
@@ -305,7 +305,7 @@ bool Recorder::run(const std::atomic<bool>& stop, const std::function<void(const
                 const Bytes off = streamingFrame(false);
                 if (send(r->tcp, off.data(), off.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(off.size())) {
                     r->writeFrame(r->flow->data(true, off.data(), off.size()));
-                    report_.counts.add(ChannelId::Commands, "to orvRx", off.size());
+                    report_.counts.add(ChannelId::Commands, "to-orvRx", off.size());
                     closeAt = now + kDrainUs;
                 }
             }
