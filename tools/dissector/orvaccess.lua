@@ -435,7 +435,7 @@ local function walk(tree, tvb, at, limit, prefix, layout)
             if at + count <= limit then tree:add(f, tvb(at, count)) else short = true end
             at = at + count
         else
-            local each = kind == "v3" and 3 or kind == "m33" and 9 or count
+            local each = (kind == "v3" and 3 or kind == "m33" and 9 or 1) * count
             local width = kind == "v3" and 4 or kind == "m33" and 4 or SIZE[kind]
             local itemKind = (kind == "v3" or kind == "m33") and "f32" or kind
             for i = 0, each - 1 do
@@ -475,12 +475,15 @@ local function frame(tree, tvb, at, limit, family, headline)
                                                           tvb(at, 1):uint(), family, fam.start))
         ok = false
     end
-    if real < 3 or length < 4 or length > real then
-        sub:add_proto_expert_info(EX.length, string.format("Wrong length: the length word says %d, %d bytes are there",
+    if real < 3 or length < 4 then
+        sub:add_proto_expert_info(EX.length, string.format("Wrong length: the length word says %d", length))
+        ok = false
+    elseif fam.check == "datagram" and length ~= real then
+        sub:add_proto_expert_info(EX.length, string.format("Wrong length: the length word says %d but the datagram has %d bytes",
                                                            length, real))
         ok = false
-    elseif family ~= "imu" and fam.check == "datagram" and length ~= real then
-        sub:add_proto_expert_info(EX.length, string.format("Wrong length: the length word says %d, the datagram has %d bytes",
+    elseif length > real then
+        sub:add_proto_expert_info(EX.length, string.format("Wrong length: the length word says %d but %d bytes are left",
                                                            length, real))
         ok = false
     end
@@ -495,7 +498,7 @@ local function frame(tree, tvb, at, limit, family, headline)
         end
     end
     if n < fam.fixedSize then
-        sub:add_proto_expert_info(EX.short, string.format("%d bytes, shorter than the %d of a %s packet's fixed fields",
+        sub:add_proto_expert_info(EX.short, string.format("%d bytes: shorter than the %d of a %s packet's fixed fields",
                                                           n, fam.fixedSize, family))
     end
     return sub, n, ok
@@ -620,7 +623,7 @@ local function target(tree, tvb, at, limit)
     local count = v.entryCount or 0
     if L.TARGET_ENTRIES_AT + L.TARGET_ENTRY_SIZE * count + 1 > n - 1 then
         sub:add_proto_expert_info(EX.overrun, string.format(
-            "%d entries need %d bytes, the subpacket has %d (the library raises 778)",
+            "%d entries need %d bytes but the subpacket has %d (the library raises 778)",
             count, L.TARGET_ENTRIES_AT + L.TARGET_ENTRY_SIZE * count + 2, n))
     end
     for i = 0, count - 1 do
@@ -645,7 +648,7 @@ local function diag(tree, tvb, at, limit)
     local consumed = n > L.DIAG_OPTIONAL_2 and 29 or n > L.DIAG_OPTIONAL_1 and 27 or 25
     if consumed > n - 1 then
         sub:add_proto_expert_info(EX.overrun, string.format(
-            "The fields run to byte %d, the subpacket has %d bytes (the library raises 779)", consumed, n))
+            "The fields run to byte %d but the subpacket has %d bytes (the library raises 779)", consumed, n))
     end
     return ok
 end
@@ -706,7 +709,7 @@ local function optical(tree, tvb, at, limit)
     end
     if n - 1 < consumed then
         sub:add_proto_expert_info(EX.overrun, string.format(
-            "%d targets (and statistics) need %d bytes, the subpacket has %d (the library raises 780)",
+            "%d targets (and statistics) need %d bytes but the subpacket has %d (the library raises 780)",
             count, consumed + 1, n))
     end
     return ok
@@ -751,7 +754,7 @@ local function nft(tree, tvb, pinfo)
     local count = v.featureCount or 0
     local need = L.NFT_FEATURES_AT + L.NFT_FEATURE_SIZE * count + L.NFT_SIZE - L.NFT_FEATURES_AT
     if need > size then
-        sub:add_proto_expert_info(EX.overrun, string.format("%d features need %d bytes, the packet has %d",
+        sub:add_proto_expert_info(EX.overrun, string.format("%d features need %d bytes but the packet has %d",
                                                             count, need, size))
     end
     for i = 0, count - 1 do
@@ -829,7 +832,7 @@ function orv.dissector(tvb, pinfo, tree)
         local kind, fn = uplinkKind(tvb)
         if kind == nil then
             local top = tree:add(orv, tvb(), "orv uplink datagram of no known kind")
-            top:add_proto_expert_info(EX.length, "Neither a platform pose (21 bytes), GPS (73) nor input (5)")
+            top:add_proto_expert_info(EX.length, "Neither a platform pose (21 bytes) nor GPS (73) nor input (5)")
             return tvb:len()
         end
         return show(tvb, pinfo, tree, "uplink-" .. kind, fn, "uplink " .. kind)
@@ -900,8 +903,8 @@ table.insert(cmdAll, cmd.reply)
 orvcmd.fields = cmdAll
 
 local infoParts = {}     -- what the frames of one segment were, for the info column
-local lastCommand = {}   -- by TCP stream: the code of the last command sent
-local replyContext = {}  -- by frame number: the command its reply answers
+local pending = {}       -- by TCP stream: the commands still awaiting their reply, oldest first
+local answers = {}       -- by "frame:offset" of a reply: the command it answers (-1: none)
 local tcpStream = Field.new("tcp.stream")
 
 local function zeroAt(tvb, from)
@@ -948,7 +951,8 @@ local function command(tree, tvb, at, n, pinfo)
         t:add(cmd.code, tvb(at, 1))
         local c = tvb(at, 1):uint()
         t:set_text(c == C.CHUNK and "Chunk acknowledged" or c == C.ABORT and "Transfer aborted" or "Unknown byte")
-        return c
+        infoParts[#infoParts + 1] = c == C.CHUNK and "chunk acknowledged" or c == C.ABORT and "abort" or "unknown byte"
+        return c, false
     end
     t:add(cmd.frameStart, tvb(at, 1))
     t:add(cmd.code, tvb(at + 1, 1))
@@ -986,7 +990,9 @@ local function command(tree, tvb, at, n, pinfo)
     if byteSum(tvb, at, n) ~= 0 then t:add_proto_expert_info(CX.checksum) end
     t:set_text("Command: " .. text)
     infoParts[#infoParts + 1] = text
-    return code
+    -- What orvRx answers: everything but an IMU transaction that wants nothing back.
+    local awaited = CODE_NAMES[code] ~= nil and not (code == C.IMU and tvb(at + 4 + tvb(at + 3, 1):uint(), 1):uint() == 0)
+    return code, awaited
 end
 
 local function reply(tree, tvb, at, n, last, pinfo)
@@ -1031,24 +1037,30 @@ function orvcmd.dissector(tvb, pinfo, tree)
     infoParts = {}
     local toRx = pinfo.dst_port == orv.prefs.command_port
     local stream = tcpStream() and tcpStream().value or 0
+    pending[stream] = pending[stream] or {}
+    local queue = pending[stream]
     local at = 0
     while at < tvb:len() do
-        local n
-        local last = replyContext[pinfo.number]
+        -- A reply answers the oldest command still waiting; file chunks answer none.
+        local key = pinfo.number .. ":" .. at
+        local last = answers[key]
         if not toRx and last == nil then
-            last = lastCommand[stream]
-            replyContext[pinfo.number] = last or -1
+            last = tvb(at, 1):uint() == C.FRAME_START and -1 or queue[1] or -1
         end
-        n = toRx and commandLength(tvb, at) or replyLength(tvb, at, last)
+        local n = toRx and commandLength(tvb, at) or replyLength(tvb, at, last)
         if n == 0 or at + n > tvb:len() then
             pinfo.desegment_offset = at
             pinfo.desegment_len = n == 0 and DESEGMENT_ONE_MORE_SEGMENT or at + n - tvb:len()
             break
         end
         if toRx then
-            local code = command(tree, tvb, at, n, pinfo)
-            if not pinfo.visited then lastCommand[stream] = code end
+            local code, awaited = command(tree, tvb, at, n, pinfo)
+            if not pinfo.visited and awaited then table.insert(queue, code) end
         else
+            if answers[key] == nil then
+                answers[key] = last
+                if last ~= -1 then table.remove(queue, 1) end
+            end
             reply(tree, tvb, at, n, last, pinfo)
         end
         at = at + n
@@ -1081,8 +1093,8 @@ end
 function orv.prefs_changed() registerPorts() end
 
 function orv.init()
-    lastCommand = {}
-    replyContext = {}
+    pending = {}
+    answers = {}
 end
 
 registerPorts()
