@@ -183,7 +183,7 @@ bool FrameDecoder::fragment(uint64_t timeUs, const unsigned char* ip, size_t hea
     ++counts_.fragments;
     // Fragments whose datagram never completed are given up after a while.
     for (auto it = pending_.begin(); it != pending_.end();) {
-        if (timeUs - it->second.firstUs > kFragmentLifeUs || pending_.size() > kMaxPending) {
+        if (timeUs > it->second.firstUs + kFragmentLifeUs || pending_.size() > kMaxPending) {
             ++counts_.fragmentsLost;
             it = pending_.erase(it);
         } else {
