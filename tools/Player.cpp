@@ -20,6 +20,7 @@ namespace {
 constexpr uint64_t kProgressUs = 500000;
 constexpr uint64_t kNapUs = 1000;           // longest sleep: commands stay answered
 constexpr uint64_t kLoneFrameGapUs = 1000;  // between passes of a one-frame recording
+constexpr int kLagSamples = 10000;          // clocked datagrams looked at before a retimed replay
 
 void napUs(uint64_t us) {
     if (us > 0) usleep(static_cast<useconds_t>(std::min(us, kNapUs)));
@@ -37,9 +38,10 @@ struct Player::Impl {
     uint64_t lastProgressUs = 0;
     int64_t loopOffsetUs = 0;  // recorded time that earlier passes covered
 
-    bool haveFirstClock = false;
-    uint64_t firstClock = 0;     // the first clock field met
-    int64_t firstClockAtUs = 0;  // its datagram's place in the recording
+    // Retiming: how long after its clock field a datagram was captured, at
+    // the least; a clock value plus this is its place in the recording.
+    int64_t lagUs = 0;
+    uint64_t windowStartUs = 0;
 
     ~Impl() {
         rx.reset();
@@ -133,21 +135,16 @@ bool Player::waitUntil(uint64_t dueUs, const std::atomic<bool>& stop,
     }
 }
 
-void Player::send(ChannelId channel, Bytes& d, uint64_t recordedUs) {
+void Player::send(ChannelId channel, Bytes& d) {
     Impl& m = *impl_;
     if (opt_.retime) {
         const ClockField* field = clockFieldOf(Channels::familyOf(channel, d.data(), d.size()));
         uint64_t value = 0;
         if (field != nullptr && readClock(d.data(), d.size(), *field, &value)) {
-            if (!m.haveFirstClock) {
-                m.haveFirstClock = true;
-                m.firstClock = value;
-                m.firstClockAtUs = static_cast<int64_t>(recordedUs) - m.loopOffsetUs;
-            }
-            // The first clocked datagram carries the moment it is sent; the
-            // rest keep their distance to it, at the replay's pace.
-            const int64_t recorded =
-                m.firstClockAtUs + static_cast<int64_t>(value - m.firstClock) + m.loopOffsetUs;
+            // Every clock value moves to where its moment lies in the replay,
+            // by one offset: no datagram is sent before the time it carries.
+            const int64_t recorded = static_cast<int64_t>(value) + m.lagUs -
+                                     static_cast<int64_t>(m.windowStartUs) + m.loopOffsetUs;
             const uint64_t moved =
                 m.startUs + m.pausedUs + static_cast<uint64_t>(static_cast<double>(recorded) / opt_.speed);
             writeClock(d.data(), d.size(), *field, moved);
@@ -166,9 +163,35 @@ void Player::send(ChannelId channel, Bytes& d, uint64_t recordedUs) {
     report_.sent.add(channel, Channels::kindOf(channel, d.data(), d.size()), d.size());
 }
 
+bool Player::measureLag(std::string& error) {
+    PcapReader reader;
+    if (!reader.open(opt_.file, error)) return false;
+    FrameDecoder decoder(reader.linkType());
+    Frame f;
+    Segment seg;
+    uint64_t startUs = 0;
+    bool found = false;
+    int clocked = 0;
+    while (clocked < kLagSamples && reader.next(f)) {
+        if (startUs == 0) startUs = f.timeUs + static_cast<uint64_t>(opt_.startS * 1e6);
+        if (!decoder.decode(f.timeUs, f.data, f.captured, seg) || f.timeUs < startUs) continue;
+        const ChannelId ch = recorded_.classify(seg);
+        if (ch == ChannelId::Count || ch == ChannelId::Uplink || ch == ChannelId::Commands) continue;
+        const ClockField* field = clockFieldOf(Channels::familyOf(ch, seg.payload.data(), seg.payload.size()));
+        uint64_t value = 0;
+        if (field == nullptr || !readClock(seg.payload.data(), seg.payload.size(), *field, &value)) continue;
+        const int64_t lag = static_cast<int64_t>(f.timeUs) - static_cast<int64_t>(value);
+        impl_->lagUs = found ? std::min(impl_->lagUs, lag) : lag;
+        found = true;
+        ++clocked;
+    }
+    return true;
+}
+
 bool Player::run(const std::atomic<bool>& stop, const std::function<void(const PlayReport&)>& progress,
                  std::string& error) {
     Impl& m = *impl_;
+    if (opt_.retime && !measureLag(error)) return false;
     m.startUs = m.lastProgressUs = OrvosiUtil::getTimeSysUs();
     uint64_t fileStartUs = 0, windowStartUs = 0, windowEndUs = std::numeric_limits<uint64_t>::max();
     bool known = false;
@@ -186,6 +209,7 @@ bool Player::run(const std::atomic<bool>& stop, const std::function<void(const P
                 fileStartUs = f.timeUs;
                 windowStartUs = fileStartUs + static_cast<uint64_t>(opt_.startS * 1e6);
                 if (opt_.endS > 0.0) windowEndUs = fileStartUs + static_cast<uint64_t>(opt_.endS * 1e6);
+                m.windowStartUs = windowStartUs;
             }
             if (f.timeUs > windowEndUs) break;
             // Frames before the start still feed the fragment reassembly.
@@ -204,7 +228,7 @@ bool Player::run(const std::atomic<bool>& stop, const std::function<void(const P
                 stopped = true;
                 break;
             }
-            send(ch, seg.payload, at);
+            send(ch, seg.payload);
         }
         if (!reader.error().empty()) {
             error = opt_.file + ": " + reader.error();

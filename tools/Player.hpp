@@ -70,7 +70,9 @@ private:
     // pausing while streaming is off; false when stopped.
     bool waitUntil(uint64_t dueUs, const std::atomic<bool>& stop,
                    const std::function<void(const PlayReport&)>& progress);
-    void send(ChannelId channel, Bytes& datagram, uint64_t recordedUs);
+    void send(ChannelId channel, Bytes& datagram);
+    // Retiming: the least time from a clock field to its datagram's capture.
+    bool measureLag(std::string& error);
 
     PlayOptions opt_;
     Channels target_, recorded_;
