@@ -1,0 +1,106 @@
+// orvplay: replays a capture of the tracking system (from orvrec, tcpdump or
+// Wireshark; pcap or pcapng) to the ports of an INI file, so that the
+// library, orvmon or any application sees a recorded run again.
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <string>
+
+#include "osi/OrvosiUtil.hpp"
+#include "tools/Player.hpp"
+#include "tools/Progress.hpp"
+
+namespace {
+
+std::atomic<bool> gStop{false};
+
+void onSignal(int) { gStop = true; }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"orvplay: replays a recorded run of the tracking system to the ports of an INI file"};
+    orvtools::PlayOptions opt;
+    bool forever = false;
+    app.add_option("file", opt.file, "Capture file, pcap or pcapng")->required();
+    app.add_option("--ini", opt.ini, "Configuration file: the ports to send to")->capture_default_str();
+    app.add_option("--recorded-ini", opt.recordedIni,
+                   "Configuration file of the recording, when its ports differ (default: --ini)");
+    app.add_option("--to", opt.to, "Address of the application's host")->capture_default_str();
+    app.add_option("--speed", opt.speed, "Pace: 1 as recorded, 2 twice as fast")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    app.add_flag("--fast", opt.fast, "As fast as possible, no pacing");
+    app.add_option("--loops", opt.loops, "Passes over the file")->check(CLI::NonNegativeNumber)->capture_default_str();
+    app.add_flag("--loop", forever, "Repeat until Ctrl-C");
+    app.add_option("--start", opt.startS, "Seconds into the recording to start at")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    app.add_option("--end", opt.endS, "Seconds into the recording to stop at; 0: its end")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    app.add_flag("--retime", opt.retime,
+                 "Move pose and meta times to this host's clock (checksums kept), so that prediction works");
+    app.add_flag("--serve-commands", opt.serveCommands,
+                 "Answer the command channel with the simulator's server; replay while streaming is on");
+    app.add_option("--files", opt.files, "Folder the command server's get and put file work on");
+    CLI11_PARSE(app, argc, argv);
+    if (forever) opt.loops = 0;
+    if (opt.endS > 0.0 && opt.endS <= opt.startS) {
+        std::fprintf(stderr, "orvplay: --end (%g s) must lie after --start (%g s)\n", opt.endS, opt.startS);
+        return 1;
+    }
+
+    orvtools::Player player(opt);
+    std::string error;
+    if (!player.open(error)) {
+        std::fprintf(stderr, "orvplay: %s\n", error.c_str());
+        return 1;
+    }
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+    const orvtools::Channels& ch = player.channels();
+    std::fprintf(stderr, "orvplay: %s to %s, %s%s%s%s\n", opt.file.c_str(), opt.to.c_str(),
+                 opt.fast ? "as fast as possible" : ("speed " + std::to_string(opt.speed).substr(0, 4)).c_str(),
+                 opt.loops == 0 ? ", looping until Ctrl-C" : "", opt.retime ? ", retimed" : "",
+                 opt.serveCommands ? (", serving commands on TCP " +
+                                      std::to_string(ch[orvtools::ChannelId::Commands].port) +
+                                      " (the replay waits for streaming)")
+                                         .c_str()
+                                   : "");
+    orvtools::ProgressLine line(stderr);
+    const bool ok = player.run(
+        gStop,
+        [&](const orvtools::PlayReport& r) {
+            char head[96];
+            std::snprintf(head, sizeof head, "orvplay: %.1f s, pass %d%s  ", r.seconds, r.loopsDone + 1,
+                          player.streaming() ? "" : ", waiting for streaming");
+            line.update(OrvosiUtil::getTimeSysUs(), head + r.sent.brief(ch));
+        },
+        error);
+    line.finish();
+    if (!ok) {
+        std::fprintf(stderr, "orvplay: %s\n", error.c_str());
+        return 1;
+    }
+    const orvtools::PlayReport& r = player.report();
+    std::printf("orvplay: replayed %d pass%s of %.1f s of %s in %.1f s (%.1f s waiting for streaming)%s\n",
+                r.loopsDone, r.loopsDone == 1 ? "" : "es", r.recordedS, opt.file.c_str(), r.seconds, r.pausedS,
+                gStop ? ", stopped" : "");
+    std::printf("%s", r.sent.table(ch, "datagrams").c_str());
+    std::printf("  not replayed: %llu uplink datagrams, %llu command segments, %llu other; %llu to ports switched off\n",
+                static_cast<unsigned long long>(r.notReplayed[0]), static_cast<unsigned long long>(r.notReplayed[1]),
+                static_cast<unsigned long long>(r.notReplayed[2]), static_cast<unsigned long long>(r.disabled));
+    if (opt.retime) std::printf("  retimed:      %llu datagrams\n", static_cast<unsigned long long>(r.retimed));
+    const orvtools::DecodeCounts& d = r.decode;
+    if (d.truncated + d.fragmentsLost > 0)
+        std::printf("  unusable:     %llu frames cut short by the capture, %llu datagrams with fragments missing\n",
+                    static_cast<unsigned long long>(d.truncated), static_cast<unsigned long long>(d.fragmentsLost));
+    if (r.sendFailures > 0) {
+        std::printf("  FAILED sends: %llu (is the address right, and the network up?)\n",
+                    static_cast<unsigned long long>(r.sendFailures));
+        return 1;
+    }
+    return 0;
+}
