@@ -20,12 +20,9 @@ struct ClockField {
     const char* name;  // as in the record it lands in
 };
 
-// The pose time follows the packet tag in tracking and NFT packets alike.
-constexpr size_t kPoseTimeAt = ORVWIRE_HEADER_SIZE + 4;
-
 inline constexpr ClockField kClockFields[] = {
-    {&orvwire::kTracking, kPoseTimeAt, "poseTime"},
-    {&orvwire::kNft, kPoseTimeAt, "poseTime"},
+    {&orvwire::kTracking, ORVWIRE_TRACKING_POSE_TIME_AT, "poseTime"},
+    {&orvwire::kNft, ORVWIRE_NFT_POSE_TIME_AT, "poseTime"},
     {&orvwire::kMeta, ORVWIRE_META_TIME_AT, "time"},
 };
 

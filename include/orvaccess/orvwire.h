@@ -155,6 +155,7 @@ typedef enum e_OrvWireLayout {
     ORVWIRE_HEADER_SIZE = 3,             /* start byte and length word */
     ORVWIRE_MAX_DATAGRAM = 65535,        /* the length word's ceiling */
 
+    ORVWIRE_TRACKING_POSE_TIME_AT = 7,   /* u64 pose time, us */
     ORVWIRE_TRACKING_SIZE = 332,         /* without an optical subpacket */
     ORVWIRE_TRACKING_OPTICAL_AT = 331,   /* where an optical subpacket starts */
     ORVWIRE_OPTICAL_TARGETS_AT = 10,
@@ -179,6 +180,7 @@ typedef enum e_OrvWireLayout {
     ORVWIRE_HUB_DATA_SIZE = 151,
     ORVWIRE_HUB_ERROR_SIZE = 10,
     ORVWIRE_PRA_SIZE = 220,
+    ORVWIRE_NFT_POSE_TIME_AT = 7,        /* u64 pose time, us */
     ORVWIRE_NFT_FEATURES_AT = 140,
     ORVWIRE_NFT_FEATURE_SIZE = 12,       /* three f32 */
     ORVWIRE_NFT_SIZE = 153,              /* without features */

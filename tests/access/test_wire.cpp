@@ -92,6 +92,13 @@ TEST(WireRows, AgreeWithTheBuildersAndRouteEveryFamilyOnce) {
     orvsim::MetaContent meta;
     EXPECT_EQ(orvsim::buildMeta(meta).size(), orvwire::kMeta.fixedSize);
 
+    // The clock fields that tools rewrite sit where the offsets say.
+    rec.poseTime = 0x0102030405060708;
+    meta.time = 0x1112131415161718;
+    EXPECT_EQ(OrvosiUtil::word64(&orvsim::buildTracking(rec)[ORVWIRE_TRACKING_POSE_TIME_AT]), rec.poseTime);
+    EXPECT_EQ(OrvosiUtil::word64(&orvsim::buildNft(rec, {})[ORVWIRE_NFT_POSE_TIME_AT]), rec.poseTime);
+    EXPECT_EQ(OrvosiUtil::word64(&orvsim::buildMeta(meta)[ORVWIRE_META_TIME_AT]), meta.time);
+
     // No two rows of a port take the same first byte; every code is one of
     // the library's and has its message or is left to its origin on purpose.
     std::set<std::pair<int, int>> seen;
