@@ -14,6 +14,12 @@ packages=(
   libbenchmark-dev
   libcli11-dev
   libncurses-dev
+  # The Python package, for Debian's /usr/bin/python3.
+  pybind11-dev
+  python3-dev
+  python3-numpy
+  python3-pytest
+  python3-matplotlib
 )
 
 missing=()
