@@ -89,7 +89,7 @@ py::array drain(PyAccess& a, const char* call, std::optional<size_t> max, Get ge
             }
             if (valid) rows.push_back(rec);
         }
-        a.lastDrainLibraryS = std::chrono::duration<double>(Clock::now() - start).count();
+        a.lastDrainLibraryS.store(std::chrono::duration<double>(Clock::now() - start).count());
         return 0;
     });
     py::array out = toArray(rows);
@@ -191,15 +191,13 @@ struct ImageInfo {
 };
 
 // The largest image of any legal format: the most getImage can deliver.
-size_t largestImage(PyAccess& a) {
+size_t largestImage(OrvAccess& o) {
     size_t largest = 0;
     for (const EnumEntry& e : enumTable("e_OrvAccessImageFormat").entries) {
         ImageInfo i;
-        const bool ok = locked(a, [&](OrvAccess& o) {
-            return o.getImageInfo(static_cast<OrvAccess::ImageFormat>(e.value), &i.size, &i.width, &i.height,
-                                  &i.bytesPerPixel);
-        });
-        if (ok) largest = std::max<size_t>(largest, i.size);
+        if (o.getImageInfo(static_cast<OrvAccess::ImageFormat>(e.value), &i.size, &i.width, &i.height,
+                           &i.bytesPerPixel))
+            largest = std::max<size_t>(largest, i.size);
     }
     return largest;
 }
@@ -217,25 +215,26 @@ py::array pixels(const unsigned char* data, const ImageInfo& info) {
 }
 
 py::object getImage(PyAccess& a) {
-    if (a.image.empty()) a.image.resize(std::max<size_t>(largestImage(a), 1));
     int percent = 0;
     OrvAccess::ImageFormat format{};
     unsigned int sequenceId = 0;
     ImageInfo info;
+    std::vector<unsigned char> delivered;  // taken while the buffer is ours
     std::string reason;
     const bool ok = locked(a, [&](OrvAccess& o) {
+        if (a.image.empty()) a.image.resize(std::max<size_t>(largestImage(o), 1));
         if (!o.getImage(&percent, &format, &sequenceId, a.image.data(), a.image.size())) {
             reason = o.getLastError();
             return false;
         }
-        if (percent == 100)
-            o.getImageInfo(format, &info.size, &info.width, &info.height, &info.bytesPerPixel);
+        if (percent == 100 && o.getImageInfo(format, &info.size, &info.width, &info.height, &info.bytesPerPixel))
+            delivered.assign(a.image.begin(), a.image.begin() + static_cast<std::ptrdiff_t>(info.size));
         return true;
     });
     a.imagePercent = percent;
     if (!ok) raiseError("get_image", reason);
-    if (percent != 100) return py::none();
-    return make(g_imageType)(pixels(a.image.data(), info), static_cast<int>(format), sequenceId, percent);
+    if (delivered.empty()) return py::none();
+    return make(g_imageType)(pixels(delivered.data(), info), static_cast<int>(format), sequenceId, percent);
 }
 
 // Iterates over the poses the tracker sends, oldest first, waiting for
@@ -693,7 +692,7 @@ void bindAccess(py::module_& m) {
         "image_percent", [](const PyAccess& a) { return a.imagePercent; },
         "What the last get_image reported: 100 with an image, else how much of the UDP image has arrived.");
 
-    cls.def_property_readonly("_last_drain_library_s", [](const PyAccess& a) { return a.lastDrainLibraryS; },
+    cls.def_property_readonly("_last_drain_library_s", [](const PyAccess& a) { return a.lastDrainLibraryS.load(); },
                               "Seconds the last drain spent in the library's getters (for benchmarks).");
 }
 

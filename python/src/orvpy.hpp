@@ -9,6 +9,7 @@
 
 #include <orvaccess/OrvAccess.hpp>
 
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <memory>
@@ -108,7 +109,7 @@ struct PyAccess {
     std::string iniPath = "orvaccess.ini";
     std::vector<unsigned char> image;  // getImage's buffer, the largest format's size
     int imagePercent = 0;
-    double lastDrainLibraryS = 0.0;  // for the drain benchmark
+    std::atomic<double> lastDrainLibraryS{0.0};  // for the drain benchmark
 };
 
 void bindAccess(py::module_& m);

@@ -222,3 +222,25 @@ def test_images_have_the_shape_and_type_of_their_format(start_sim, fmt, shape, d
         info = a.get_image_info(fmt)
     assert image.format == fmt and image.pixels.shape == shape and image.pixels.dtype == np.dtype(dtype)
     assert info.size == image.pixels.nbytes and (info.height, info.width) == shape[:2]
+
+
+def rz(yaw):
+    c, s = np.cos(yaw), np.sin(yaw)
+    return np.array([[c, -s, 0], [s, c, 0], [0, 0, 1]])
+
+
+def test_pose_adjustments_apply_to_records_in_place(tmp_path):
+    a = orvaccess.Access(tmp_path / "none.ini")
+    a.init()  # the defaults: no prediction, no tip offset, identity boresight
+    rec = orvaccess.TrkDataExt(cbn=rz(np.pi / 2), position=(1, 2, 3), angularRate=(0, 0, 1))
+    a.set_tip_offset((1, 0, 0))
+    a.update_exports(0.05, rec)
+    # Turned on by 0.05 s at 1 rad/s; the tip offset follows the predicted attitude.
+    assert rec.euler[2] == pytest.approx(np.pi / 2 + 0.05, abs=1e-5)
+    assert rec.position == pytest.approx(np.array([1, 2, 3]) + rz(np.pi / 2 + 0.05) @ [1, 0, 0], abs=1e-5)
+
+    a.set_tip_offset([0, 0, 0])
+    a.set_boresight_ref(np.array([0, 0, 0.1]))
+    rec = orvaccess.TrkDataExt(cbn=rz(0.3))
+    a.update_exports(0.0, rec)
+    assert rec.euler == pytest.approx([0, 0, 0.2], abs=1e-6)
