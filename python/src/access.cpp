@@ -122,8 +122,8 @@ e_OrvAccessFileLoc fileLocation(int location) {
 }
 
 unsigned char byteArg(int value, const char* what) {
-    if (value < 0 || value > 255) throw py::value_error(std::string(what) + " is one byte, 0..255, not " +
-                                                        std::to_string(value));
+    if (value < 0 || value > 255)
+        throw py::value_error(std::string(what) + " is one byte, 0..255, not " + std::to_string(value));
     return static_cast<unsigned char>(value);
 }
 
@@ -145,12 +145,14 @@ std::array<float, 3> three(py::handle values, const char* call, const char* mean
 std::vector<unsigned char> packetBytes(py::buffer packet, const char* call) {
     const py::buffer_info info = packet.request();
     if (info.itemsize != 1 || info.ndim != 1 || info.strides[0] != 1)
-        throw py::value_error(std::string(call) + " takes the datagram's bytes (bytes, bytearray or a "
-                                                  "contiguous uint8 array)");
+        throw py::value_error(std::string(call) +
+                              " takes the datagram's bytes (bytes, bytearray or a "
+                              "contiguous uint8 array)");
     const auto* p = static_cast<const unsigned char*>(info.ptr);
     const size_t n = static_cast<size_t>(info.size);
     if (n < ORVWIRE_HEADER_SIZE)
-        throw py::value_error(std::string(call) + ": a packet holds at least its start byte and length word (" +
+        throw py::value_error(std::string(call) +
+                              ": a packet holds at least its start byte and length word (" +
                               std::to_string(ORVWIRE_HEADER_SIZE) + " bytes), this one " + std::to_string(n));
     const size_t claimed = static_cast<size_t>(p[1]) | static_cast<size_t>(p[2]) << 8;
     if (claimed > n)
@@ -162,16 +164,20 @@ std::vector<unsigned char> packetBytes(py::buffer packet, const char* call) {
 std::string openHint(const std::string& iniPath) {
     struct stat st {};
     if (::stat(iniPath.c_str(), &st) != 0)
-        return "configuration file '" + iniPath + "' not found, so every setting kept its default; "
+        return "configuration file '" + iniPath +
+               "' not found, so every setting kept its default; "
                "name your INI file with Access(path) or set_ini_path";
     return "check the ports in '" + iniPath + "': each receive port must be free, and not all of them 0";
 }
 
 void open(PyAccess& a) {
-    checked(a, "open", [&](OrvAccess& o) {
-        a.carriedLastError.clear();
-        return o.open();
-    }, openHint(a.iniPath));
+    checked(
+        a, "open",
+        [&](OrvAccess& o) {
+            a.carriedLastError.clear();
+            return o.open();
+        },
+        openHint(a.iniPath));
 }
 
 py::object namedTuple(const char* name, const char* fields) {
@@ -207,7 +213,7 @@ size_t largestImage(OrvAccess& o) {
 py::array pixels(const unsigned char* data, const ImageInfo& info) {
     const auto h = static_cast<py::ssize_t>(info.height), w = static_cast<py::ssize_t>(info.width),
                b = static_cast<py::ssize_t>(info.bytesPerPixel);
-    py::array out = info.bytesPerPixel == 2 ? py::array(py::dtype("<u2"), std::vector<py::ssize_t>{h, w})
+    py::array out = info.bytesPerPixel == 2   ? py::array(py::dtype("<u2"), std::vector<py::ssize_t>{h, w})
                     : info.bytesPerPixel == 1 ? py::array(py::dtype("u1"), std::vector<py::ssize_t>{h, w})
                                               : py::array(py::dtype("u1"), std::vector<py::ssize_t>{h, w, b});
     std::memcpy(out.mutable_data(), data, static_cast<size_t>(h * w * b));
@@ -227,7 +233,8 @@ py::object getImage(PyAccess& a) {
             reason = o.getLastError();
             return false;
         }
-        if (percent == 100 && o.getImageInfo(format, &info.size, &info.width, &info.height, &info.bytesPerPixel))
+        if (percent == 100 &&
+            o.getImageInfo(format, &info.size, &info.width, &info.height, &info.bytesPerPixel))
             delivered.assign(a.image.begin(), a.image.begin() + static_cast<std::ptrdiff_t>(info.size));
         return true;
     });
@@ -248,7 +255,8 @@ struct PoseIterator {
         PyAccess& a = owner.cast<PyAccess&>();
         for (;;) {
             py::object pose = one<s_OrvAccessTrkDataExt>(
-                a, "poses", [](OrvAccess& o, bool* v, s_OrvAccessTrkDataExt* r) { return o.getTrackingData(v, r); });
+                a, "poses",
+                [](OrvAccess& o, bool* v, s_OrvAccessTrkDataExt* r) { return o.getTrackingData(v, r); });
             if (!pose.is_none()) return pose;
             const Clock::time_point now = Clock::now();
             if (end && now >= *end) throw py::stop_iteration();
@@ -265,7 +273,8 @@ struct PoseIterator {
 // Getters and drains of the queues, bound under one naming scheme:
 // get_<name> hands out one record or None, drain_<name> all of them.
 template <typename S, typename Get>
-void bindQueue(py::class_<PyAccess>& cls, const char* getName, const char* drainName, Get get, const char* what) {
+void bindQueue(py::class_<PyAccess>& cls, const char* getName, const char* drainName, Get get,
+               const char* what) {
     cls.def(
         getName, [get, getName](PyAccess& a) { return one<S>(a, getName, get); },
         (std::string("The oldest queued ") + what + " (removed), or None.").c_str());
@@ -275,7 +284,8 @@ void bindQueue(py::class_<PyAccess>& cls, const char* getName, const char* drain
             return drain<S>(a, drainName, maxRecords, get);
         },
         py::arg("max_records") = py::none(),
-        (std::string("Every queued ") + what + " (at most max_records) as one structured array, oldest first.")
+        (std::string("Every queued ") + what +
+         " (at most max_records) as one structured array, oldest first.")
             .c_str());
 }
 
@@ -293,9 +303,10 @@ void bindAccess(py::module_& m) {
         .def("__iter__", [](py::object self) { return self; })
         .def("__next__", &PoseIterator::next);
 
-    py::class_<PyAccess> cls(m, "Access",
-                             "One tracking system: the C++ class OrvAccess. Use it from any thread; calls on one "
-                             "object take turns. `with Access(path) as a:` opens it and closes it at the end.");
+    py::class_<PyAccess> cls(
+        m, "Access",
+        "One tracking system: the C++ class OrvAccess. Use it from any thread; calls on one "
+        "object take turns. `with Access(path) as a:` opens it and closes it at the end.");
 
     // ---- lifecycle and configuration ----
     cls.def(py::init([](py::object iniPath) {
@@ -324,33 +335,52 @@ void bindAccess(py::module_& m) {
         return false;
     });
     cls.def(
-        "init", [](PyAccess& a) { locked(a, [](OrvAccess& o) { o.init(); return 0; }); },
+        "init",
+        [](PyAccess& a) {
+            locked(a, [](OrvAccess& o) {
+                o.init();
+                return 0;
+            });
+        },
         "Re-reads the INI file and resets the run-time state (open() does this itself).");
     cls.def(
         "set_ini_path",
         [](PyAccess& a, py::object path) {
             const std::string text = pathText(path);
-            locked(a, [&](OrvAccess& o) { o.setIniPath(text); return 0; });
+            locked(a, [&](OrvAccess& o) {
+                o.setIniPath(text);
+                return 0;
+            });
             a.iniPath = text;
         },
         py::arg("path"), "The INI file the next open() reads.");
     cls.def_property_readonly("ini_path", [](const PyAccess& a) { return a.iniPath; });
     cls.def(
         "set_verbosity",
-        [](PyAccess& a, unsigned int mask) { locked(a, [&](OrvAccess& o) { o.setVerbosity(mask); return 0; }); },
+        [](PyAccess& a, unsigned int mask) {
+            locked(a, [&](OrvAccess& o) {
+                o.setVerbosity(mask);
+                return 0;
+            });
+        },
         py::arg("mask"), "Verbosity bits (Verbosity); open() replaces them with the INI file's.");
     cls.def(
         "set_logging",
         [](PyAccess& a, unsigned int mask, py::object logPath) {
             const std::string path = pathText(logPath);
-            locked(a, [&](OrvAccess& o) { o.setLogging(mask, path); return 0; });
+            locked(a, [&](OrvAccess& o) {
+                o.setLogging(mask, path);
+                return 0;
+            });
         },
         py::arg("mask"), py::arg("log_path"),
         "Binary log channels (LogChannel) written below log_path (a prefix: end it with '/').");
 
     // ---- identity, clock, status ----
-    cls.def("get_version", [](PyAccess& a) { return locked(a, [](OrvAccess& o) { return o.getVersion(); }); });
-    cls.def("get_build_date", [](PyAccess& a) { return locked(a, [](OrvAccess& o) { return o.getBuildDate(); }); });
+    cls.def("get_version",
+            [](PyAccess& a) { return locked(a, [](OrvAccess& o) { return o.getVersion(); }); });
+    cls.def("get_build_date",
+            [](PyAccess& a) { return locked(a, [](OrvAccess& o) { return o.getBuildDate(); }); });
     cls.def(
         "get_time_us", [](PyAccess& a) { return locked(a, [](OrvAccess& o) { return o.getTimeUs(); }); },
         "The library clock in microseconds: the clock of every record's time.");
@@ -402,19 +432,24 @@ void bindAccess(py::module_& m) {
                                                    return true;
                                                });
         },
-        py::arg("max_records") = py::none(), "Every queued error code as one structured array, oldest first.");
+        py::arg("max_records") = py::none(),
+        "Every queued error code as one structured array, oldest first.");
     cls.def(
         "get_error_message",
         [](PyAccess& a, int code) {
             if (code < 0 || code > 0xFFFF) throw py::value_error("error codes are 16 bits: 0..65535");
-            return locked(a, [&](OrvAccess& o) { return o.getErrorMessage(static_cast<unsigned short>(code)); });
+            return locked(a,
+                          [&](OrvAccess& o) { return o.getErrorMessage(static_cast<unsigned short>(code)); });
         },
         py::arg("code"));
     cls.def(
         "add_error_code",
         [](PyAccess& a, int code, unsigned int value) {
             if (code < 0 || code > 0xFFFF) throw py::value_error("error codes are 16 bits: 0..65535");
-            locked(a, [&](OrvAccess& o) { o.addErrorCode(static_cast<unsigned short>(code), value); return 0; });
+            locked(a, [&](OrvAccess& o) {
+                o.addErrorCode(static_cast<unsigned short>(code), value);
+                return 0;
+            });
         },
         py::arg("code"), py::arg("value") = 0);
 
@@ -425,20 +460,33 @@ void bindAccess(py::module_& m) {
             checked(a, "service_udp", [&](OrvAccess& o) { return o.serviceUdp(startStreaming); });
         },
         py::arg("start_streaming") = true, "Drains every open UDP port into the queues.");
-    cls.def("flush_udp", [](PyAccess& a) { locked(a, [](OrvAccess& o) { o.flushUdp(); return 0; }); },
-            "Discards what waits on the meta, image, orvCore and NFT ports.");
+    cls.def(
+        "flush_udp",
+        [](PyAccess& a) {
+            locked(a, [](OrvAccess& o) {
+                o.flushUdp();
+                return 0;
+            });
+        },
+        "Discards what waits on the meta, image, orvCore and NFT ports.");
     cls.def(
         "process_tracking_pkt",
         [](PyAccess& a, py::buffer packet) {
             const std::vector<unsigned char> bytes = packetBytes(packet, "process_tracking_pkt");
-            locked(a, [&](OrvAccess& o) { o.processTrackingPkt(bytes.data()); return 0; });
+            locked(a, [&](OrvAccess& o) {
+                o.processTrackingPkt(bytes.data());
+                return 0;
+            });
         },
         py::arg("packet"), "Parses a tracking datagram the application holds, as if it had arrived.");
     cls.def(
         "process_meta_pkt",
         [](PyAccess& a, py::buffer packet) {
             const std::vector<unsigned char> bytes = packetBytes(packet, "process_meta_pkt");
-            locked(a, [&](OrvAccess& o) { o.processMetaPkt(bytes.data()); return 0; });
+            locked(a, [&](OrvAccess& o) {
+                o.processMetaPkt(bytes.data());
+                return 0;
+            });
         },
         py::arg("packet"), "Parses a meta datagram the application holds, as if it had arrived.");
 
@@ -450,7 +498,8 @@ void bindAccess(py::module_& m) {
             return one<Trk>(a, "get_tracking_data_latest",
                             [](OrvAccess& o, bool* v, Trk* r) { return o.getTrackingDataLatest(v, r); });
         },
-        "The newest pose (TrkDataExt, adjusted by prediction, tip offset and boresight), or None before the first.");
+        "The newest pose (TrkDataExt, adjusted by prediction, tip offset and boresight), or None before the "
+        "first.");
     bindQueue<Trk>(
         cls, "get_tracking_data", "drain_tracking_data",
         [](OrvAccess& o, bool* v, Trk* r) { return o.getTrackingData(v, r); }, "pose (TrkDataExt)");
@@ -462,12 +511,16 @@ void bindAccess(py::module_& m) {
             });
         },
         py::arg("display_time_us"),
-        "The newest pose predicted to display_time_us (library clock), or None when no pose came since the last "
+        "The newest pose predicted to display_time_us (library clock), or None when no pose came since the "
+        "last "
         "call; empties the pose queue.");
     cls.def(
         "update_exports",
         [](PyAccess& a, double predictionS, Trk& rec) {
-            locked(a, [&](OrvAccess& o) { o.updateExports(predictionS, &rec); return 0; });
+            locked(a, [&](OrvAccess& o) {
+                o.updateExports(predictionS, &rec);
+                return 0;
+            });
         },
         py::arg("prediction_s"), py::arg("record"),
         "Adjusts a pose in place: predicted by prediction_s seconds, tip offset, boresight, Euler angles.");
@@ -489,8 +542,15 @@ void bindAccess(py::module_& m) {
             locked(a, [&](OrvAccess& o) { return o.setTipOffset(v.data()); });
         },
         py::arg("xyz"), "The tip offset: x, y, z in metres, body axes.");
-    cls.def("init_vs_data", [](PyAccess& a) { locked(a, [](OrvAccess& o) { o.initVsData(); return 0; }); },
-            "Restarts the display-clock and IMU-clock estimates.");
+    cls.def(
+        "init_vs_data",
+        [](PyAccess& a) {
+            locked(a, [](OrvAccess& o) {
+                o.initVsData();
+                return 0;
+            });
+        },
+        "Restarts the display-clock and IMU-clock estimates.");
     cls.def(
         "poses",
         [](py::object self, std::optional<double> durationS, double pollS) {
@@ -519,7 +579,8 @@ void bindAccess(py::module_& m) {
         "natural feature (FeatData)");
     bindQueue<s_OrvAccessHubData>(
         cls, "get_hub_data", "drain_hub_data",
-        [](OrvAccess& o, bool* v, s_OrvAccessHubData* r) { return o.getHubData(v, r); }, "hub record (HubData)");
+        [](OrvAccess& o, bool* v, s_OrvAccessHubData* r) { return o.getHubData(v, r); },
+        "hub record (HubData)");
 
     // ---- inertial and meta data ----
     using Imu = s_OrvAccessImuData;
@@ -527,9 +588,11 @@ void bindAccess(py::module_& m) {
         "get_imu_data",
         [](PyAccess& a, int imu) {
             const e_OrvAccessImuSelect sel = imuSelect(imu, "get_imu_data");
-            return one<Imu>(a, "get_imu_data", [sel](OrvAccess& o, bool* v, Imu* r) { return o.getImuData(sel, v, r); });
+            return one<Imu>(a, "get_imu_data",
+                            [sel](OrvAccess& o, bool* v, Imu* r) { return o.getImuData(sel, v, r); });
         },
-        py::arg("imu") = static_cast<int>(ORVACCESS_IMU_CAMERA), "The oldest queued IMU sample (ImuData), or None.");
+        py::arg("imu") = static_cast<int>(ORVACCESS_IMU_CAMERA),
+        "The oldest queued IMU sample (ImuData), or None.");
     cls.def(
         "drain_imu_data",
         [](PyAccess& a, int imu, std::optional<size_t> maxRecords) {
@@ -550,19 +613,20 @@ void bindAccess(py::module_& m) {
         "get_imu_crs",
         [](PyAccess& a, int imu) {
             const e_OrvAccessImuSelect sel = imuSelect(imu, "get_imu_crs");
-            return one<OrvAccess::s_ImuCrs>(a, "get_imu_crs", [sel](OrvAccess& o, bool* v, OrvAccess::s_ImuCrs* r) {
-                return o.getImuCrs(sel, v, r);
-            });
+            return one<OrvAccess::s_ImuCrs>(
+                a, "get_imu_crs",
+                [sel](OrvAccess& o, bool* v, OrvAccess::s_ImuCrs* r) { return o.getImuCrs(sel, v, r); });
         },
         py::arg("imu") = static_cast<int>(ORVACCESS_IMU_CAMERA),
         "The last completed clock-relation row (ImuCrs, consumed), or None.");
     bindQueue<s_OrvAccessAuxData>(
         cls, "get_aux_data", "drain_aux_data",
-        [](OrvAccess& o, bool* v, s_OrvAccessAuxData* r) { return o.getAuxData(v, r); }, "auxiliary byte (AuxData)");
+        [](OrvAccess& o, bool* v, s_OrvAccessAuxData* r) { return o.getAuxData(v, r); },
+        "auxiliary byte (AuxData)");
     cls.def("get_aux_data_latest", [](PyAccess& a) {
-        return one<s_OrvAccessAuxData>(a, "get_aux_data_latest", [](OrvAccess& o, bool* v, s_OrvAccessAuxData* r) {
-            return o.getAuxDataLatest(v, r);
-        });
+        return one<s_OrvAccessAuxData>(
+            a, "get_aux_data_latest",
+            [](OrvAccess& o, bool* v, s_OrvAccessAuxData* r) { return o.getAuxDataLatest(v, r); });
     });
     bindQueue<OrvAccess::s_TgtData>(
         cls, "get_target_data", "drain_target_data",
@@ -573,7 +637,8 @@ void bindAccess(py::module_& m) {
         [](PyAccess& a) -> py::object {
             bool valid = false;
             unsigned int tag = 0, count = 0;
-            checked(a, "get_target_count", [&](OrvAccess& o) { return o.getTargetCount(&valid, &tag, &count); });
+            checked(a, "get_target_count",
+                    [&](OrvAccess& o) { return o.getTargetCount(&valid, &tag, &count); });
             return valid ? make(g_targetCountType)(tag, count) : py::none();
         },
         "Consumes one whole target list: TargetCount(tag, count), or None.");
@@ -582,9 +647,9 @@ void bindAccess(py::module_& m) {
         [](OrvAccess& o, bool* v, s_OrvAccessDiagData* r) { return o.getDiagData(v, r); },
         "diagnostic record (DiagData)");
     cls.def("get_diag_data_latest", [](PyAccess& a) {
-        return one<s_OrvAccessDiagData>(a, "get_diag_data_latest", [](OrvAccess& o, bool* v, s_OrvAccessDiagData* r) {
-            return o.getDiagDataLatest(v, r);
-        });
+        return one<s_OrvAccessDiagData>(
+            a, "get_diag_data_latest",
+            [](OrvAccess& o, bool* v, s_OrvAccessDiagData* r) { return o.getDiagDataLatest(v, r); });
     });
     bindQueue<s_OrvAccessPlatPoseData>(
         cls, "get_platform_pose_data", "drain_platform_pose_data",
@@ -592,7 +657,8 @@ void bindAccess(py::module_& m) {
         "platform pose (PlatPoseData)");
     bindQueue<s_OrvAccessGpsData>(
         cls, "get_gps_data", "drain_gps_data",
-        [](OrvAccess& o, bool* v, s_OrvAccessGpsData* r) { return o.getGpsData(v, r); }, "GPS record (GpsData)");
+        [](OrvAccess& o, bool* v, s_OrvAccessGpsData* r) { return o.getGpsData(v, r); },
+        "GPS record (GpsData)");
 
     // ---- uplink ----
     cls.def(
@@ -623,25 +689,30 @@ void bindAccess(py::module_& m) {
             checked(a, "set_register", [&](OrvAccess& o) { return o.setRegister(timeoutMs, address, byte); });
         },
         py::arg("address"), py::arg("value"), py::arg("timeout_ms") = 500,
-        "Writes one byte register of orvRx (24-bit address), waiting up to timeout_ms for the acknowledgement.");
+        "Writes one byte register of orvRx (24-bit address), waiting up to timeout_ms for the "
+        "acknowledgement.");
     cls.def(
         "get_register",
         [](PyAccess& a, unsigned int address, unsigned int timeoutMs) {
             unsigned char value = 0;
-            checked(a, "get_register", [&](OrvAccess& o) { return o.getRegister(timeoutMs, address, &value); });
+            checked(a, "get_register",
+                    [&](OrvAccess& o) { return o.getRegister(timeoutMs, address, &value); });
             return static_cast<int>(value);
         },
         py::arg("address"), py::arg("timeout_ms") = 500,
         "Reads one byte register of orvRx; stops streaming (the next getter restarts it).");
     cls.def(
         "set_streaming",
-        [](PyAccess& a, bool on) { checked(a, "set_streaming", [&](OrvAccess& o) { return o.setStreaming(on); }); },
+        [](PyAccess& a, bool on) {
+            checked(a, "set_streaming", [&](OrvAccess& o) { return o.setStreaming(on); });
+        },
         py::arg("on"), "Switches streaming on or off; switching clears the record queues.");
     cls.def(
         "transact_imu",
         [](PyAccess& a, int imu, py::bytes transmit, size_t receiveCapacity, unsigned int timeout) {
             // Any selector but the camera's goes to the first channel.
-            const e_OrvAccessImuSelect sel = imu == ORVACCESS_IMU_CAMERA ? ORVACCESS_IMU_CAMERA : ORVACCESS_IMU_PLATFORM;
+            const e_OrvAccessImuSelect sel =
+                imu == ORVACCESS_IMU_CAMERA ? ORVACCESS_IMU_CAMERA : ORVACCESS_IMU_PLATFORM;
             std::string tx = transmit;
             std::vector<unsigned char> rx(std::max<size_t>(receiveCapacity, 1));
             unsigned long received = 0;
@@ -679,21 +750,25 @@ void bindAccess(py::module_& m) {
         [](PyAccess& a, int format) {
             const OrvAccess::ImageFormat f = imageFormat(format, "get_image_info");
             ImageInfo i;
-            checked(a, "get_image_info",
-                    [&](OrvAccess& o) { return o.getImageInfo(f, &i.size, &i.width, &i.height, &i.bytesPerPixel); });
+            checked(a, "get_image_info", [&](OrvAccess& o) {
+                return o.getImageInfo(f, &i.size, &i.width, &i.height, &i.bytesPerPixel);
+            });
             return make(g_imageInfoType)(i.size, i.width, i.height, i.bytesPerPixel);
         },
         py::arg("format"), "ImageInfo(size, width, height, bytesPerPixel) of an image format.");
-    cls.def("get_image", &getImage,
-            "A complete camera image, over UDP or from shared memory: Image(pixels, format, sequenceId, percent) "
-            "with pixels of shape (height, width) (uint8, or uint16 for two bytes a pixel) or (height, width, 3); "
-            "None while none is complete (image_percent then tells how far the UDP image has come).");
+    cls.def(
+        "get_image", &getImage,
+        "A complete camera image, over UDP or from shared memory: Image(pixels, format, sequenceId, percent) "
+        "with pixels of shape (height, width) (uint8, or uint16 for two bytes a pixel) or (height, width, "
+        "3); "
+        "None while none is complete (image_percent then tells how far the UDP image has come).");
     cls.def_property_readonly(
         "image_percent", [](const PyAccess& a) { return a.imagePercent; },
         "What the last get_image reported: 100 with an image, else how much of the UDP image has arrived.");
 
-    cls.def_property_readonly("_last_drain_library_s", [](const PyAccess& a) { return a.lastDrainLibraryS.load(); },
-                              "Seconds the last drain spent in the library's getters (for benchmarks).");
+    cls.def_property_readonly(
+        "_last_drain_library_s", [](const PyAccess& a) { return a.lastDrainLibraryS.load(); },
+        "Seconds the last drain spent in the library's getters (for benchmarks).");
 }
 
 }  // namespace orvpy

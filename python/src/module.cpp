@@ -44,7 +44,8 @@ void bindError(py::module_& m) {
     m.attr("Error") = py::reinterpret_borrow<py::object>(g_error);
 }
 
-void raiseError(const std::string& call, const std::string& text, const std::string& hint, py::object records) {
+void raiseError(const std::string& call, const std::string& text, const std::string& hint,
+                py::object records) {
     const std::string message = hint.empty() ? text : text + " (" + hint + ")";
     py::object error = py::reinterpret_borrow<py::object>(g_error)(message);
     error.attr("text") = text;
@@ -74,14 +75,16 @@ PYBIND11_MODULE(_orvaccess, m) {
     m.attr("_enums") = enums;
 
     m.def(
-        "error_message", [](int code) {
+        "error_message",
+        [](int code) {
             if (code < 0 || code > 0xFFFF) throw py::value_error("error codes are 16 bits: 0..65535");
             return messages().getErrorMessage(static_cast<unsigned short>(code));
         },
         py::arg("code"), "The message of an error code, as Access.get_error_message gives it.");
     m.def("get_time_ms", &OrvosiUtil_getTimeMs, "The library clock in milliseconds.");
     m.def(
-        "snooze_ms", [](int ms) {
+        "snooze_ms",
+        [](int ms) {
             py::gil_scoped_release nogil;
             OrvosiUtil_snoozeMs(ms);
         },

@@ -49,7 +49,8 @@ Field makeField(const char* name, size_t offset) {
     using E = std::remove_all_extents_t<M>;
     static_assert(std::is_arithmetic_v<E> && std::rank_v<M> <= 2,
                   "a record field is a number or an array of numbers of up to two dimensions");
-    Field f{name, offset, std::is_floating_point_v<E> ? 'f' : (std::is_signed_v<E> ? 'i' : 'u'), sizeof(E), {}};
+    Field f{
+        name, offset, std::is_floating_point_v<E> ? 'f' : (std::is_signed_v<E> ? 'i' : 'u'), sizeof(E), {}};
     if constexpr (std::rank_v<M> >= 1) f.shape.push_back(static_cast<py::ssize_t>(std::extent_v<M, 0>));
     if constexpr (std::rank_v<M> == 2) f.shape.push_back(static_cast<py::ssize_t>(std::extent_v<M, 1>));
     return f;

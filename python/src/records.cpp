@@ -71,8 +71,7 @@ void writeField(const char* record, unsigned char* rec, py::handle self, const F
         const py::tuple given = np.attr("shape")(value);
         const py::tuple wanted = shapeOf(f);
         if (!given.equal(wanted))
-            refuse(record, f, "takes an array of shape " + text(wanted) + ", not " +
-                                  text(given));
+            refuse(record, f, "takes an array of shape " + text(wanted) + ", not " + text(given));
         readField(self, rec, f).attr("__setitem__")(py::ellipsis(), value);
         return;
     }
@@ -162,7 +161,9 @@ void bindRecord(py::module_& m, const char* name, const char* doc, std::vector<F
     for (const Field& f : *fields) {
         cls.def_property(
             f.name, [f](py::object self) { return readField(self, bytesOf<S>(self), f); },
-            [f, name](py::object self, py::handle value) { writeField(name, bytesOf<S>(self), self, f, value); });
+            [f, name](py::object self, py::handle value) {
+                writeField(name, bytesOf<S>(self), self, f, value);
+            });
     }
 
     cls.def_static(
@@ -214,23 +215,25 @@ void bindRecords(py::module_& m) {
             m, "TrkDataExt",
             "One fused pose (s_OrvAccessTrkDataExt). Times in us on the library clock; cbn is body to "
             "navigation, row-major; euler is roll, pitch, yaw in rad; position in m; angularRate in rad/s.",
-            {ORVPY_FIELD(packetTag), ORVPY_FIELD(poseTime), ORVPY_FIELD(platPoseTime), ORVPY_FIELD(time2),
-             ORVPY_FIELD(statusWord),  ORVPY_FIELD(vecA),     ORVPY_FIELD(vecB),         ORVPY_FIELD(vecC),
-             ORVPY_FIELD(vecD),        ORVPY_FIELD(vecE),     ORVPY_FIELD(vecF),         ORVPY_FIELD(countA),
-             ORVPY_FIELD(countB),      ORVPY_FIELD(cbn),      ORVPY_FIELD(euler),        ORVPY_FIELD(cbn2),
-             ORVPY_FIELD(position),    ORVPY_FIELD(vecG),     ORVPY_FIELD(vecH),         ORVPY_FIELD(angularRate),
-             ORVPY_FIELD(vecI),        ORVPY_FIELD(extA),     ORVPY_FIELD(vecJ),         ORVPY_FIELD(extB),
-             ORVPY_FIELD(vecK),        ORVPY_FIELD(extC),     ORVPY_FIELD(vecL),         ORVPY_FIELD(vecM),
-             ORVPY_FIELD(scalarA),     ORVPY_FIELD(scalarB),  ORVPY_FIELD(errorCodes),   ORVPY_FIELD(vecN),
-             ORVPY_FIELD(vecO),        ORVPY_FIELD(extD)});
+            {ORVPY_FIELD(packetTag),  ORVPY_FIELD(poseTime),    ORVPY_FIELD(platPoseTime),
+             ORVPY_FIELD(time2),      ORVPY_FIELD(statusWord),  ORVPY_FIELD(vecA),
+             ORVPY_FIELD(vecB),       ORVPY_FIELD(vecC),        ORVPY_FIELD(vecD),
+             ORVPY_FIELD(vecE),       ORVPY_FIELD(vecF),        ORVPY_FIELD(countA),
+             ORVPY_FIELD(countB),     ORVPY_FIELD(cbn),         ORVPY_FIELD(euler),
+             ORVPY_FIELD(cbn2),       ORVPY_FIELD(position),    ORVPY_FIELD(vecG),
+             ORVPY_FIELD(vecH),       ORVPY_FIELD(angularRate), ORVPY_FIELD(vecI),
+             ORVPY_FIELD(extA),       ORVPY_FIELD(vecJ),        ORVPY_FIELD(extB),
+             ORVPY_FIELD(vecK),       ORVPY_FIELD(extC),        ORVPY_FIELD(vecL),
+             ORVPY_FIELD(vecM),       ORVPY_FIELD(scalarA),     ORVPY_FIELD(scalarB),
+             ORVPY_FIELD(errorCodes), ORVPY_FIELD(vecN),        ORVPY_FIELD(vecO),
+             ORVPY_FIELD(extD)});
     }
     {
         using S = s_OrvAccessImuData;
-        bindRecord<S>(m, "ImuData",
-                      "One IMU sample (s_OrvAccessImuData): time in us, dt in s, rates per second.",
-                      {ORVPY_FIELD(time), ORVPY_FIELD(tag), ORVPY_FIELD(pid), ORVPY_FIELD(status), ORVPY_FIELD(dt),
-                       ORVPY_FIELD(gyroRaw), ORVPY_FIELD(accelRaw), ORVPY_FIELD(gyroRate),
-                       ORVPY_FIELD(accelRate)});
+        bindRecord<S>(
+            m, "ImuData", "One IMU sample (s_OrvAccessImuData): time in us, dt in s, rates per second.",
+            {ORVPY_FIELD(time), ORVPY_FIELD(tag), ORVPY_FIELD(pid), ORVPY_FIELD(status), ORVPY_FIELD(dt),
+             ORVPY_FIELD(gyroRaw), ORVPY_FIELD(accelRaw), ORVPY_FIELD(gyroRate), ORVPY_FIELD(accelRate)});
     }
     {
         using S = s_OrvAccessAuxData;
@@ -240,9 +243,9 @@ void bindRecords(py::module_& m) {
     {
         using S = s_OrvAccessDiagData;
         bindRecord<S>(m, "DiagData", "A diagnostic subpacket from orvRx (s_OrvAccessDiagData).",
-                      {ORVPY_FIELD(tag), ORVPY_FIELD(diagValue1), ORVPY_FIELD(diagCount), ORVPY_FIELD(diagByte1),
-                       ORVPY_FIELD(diagValue2), ORVPY_FIELD(diagByte2), ORVPY_FIELD(errorCodes), ORVPY_FIELD(state),
-                       ORVPY_FIELD(optional)});
+                      {ORVPY_FIELD(tag), ORVPY_FIELD(diagValue1), ORVPY_FIELD(diagCount),
+                       ORVPY_FIELD(diagByte1), ORVPY_FIELD(diagValue2), ORVPY_FIELD(diagByte2),
+                       ORVPY_FIELD(errorCodes), ORVPY_FIELD(state), ORVPY_FIELD(optional)});
     }
     {
         using S = s_OrvAccessPlatPoseData;
@@ -252,46 +255,48 @@ void bindRecords(py::module_& m) {
     }
     {
         using S = s_OrvAccessGpsData;
-        bindRecord<S>(m, "GpsData", "GPS data (s_OrvAccessGpsData).",
-                      {ORVPY_FIELD(valid), ORVPY_FIELD(gpsWord1), ORVPY_FIELD(lat), ORVPY_FIELD(lon),
-                       ORVPY_FIELD(gpsValue1), ORVPY_FIELD(gpsHalf), ORVPY_FIELD(gpsByte1), ORVPY_FIELD(gpsValue2),
-                       ORVPY_FIELD(gpsValue3), ORVPY_FIELD(gpsWord2), ORVPY_FIELD(gpsDouble1),
-                       ORVPY_FIELD(gpsDouble2), ORVPY_FIELD(gpsValue4), ORVPY_FIELD(gpsValue5),
-                       ORVPY_FIELD(gpsValue6), ORVPY_FIELD(gpsByte2)});
+        bindRecord<S>(
+            m, "GpsData", "GPS data (s_OrvAccessGpsData).",
+            {ORVPY_FIELD(valid), ORVPY_FIELD(gpsWord1), ORVPY_FIELD(lat), ORVPY_FIELD(lon),
+             ORVPY_FIELD(gpsValue1), ORVPY_FIELD(gpsHalf), ORVPY_FIELD(gpsByte1), ORVPY_FIELD(gpsValue2),
+             ORVPY_FIELD(gpsValue3), ORVPY_FIELD(gpsWord2), ORVPY_FIELD(gpsDouble1), ORVPY_FIELD(gpsDouble2),
+             ORVPY_FIELD(gpsValue4), ORVPY_FIELD(gpsValue5), ORVPY_FIELD(gpsValue6), ORVPY_FIELD(gpsByte2)});
     }
     {
         using S = s_OrvAccessPoseRecStats;
-        bindRecord<S>(m, "PoseRecStats",
-                      "Pose-recovery statistics from an optical subpacket or a PRA packet "
-                      "(s_OrvAccessPoseRecStats).",
-                      {ORVPY_FIELD(tag), ORVPY_FIELD(stat0), ORVPY_FIELD(stat1), ORVPY_FIELD(stat2),
-                       ORVPY_FIELD(stat3), ORVPY_FIELD(value0), ORVPY_FIELD(flagA), ORVPY_FIELD(flagB),
-                       ORVPY_FIELD(value1), ORVPY_FIELD(vec1), ORVPY_FIELD(vec2), ORVPY_FIELD(vec3),
-                       ORVPY_FIELD(vec4), ORVPY_FIELD(value2), ORVPY_FIELD(value3), ORVPY_FIELD(value4),
-                       ORVPY_FIELD(value5), ORVPY_FIELD(extra)});
+        bindRecord<S>(
+            m, "PoseRecStats",
+            "Pose-recovery statistics from an optical subpacket or a PRA packet "
+            "(s_OrvAccessPoseRecStats).",
+            {ORVPY_FIELD(tag), ORVPY_FIELD(stat0), ORVPY_FIELD(stat1), ORVPY_FIELD(stat2), ORVPY_FIELD(stat3),
+             ORVPY_FIELD(value0), ORVPY_FIELD(flagA), ORVPY_FIELD(flagB), ORVPY_FIELD(value1),
+             ORVPY_FIELD(vec1), ORVPY_FIELD(vec2), ORVPY_FIELD(vec3), ORVPY_FIELD(vec4), ORVPY_FIELD(value2),
+             ORVPY_FIELD(value3), ORVPY_FIELD(value4), ORVPY_FIELD(value5), ORVPY_FIELD(extra)});
     }
     {
         using S = s_OrvAccessHubData;
-        bindRecord<S>(m, "HubData",
-                      "A hub data packet (s_OrvAccessHubData): time in us, cbn body to navigation, row-major, "
-                      "euler roll, pitch, yaw in rad.",
-                      {ORVPY_FIELD(word), ORVPY_FIELD(halfWord), ORVPY_FIELD(status), ORVPY_FIELD(words),
-                       ORVPY_FIELD(time), ORVPY_FIELD(cbn), ORVPY_FIELD(euler), ORVPY_FIELD(vec),
-                       ORVPY_FIELD(lastByte)});
+        bindRecord<S>(
+            m, "HubData",
+            "A hub data packet (s_OrvAccessHubData): time in us, cbn body to navigation, row-major, "
+            "euler roll, pitch, yaw in rad.",
+            {ORVPY_FIELD(word), ORVPY_FIELD(halfWord), ORVPY_FIELD(status), ORVPY_FIELD(words),
+             ORVPY_FIELD(time), ORVPY_FIELD(cbn), ORVPY_FIELD(euler), ORVPY_FIELD(vec),
+             ORVPY_FIELD(lastByte)});
     }
     {
         using S = s_OrvAccessStatus;
-        bindRecord<S>(m, "Status",
-                      "What getStatus reports (s_OrvAccessStatus): Connection and Received bits, the new-error "
-                      "flag and the last orvRx state.",
-                      {ORVPY_FIELD(connections), ORVPY_FIELD(received), ORVPY_FIELD(newError),
-                       ORVPY_FIELD(diagState)});
+        bindRecord<S>(
+            m, "Status",
+            "What getStatus reports (s_OrvAccessStatus): Connection and Received bits, the new-error "
+            "flag and the last orvRx state.",
+            {ORVPY_FIELD(connections), ORVPY_FIELD(received), ORVPY_FIELD(newError), ORVPY_FIELD(diagState)});
     }
     {
         using S = s_OrvAccessErrorCode;
-        bindRecord<S>(m, "QueuedErrorCode",
-                      "One queued error code (s_OrvAccessErrorCode); ErrorCode names the library's own codes.",
-                      {ORVPY_FIELD(code), ORVPY_FIELD(value)});
+        bindRecord<S>(
+            m, "QueuedErrorCode",
+            "One queued error code (s_OrvAccessErrorCode); ErrorCode names the library's own codes.",
+            {ORVPY_FIELD(code), ORVPY_FIELD(value)});
     }
     {
         using S = OrvAccess::s_TgtResData;
@@ -311,8 +316,9 @@ void bindRecords(py::module_& m) {
     }
     {
         using S = OrvAccess::s_FeatData;
-        bindRecord<S>(m, "FeatData", "One natural feature of an NFT packet (OrvAccess::s_FeatData).",
-                      {ORVPY_FIELD(sequenceId), ORVPY_FIELD(index), ORVPY_FIELD(valid), ORVPY_FIELD(position)});
+        bindRecord<S>(
+            m, "FeatData", "One natural feature of an NFT packet (OrvAccess::s_FeatData).",
+            {ORVPY_FIELD(sequenceId), ORVPY_FIELD(index), ORVPY_FIELD(valid), ORVPY_FIELD(position)});
     }
     {
         using S = OrvAccess::s_ImuCrs;

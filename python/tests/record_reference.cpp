@@ -61,7 +61,8 @@ int main(int argc, char** argv) {
     for (int i = 0; i < 4; ++i) ports[i] = std::atoi(argv[3 + i]);
 
     std::ifstream in(argv[2], std::ios::binary);
-    const std::vector<unsigned char> capture((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::vector<unsigned char> capture((std::istreambuf_iterator<char>(in)),
+                                             std::istreambuf_iterator<char>());
     if (!in.eof() && !in) return fail(std::string("cannot read ") + argv[2]);
 
     OrvAccess access;
@@ -83,23 +84,28 @@ int main(int argc, char** argv) {
         if (sendto(fd, capture.data() + at + 3, length, 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0)
             return fail("sendto failed");
         at += 3 + length;
-        if (++sent % kBurst == 0 && !access.getStatus(&status)) return fail("getStatus: " + access.getLastError());
+        if (++sent % kBurst == 0 && !access.getStatus(&status))
+            return fail("getStatus: " + access.getLastError());
     }
     ::close(fd);
     if (!access.getStatus(&status)) return fail("getStatus: " + access.getLastError());
 
     using A = OrvAccess;
     const bool ok =
-        drain<s_OrvAccessTrkDataExt>("tracking", [&](bool* v, auto* r) { return access.getTrackingData(v, r); }) &&
-        drain<s_OrvAccessImuData>("imu",
-                                  [&](bool* v, auto* r) { return access.getImuData(ORVACCESS_IMU_CAMERA, v, r); }) &&
+        drain<s_OrvAccessTrkDataExt>("tracking",
+                                     [&](bool* v, auto* r) { return access.getTrackingData(v, r); }) &&
+        drain<s_OrvAccessImuData>(
+            "imu", [&](bool* v, auto* r) { return access.getImuData(ORVACCESS_IMU_CAMERA, v, r); }) &&
         drain<s_OrvAccessAuxData>("aux", [&](bool* v, auto* r) { return access.getAuxData(v, r); }) &&
         drain<s_OrvAccessDiagData>("diag", [&](bool* v, auto* r) { return access.getDiagData(v, r); }) &&
         drain<A::s_TgtData>("target", [&](bool* v, auto* r) { return access.getTargetData(v, r); }) &&
-        drain<s_OrvAccessPlatPoseData>("platpose", [&](bool* v, auto* r) { return access.getPlatformPoseData(v, r); }) &&
+        drain<s_OrvAccessPlatPoseData>("platpose",
+                                       [&](bool* v, auto* r) { return access.getPlatformPoseData(v, r); }) &&
         drain<s_OrvAccessGpsData>("gps", [&](bool* v, auto* r) { return access.getGpsData(v, r); }) &&
-        drain<A::s_TgtResData>("targetres", [&](bool* v, auto* r) { return access.getTargetResData(v, r); }) &&
-        drain<s_OrvAccessPoseRecStats>("poserec", [&](bool* v, auto* r) { return access.getPoseRecoveryStats(v, r); }) &&
+        drain<A::s_TgtResData>("targetres",
+                               [&](bool* v, auto* r) { return access.getTargetResData(v, r); }) &&
+        drain<s_OrvAccessPoseRecStats>("poserec",
+                                       [&](bool* v, auto* r) { return access.getPoseRecoveryStats(v, r); }) &&
         drain<A::s_FeatData>("feature", [&](bool* v, auto* r) { return access.getFeatureData(v, r); }) &&
         drain<s_OrvAccessHubData>("hub", [&](bool* v, auto* r) { return access.getHubData(v, r); }) &&
         drain<s_OrvAccessErrorCode>("error", [&](bool* v, auto* r) {
