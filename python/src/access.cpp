@@ -90,7 +90,6 @@ py::array drain(PyAccess& a, const char* call, std::optional<size_t> max, Get ge
             if (valid) rows.push_back(rec);
         }
         a.lastDrainLibraryS.store(std::chrono::duration<double>(Clock::now() - start).count());
-        return 0;
     });
     py::array out = toArray(rows);
     if (!ok) raiseError(call, reason, "", out);
@@ -335,43 +334,26 @@ void bindAccess(py::module_& m) {
         return false;
     });
     cls.def(
-        "init",
-        [](PyAccess& a) {
-            locked(a, [](OrvAccess& o) {
-                o.init();
-                return 0;
-            });
-        },
+        "init", [](PyAccess& a) { locked(a, [](OrvAccess& o) { o.init(); }); },
         "Re-reads the INI file and resets the run-time state (open() does this itself).");
     cls.def(
         "set_ini_path",
         [](PyAccess& a, py::object path) {
             const std::string text = pathText(path);
-            locked(a, [&](OrvAccess& o) {
-                o.setIniPath(text);
-                return 0;
-            });
+            locked(a, [&](OrvAccess& o) { o.setIniPath(text); });
             a.iniPath = text;
         },
         py::arg("path"), "The INI file the next open() reads.");
     cls.def_property_readonly("ini_path", [](const PyAccess& a) { return a.iniPath; });
     cls.def(
         "set_verbosity",
-        [](PyAccess& a, unsigned int mask) {
-            locked(a, [&](OrvAccess& o) {
-                o.setVerbosity(mask);
-                return 0;
-            });
-        },
+        [](PyAccess& a, unsigned int mask) { locked(a, [&](OrvAccess& o) { o.setVerbosity(mask); }); },
         py::arg("mask"), "Verbosity bits (Verbosity); open() replaces them with the INI file's.");
     cls.def(
         "set_logging",
         [](PyAccess& a, unsigned int mask, py::object logPath) {
             const std::string path = pathText(logPath);
-            locked(a, [&](OrvAccess& o) {
-                o.setLogging(mask, path);
-                return 0;
-            });
+            locked(a, [&](OrvAccess& o) { o.setLogging(mask, path); });
         },
         py::arg("mask"), py::arg("log_path"),
         "Binary log channels (LogChannel) written below log_path (a prefix: end it with '/').");
@@ -412,7 +394,6 @@ void bindAccess(py::module_& m) {
         locked(a, [&](OrvAccess& o) {
             o.clearLastError();
             a.carriedLastError.clear();
-            return 0;
         });
     });
     cls.def(
@@ -446,10 +427,7 @@ void bindAccess(py::module_& m) {
         "add_error_code",
         [](PyAccess& a, int code, unsigned int value) {
             if (code < 0 || code > 0xFFFF) throw py::value_error("error codes are 16 bits: 0..65535");
-            locked(a, [&](OrvAccess& o) {
-                o.addErrorCode(static_cast<unsigned short>(code), value);
-                return 0;
-            });
+            locked(a, [&](OrvAccess& o) { o.addErrorCode(static_cast<unsigned short>(code), value); });
         },
         py::arg("code"), py::arg("value") = 0);
 
@@ -461,32 +439,20 @@ void bindAccess(py::module_& m) {
         },
         py::arg("start_streaming") = true, "Drains every open UDP port into the queues.");
     cls.def(
-        "flush_udp",
-        [](PyAccess& a) {
-            locked(a, [](OrvAccess& o) {
-                o.flushUdp();
-                return 0;
-            });
-        },
+        "flush_udp", [](PyAccess& a) { locked(a, [](OrvAccess& o) { o.flushUdp(); }); },
         "Discards what waits on the meta, image, orvCore and NFT ports.");
     cls.def(
         "process_tracking_pkt",
         [](PyAccess& a, py::buffer packet) {
             const std::vector<unsigned char> bytes = packetBytes(packet, "process_tracking_pkt");
-            locked(a, [&](OrvAccess& o) {
-                o.processTrackingPkt(bytes.data());
-                return 0;
-            });
+            locked(a, [&](OrvAccess& o) { o.processTrackingPkt(bytes.data()); });
         },
         py::arg("packet"), "Parses a tracking datagram the application holds, as if it had arrived.");
     cls.def(
         "process_meta_pkt",
         [](PyAccess& a, py::buffer packet) {
             const std::vector<unsigned char> bytes = packetBytes(packet, "process_meta_pkt");
-            locked(a, [&](OrvAccess& o) {
-                o.processMetaPkt(bytes.data());
-                return 0;
-            });
+            locked(a, [&](OrvAccess& o) { o.processMetaPkt(bytes.data()); });
         },
         py::arg("packet"), "Parses a meta datagram the application holds, as if it had arrived.");
 
@@ -517,10 +483,7 @@ void bindAccess(py::module_& m) {
     cls.def(
         "update_exports",
         [](PyAccess& a, double predictionS, Trk& rec) {
-            locked(a, [&](OrvAccess& o) {
-                o.updateExports(predictionS, &rec);
-                return 0;
-            });
+            locked(a, [&](OrvAccess& o) { o.updateExports(predictionS, &rec); });
         },
         py::arg("prediction_s"), py::arg("record"),
         "Adjusts a pose in place: predicted by prediction_s seconds, tip offset, boresight, Euler angles.");
@@ -543,13 +506,7 @@ void bindAccess(py::module_& m) {
         },
         py::arg("xyz"), "The tip offset: x, y, z in metres, body axes.");
     cls.def(
-        "init_vs_data",
-        [](PyAccess& a) {
-            locked(a, [](OrvAccess& o) {
-                o.initVsData();
-                return 0;
-            });
-        },
+        "init_vs_data", [](PyAccess& a) { locked(a, [](OrvAccess& o) { o.initVsData(); }); },
         "Restarts the display-clock and IMU-clock estimates.");
     cls.def(
         "poses",
