@@ -18,6 +18,12 @@ packages=(
   help2man
   doxygen
   libpcap-dev
+  # The Python package, for Debian's /usr/bin/python3.
+  pybind11-dev
+  python3-dev
+  python3-numpy
+  python3-pytest
+  python3-matplotlib
 )
 # Wanted but not required: without tshark the dissector's tests are skipped.
 optional=(
