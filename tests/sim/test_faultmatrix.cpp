@@ -99,7 +99,10 @@ struct Delivered {
 class ResettingRelay {
 public:
     ResettingRelay(int to, size_t resetAfter)
-        : port_(orvtest::freePort()), to_(to), resetAfter_(resetAfter), listen_(socket(AF_INET, SOCK_STREAM, 0)) {
+        : port_(orvtest::freePort()),
+          to_(to),
+          resetAfter_(resetAfter),
+          listen_(socket(AF_INET, SOCK_STREAM, 0)) {
         const sockaddr_in a = orvtest::loopback(port_);
         if (bind(listen_, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0 || listen(listen_, 4) != 0)
             ADD_FAILURE() << "relay cannot listen on port " << port_;
@@ -149,7 +152,8 @@ private:
                     continue;
                 }
                 // A get request starts the count of what comes back.
-                if (n >= 2 && static_cast<unsigned char>(buf[0]) == 0xAB && static_cast<unsigned char>(buf[1]) == 0xC5)
+                if (n >= 2 && static_cast<unsigned char>(buf[0]) == 0xAB &&
+                    static_cast<unsigned char>(buf[1]) == 0xC5)
                     getting_ = true, back_ = 0;
                 send(server_, buf, static_cast<size_t>(n), MSG_NOSIGNAL);
             }
@@ -275,6 +279,14 @@ protected:
         }
     }
 
+    // Error codes for damaged datagrams and broken images; the simulator may
+    // raise others of its own (a skipped sequence on a loaded machine).
+    static int damaged(Delivered& d) {
+        int n = d.errors[ORVACCESS_ERR_IMAGE_TRANSFER];
+        for (int s = 0; s < kStreamCount; ++s) n += d.errors[streamErrorCode(static_cast<Stream>(s))];
+        return n;
+    }
+
     // True when the hub words delivered run on without a gap or a repeat.
     static bool consecutive(const std::vector<uint32_t>& v) {
         for (size_t i = 1; i < v.size(); ++i)
@@ -300,8 +312,8 @@ TEST_P(ChannelFaults, OnlyTheDamagedDatagramsAreLostAndTheOtherChannelsStayWhole
     const Stream faulty = GetParam();
     start([faulty](SimConfig& c) {
         c.rates.image = 10;
-        c.faults[index(faulty)] = faulty == Stream::Image ? FaultRates{0.04, 0.04, 0.04, 0.04}
-                                                          : FaultRates{0.15, 0.15, 0.15, 0.15};
+        c.faults[index(faulty)] =
+            faulty == Stream::Image ? FaultRates{0.04, 0.04, 0.04, 0.04} : FaultRates{0.15, 0.15, 0.15, 0.15};
         c.seed = 13;
         // Nothing may go out before the library has switched streaming on
         // and flushed its ports: that loss would not be the fault's.
@@ -356,8 +368,260 @@ TEST_P(ChannelFaults, OnlyTheDamagedDatagramsAreLostAndTheOtherChannelsStayWhole
 }
 
 INSTANTIATE_TEST_SUITE_P(Matrix, ChannelFaults,
-                         testing::Values(Stream::Tracking, Stream::Pra, Stream::Meta, Stream::Image, Stream::Hub,
-                                         Stream::Nft),
-                         [](const testing::TestParamInfo<Stream>& p) { return std::string(streamName(p.param)); });
+                         testing::Values(Stream::Tracking, Stream::Pra, Stream::Meta, Stream::Image,
+                                         Stream::Hub, Stream::Nft),
+                         [](const testing::TestParamInfo<Stream>& p) {
+                             return std::string(streamName(p.param));
+                         });
+
+// ---- the command channel ---------------------------------------------------------------
+
+// orvRx carries out every command but damages every reply: each command
+// fails with its own text, streaming happens all the same, and the streams
+// that need no command never notice.
+TEST_F(FaultMatrix, CorruptRepliesFailEachCommandWhileTheStreamsGoOn) {
+    start([](SimConfig& c) { c.replies = RxServer::Replies::Corrupt; });
+    Delivered d;
+    bool valid = false;
+    s_OrvAccessImuData imu{};
+    ASSERT_TRUE(access_.getImuData(ORVACCESS_IMU_CAMERA, &valid, &imu));
+    EXPECT_EQ(access_.getLastError(), "Failed to set streaming state");
+    drainFor(0.4, d);
+    EXPECT_FALSE(d.seen[index(Stream::Tracking)].empty()) << "the switch took effect";
+
+    EXPECT_FALSE(access_.setRegister(100, 0x10, 7));
+    EXPECT_EQ(access_.getLastError(), "Invalid ack to set register command");
+    unsigned char value = 0;
+    EXPECT_FALSE(access_.getRegister(100, 0x10, &value));  // the stop is refused first
+    EXPECT_EQ(access_.getLastError(), "Failed to set streaming state");
+    EXPECT_FALSE(access_.getRegister(100, 0x10, &value));
+    EXPECT_EQ(access_.getLastError(), "Invalid response to get register command");
+    unsigned char tx[1] = {0}, rx[4] = {};
+    unsigned long got = 0;
+    // An IMU reply carries no checksum: its damage cannot be seen.
+    EXPECT_TRUE(access_.transactImu(ORVACCESS_IMU_CAMERA, tx, 1, rx, 1, 100, &got));
+    EXPECT_EQ(got, 1u);
+    EXPECT_EQ(rx[0], static_cast<unsigned char>(~RxServer::kImuIdentity));
+    dir_.write("calib.txt", std::string(700, 'c'));
+    EXPECT_FALSE(access_.getFile("calib.txt", ORVACCESS_FILE_LOC_1, dir_.prefix() + "back.txt"));
+    EXPECT_EQ(access_.getLastError(), "No/bad response from server");
+    EXPECT_FALSE(std::filesystem::exists(dir_.prefix() + "back.txt"));
+
+    d.seen[index(Stream::Hub)].clear();
+    drainFor(0.3, d);
+    const SimReport r = stopSim();
+    drainFor(0.2, d);
+    EXPECT_EQ(sim_->rx().reg(0x10), 7) << "the command was carried out";
+    // Hub data went on through all of it, every datagram of it.
+    const std::vector<uint32_t>& hub = d.seen[index(Stream::Hub)];
+    EXPECT_TRUE(consecutive(hub));
+    EXPECT_EQ(hub.empty() ? 0 : hub.back() + 1, r.streams[index(Stream::Hub)].built);
+    EXPECT_EQ(damaged(d), 0) << "a bad reply is no error code";
+}
+
+// orvRx reads commands and never answers: streaming never starts, and the
+// last error says so; each command times out with its own text while hub
+// and NFT data flow on.
+TEST_F(FaultMatrix, SilentRepliesTimeOutAndStreamingIsNeverAcknowledged) {
+    start([](SimConfig& c) { c.replies = RxServer::Replies::Silent; });
+    Delivered d;
+    bool valid = false;
+    s_OrvAccessImuData imu{};
+    ASSERT_TRUE(access_.getImuData(ORVACCESS_IMU_CAMERA, &valid, &imu));
+    EXPECT_EQ(access_.getLastError(), "Failed to set streaming state");
+    drainFor(0.5, d);
+    EXPECT_TRUE(d.seen[index(Stream::Meta)].empty());
+    EXPECT_TRUE(d.seen[index(Stream::Tracking)].empty());
+    EXPECT_FALSE(d.seen[index(Stream::Nft)].empty());
+
+    EXPECT_FALSE(access_.setRegister(100, 0x10, 7));
+    EXPECT_EQ(access_.getLastError(), "No response to set register command");
+    unsigned char value = 0;
+    EXPECT_FALSE(access_.getRegister(100, 0x10, &value));
+    EXPECT_EQ(access_.getLastError(), "Failed to set streaming state");
+    EXPECT_FALSE(access_.getRegister(100, 0x10, &value));
+    EXPECT_EQ(access_.getLastError(), "No response to get register command");
+
+    d.seen[index(Stream::Hub)].clear();
+    drainFor(0.3, d);
+    const SimReport r = stopSim();
+    drainFor(0.2, d);
+    EXPECT_EQ(sim_->rx().reg(0x10), 0) << "silent means ignored";
+    const std::vector<uint32_t>& hub = d.seen[index(Stream::Hub)];
+    EXPECT_TRUE(consecutive(hub));
+    EXPECT_EQ(hub.empty() ? 0 : hub.back() + 1, r.streams[index(Stream::Hub)].built);
+}
+
+// The connection to orvRx reset while a file comes in: the get fails with
+// the socket's text, the chunks before the reset stay on disk, the UDP
+// channels go on, and reopening brings the command channel back.
+TEST_F(FaultMatrix, APeerResetInTheMiddleOfAFileKeepsItsChunksAndTheOtherChannels) {
+    const int simPort = orvtest::freePort();
+    // The reply to the get (5 bytes) and two chunks of 518 go through.
+    ResettingRelay relay(simPort, 5 + 2 * 518);
+    start([simPort](SimConfig& c) { c.tcpPort = simPort; }, relay.port());
+    std::string content;
+    for (int i = 0; i < 3000; ++i) content += static_cast<char>('a' + i % 26);
+    dir_.write("calib.txt", content);
+    const std::string local = dir_.prefix() + "back.txt";
+    const auto readLocal = [&] {
+        std::ifstream in(local, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+
+    Delivered d;
+    drainFor(0.2, d);
+    EXPECT_FALSE(access_.getFile("calib.txt", ORVACCESS_FILE_LOC_1, local));
+    EXPECT_TRUE(relay.didReset());
+    EXPECT_EQ(access_.getLastError(),
+              "Error reading reply from orvRx: Error reading TCP port...Connection reset by peer");
+    EXPECT_EQ(readLocal(), content.substr(0, 1024));
+
+    // Streaming cannot be switched back on, and the next command says why.
+    d.seen[index(Stream::Hub)].clear();
+    d.seen[index(Stream::Nft)].clear();
+    drainFor(0.4, d);
+    EXPECT_EQ(access_.getLastError(), "Failed to set streaming state");
+    EXPECT_FALSE(access_.setRegister(100, 0x10, 7));
+    EXPECT_EQ(access_.getLastError().rfind("Error writing command to orvRx: Error writing to socket...", 0),
+              0u)
+        << access_.getLastError();
+    EXPECT_TRUE(consecutive(d.seen[index(Stream::Hub)]));
+    EXPECT_GT(d.seen[index(Stream::Hub)].size(), 5u);
+    EXPECT_FALSE(d.seen[index(Stream::Nft)].empty());
+    EXPECT_EQ(damaged(d), 0);
+
+    ASSERT_TRUE(access_.open()) << access_.getLastError();
+    EXPECT_TRUE(access_.getFile("calib.txt", ORVACCESS_FILE_LOC_1, local)) << access_.getLastError();
+    EXPECT_EQ(readLocal(), content);
+    bool valid = false;
+    s_OrvAccessTrkDataExt t{};
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (!(access_.getTrackingData(&valid, &t) && valid) && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(valid) << "streaming again after the reopen";
+}
+
+// ---- images ------------------------------------------------------------------------------
+
+// The image producer stops in the middle of an image: the progress stays
+// where it was, nothing else waits, and when it goes on the image arrives
+// whole. A producer that starts over with a new image abandons the old one.
+TEST_F(FaultMatrix, AnImageProducerThatStallsHoldsItsProgressAndStopsNothingElse) {
+    start([](SimConfig&) {});
+    const int port = ports_["udpOrvRxImgPort"];
+    orvtest::UdpSender sender;
+    const auto pieces = [](uint32_t seq) {
+        Bytes pixels(kImageBytes);
+        for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = static_cast<unsigned char>(i * 13 + seq);
+        return std::make_pair(pixels, buildImagePieces(seq, 10, pixels.data(), pixels.size(), kPieceBytes));
+    };
+    const auto [first, firstPieces] = pieces(41);
+    const auto [third, thirdPieces] = pieces(43);
+    const auto secondPieces = pieces(42).second;
+
+    Delivered d;
+    drain(d);  // switches streaming on, which restarts the image under way
+    for (size_t i = 0; i < 3; ++i) ASSERT_TRUE(sender.send(port, firstPieces[i]));
+    drainFor(0.1, d);
+    d.seen[index(Stream::Hub)].clear();
+    drainFor(0.5, d);
+    EXPECT_EQ(d.lastPercent, static_cast<int>(3 * kPieceBytes * 100 / kImageBytes));
+    EXPECT_TRUE(d.images.empty());
+    EXPECT_GT(d.seen[index(Stream::Hub)].size(), 5u);
+    EXPECT_TRUE(consecutive(d.seen[index(Stream::Hub)]));
+
+    for (size_t i = 3; i < firstPieces.size(); ++i) ASSERT_TRUE(sender.send(port, firstPieces[i]));
+    Bytes out(kImageBytes);
+    int percent = 0;
+    OrvAccess::ImageFormat format{};
+    unsigned int seq = 0;
+    ASSERT_TRUE(access_.getImage(&percent, &format, &seq, out.data(), out.size())) << access_.getLastError();
+    EXPECT_EQ(percent, 100);
+    EXPECT_EQ(seq, 41u);
+    EXPECT_TRUE(out == first);
+
+    // Half of 42, then 43 from its start: 43 arrives, 42 is dropped unreported.
+    for (size_t i = 0; i < 3; ++i) ASSERT_TRUE(sender.send(port, secondPieces[i]));
+    drainFor(0.2, d);
+    for (const Bytes& p : thirdPieces) ASSERT_TRUE(sender.send(port, p));
+    ASSERT_TRUE(access_.getImage(&percent, &format, &seq, out.data(), out.size())) << access_.getLastError();
+    EXPECT_EQ(percent, 100);
+    EXPECT_EQ(seq, 43u);
+    EXPECT_TRUE(out == third);
+    drain(d);
+    EXPECT_EQ(damaged(d), 0);
+}
+
+// The shared-memory producer stalls while it holds the region's semaphore:
+// the library waits for it without limit, as the system specifies, and gets
+// the image once the producer goes on. Both sides run in child processes so
+// that a reader that never returns fails at a deadline instead of hanging.
+TEST(SharedImageStall, TheReaderWaitsForTheProducerAndThenGetsItsImage) {
+    using Clock = std::chrono::steady_clock;
+    const std::string name = "orvatestfmstall" + std::to_string(getpid());
+    orvtest::TempDir dir;
+    const int ports[5] = {0, 0, orvtest::freePort(), 0, 0};
+    const std::string ini =
+        dir.write("orvaccess.ini", orvtest::receiverIni(ports, "sMemImgName = " + name + "\n"));
+    constexpr size_t kHeader = 6;
+
+    int held[2], goOn[2], done[2], asking[2];
+    ASSERT_EQ(pipe(asking), 0);
+    ASSERT_EQ(pipe(held), 0);
+    ASSERT_EQ(pipe(goOn), 0);
+    ASSERT_EQ(pipe(done), 0);
+    const pid_t producer = fork();
+    if (producer == 0) {
+        OrvosiSharedMem region(name.c_str(), static_cast<unsigned int>(kHeader + kImageBytes));
+        auto* p = static_cast<unsigned char*>(region.get());
+        char c = p != nullptr ? 1 : 0;
+        if (write(held[1], &c, 1) != 1 || p == nullptr || read(goOn[0], &c, 1) != 1) _exit(1);
+        p[1] = 7, p[2] = p[3] = p[4] = 0, p[5] = 10;  // sequence id 7, format 10
+        std::memset(p + kHeader, 0x5A, kImageBytes);
+        p[0] = 1;
+        region.release();
+        if (read(done[0], &c, 1) != 1) _exit(1);  // the semaphore's name lives as long as its creator
+        _exit(0);
+    }
+    char c = 0;
+    ASSERT_EQ(read(held[0], &c, 1), 1);
+    ASSERT_EQ(c, 1);
+    const pid_t reader = fork();
+    if (reader == 0) {
+        OrvAccess access;
+        access.setIniPath(ini);
+        if (!access.open()) _exit(2);
+        char one = 1;
+        if (write(asking[1], &one, 1) != 1) _exit(2);
+        Bytes image(kImageBytes);
+        int percent = 0;
+        e_OrvAccessImageFormat format{};
+        unsigned int seq = 0;
+        const bool ok = access.getImage(&percent, &format, &seq, image.data(), image.size());
+        _exit(ok && percent == 100 && seq == 7 && image[kImageBytes - 1] == 0x5A ? 0 : 3);
+    }
+    // Still waiting after half a second of stall.
+    ASSERT_EQ(read(asking[0], &c, 1), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    int status = 0;
+    EXPECT_EQ(waitpid(reader, &status, WNOHANG), 0) << "the reader did not wait";
+    ASSERT_EQ(write(goOn[1], &c, 1), 1);
+
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
+    pid_t exited = 0;
+    while ((exited = waitpid(reader, &status, WNOHANG)) == 0 && Clock::now() < deadline) usleep(10000);
+    if (exited == 0) {
+        kill(reader, SIGKILL);
+        waitpid(reader, &status, 0);
+    }
+    EXPECT_TRUE(exited == reader && WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    ASSERT_EQ(write(done[1], &c, 1), 1);
+    waitpid(producer, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    for (int* fds : {held, goOn, done, asking}) close(fds[0]), close(fds[1]);
+    shm_unlink(("/" + name).c_str());
+    sem_unlink(("/" + name + "Sem").c_str());
+}
 
 }  // namespace
