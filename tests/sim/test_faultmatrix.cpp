@@ -561,7 +561,7 @@ TEST_F(FaultMatrix, AnImageProducerThatStallsHoldsItsProgressAndStopsNothingElse
 }
 
 // The shared-memory producer stalls while it holds the region's semaphore:
-// the library waits for it without limit, as the system specifies, and gets
+// the library waits for it without limit, by design, and gets
 // the image once the producer goes on. Both sides run in child processes so
 // that a reader that never returns fails at a deadline instead of hanging.
 TEST(SharedImageStall, TheReaderWaitsForTheProducerAndThenGetsItsImage) {
