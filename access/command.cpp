@@ -14,6 +14,7 @@
 namespace {
 
 constexpr unsigned int kStreamingAckMs = 200;
+constexpr char kTcpNotOpen[] = "TCP not open";
 constexpr int kImuReplyMs = 1000;
 constexpr int kPollStepMs = 5;
 constexpr size_t kReplyBufferSize = 100;
@@ -88,7 +89,7 @@ void OrvAccess::resetStreamState() {
 bool OrvAccess::setRegister(unsigned int timeoutMs, unsigned int address, unsigned char value) {
     State& s = *st_;
     if (!s.isOpen || !s.tcpOpen) {
-        s.fail("TCP not open", false);
+        s.fail(kTcpNotOpen, false);
         return false;
     }
     unsigned char frame[7];
@@ -134,7 +135,9 @@ bool OrvAccess::getRegister(unsigned int timeoutMs, unsigned int address, unsign
 bool OrvAccess::setStreaming(bool on) {
     State& s = *st_;
     if (!s.isOpen || !s.tcpOpen) {
-        s.fail("TCP not open", false);
+        // Every getter lands here when there is no TCP channel; the text is
+        // set once, not rebuilt per call.
+        if (s.lastError != kTcpNotOpen) s.fail(kTcpNotOpen, false);
         return false;
     }
     if (on == s.streaming) return true;
