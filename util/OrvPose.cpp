@@ -4,8 +4,8 @@
 // final result is narrowed, in place.
 #include "util/OrvPose.hpp"
 
-#include <cmath>
-#include <initializer_list>
+#include <cstdint>
+#include <cstring>
 
 #include "osi/OrvosiMath.hpp"
 #include "util/OrvUtil.hpp"
@@ -102,11 +102,44 @@ bool OrvPose::isNeutral(const double ref[3][3], const double tip[3]) {
 
 namespace {
 
-bool allFinite(const float* v, int n) {
-    bool finite = true;
-    for (int k = 0; k < n; ++k) finite &= std::isfinite(v[k]);
-    return finite;
-}
+// The 33 values the boresight rotates, gathered into one array padded to a
+// multiple of four so that the check and the rounding below vectorize.
+class Rotated {
+public:
+    explicit Rotated(const s_OrvAccessTrkDataExt& rec) {
+        std::memcpy(v_ + 0, rec.cbn, sizeof rec.cbn);
+        std::memcpy(v_ + 9, rec.cbn2, sizeof rec.cbn2);
+        std::memcpy(v_ + 18, rec.angularRate, sizeof rec.angularRate);
+        std::memcpy(v_ + 21, rec.vecJ, sizeof rec.vecJ);
+        std::memcpy(v_ + 24, rec.vecA, sizeof rec.vecA);
+        std::memcpy(v_ + 27, rec.vecL, sizeof rec.vecL);
+        std::memcpy(v_ + 30, rec.vecM, sizeof rec.vecM);
+    }
+    void store(s_OrvAccessTrkDataExt* rec) const {
+        std::memcpy(rec->cbn, v_ + 0, sizeof rec->cbn);
+        std::memcpy(rec->cbn2, v_ + 9, sizeof rec->cbn2);
+        std::memcpy(rec->angularRate, v_ + 18, sizeof rec->angularRate);
+        std::memcpy(rec->vecJ, v_ + 21, sizeof rec->vecJ);
+        std::memcpy(rec->vecA, v_ + 24, sizeof rec->vecA);
+        std::memcpy(rec->vecL, v_ + 27, sizeof rec->vecL);
+        std::memcpy(rec->vecM, v_ + 30, sizeof rec->vecM);
+    }
+    // Whether none is infinite or NaN: an exponent of all ones carries into
+    // the sign bit when one is added to it.
+    bool finite() const {
+        uint32_t bits[kCount], carry = 0;
+        std::memcpy(bits, v_, sizeof bits);
+        for (int k = 0; k < kCount; ++k) carry |= (bits[k] & 0x7f800000u) + 0x00800000u;
+        return (carry & 0x80000000u) == 0;
+    }
+    void addZero() {
+        for (float& x : v_) x += 0.0f;
+    }
+
+private:
+    static constexpr int kCount = 36;
+    float v_[kCount] = {};
+};
 
 }  // namespace
 
@@ -116,14 +149,10 @@ bool allFinite(const float* v, int n) {
 // the value with -0.0 turned into +0.0; an infinite or NaN input would make
 // them NaN, hence the fallback. A dt of 0 leaves the attitudes as they were.
 bool OrvPose::adjustNeutral(s_OrvAccessTrkDataExt* rec) {
-    const bool finite = allFinite(rec->cbn[0], 9) && allFinite(rec->cbn2[0], 9) &&
-                        allFinite(rec->angularRate, 3) && allFinite(rec->vecJ, 3) &&
-                        allFinite(rec->vecA, 3) && allFinite(rec->vecL, 3) && allFinite(rec->vecM, 3);
-    if (!finite) return false;
-    for (float* m : {rec->cbn[0], rec->cbn2[0]})
-        for (int k = 0; k < 9; ++k) m[k] += 0.0f;
-    for (float* v : {rec->angularRate, rec->vecJ, rec->vecA, rec->vecL, rec->vecM})
-        for (int k = 0; k < 3; ++k) v[k] += 0.0f;
+    Rotated rotated(*rec);
+    if (!rotated.finite()) return false;
+    rotated.addZero();
+    rotated.store(rec);
     // The lever arm is then +0.0 whatever the position holds; adding it in
     // double as the full path does quiets a signalling NaN the same way.
     for (float& p : rec->position) p = static_cast<float>(static_cast<double>(p) + 0.0);
