@@ -27,14 +27,14 @@ constexpr unsigned int kVerbTcpIn = ORVACCESS_VERB_DUMP_TCP_IN;
 
 // The public time-outs are unsigned; a huge one must not turn negative (which
 // would mean "no reply awaited").
+int pollTime(unsigned int timeoutMs) { return static_cast<int>(std::min<unsigned int>(timeoutMs, INT_MAX)); }
+
 // Whether the last error is already that text: a length test and one short
 // comparison, no string built.
 template <size_t N>
 bool holds(const std::string& lastError, const char (&text)[N]) {
     return lastError.size() == N - 1 && std::memcmp(lastError.data(), text, N - 1) == 0;
 }
-
-int pollTime(unsigned int timeoutMs) { return static_cast<int>(std::min<unsigned int>(timeoutMs, INT_MAX)); }
 
 }  // namespace
 
@@ -168,8 +168,7 @@ bool OrvAccess::transactImu(e_OrvAccessImuSelect imu, unsigned char* transmit, u
     State& s = *st_;
     if (transmitLength > kImuMaxBytes) {
         // Its length byte would announce fewer bytes than follow it.
-        s.fail("IMU transmit length too long (" + std::to_string(transmitLength) + " bytes, at most 255)",
-               true);
+        s.fail("IMU transmit length too long (" + std::to_string(transmitLength) + " bytes, at most 255)", true);
         return false;
     }
     if (!setStreaming(false)) return false;

@@ -12,8 +12,9 @@ namespace OrvPose {
 void adjust(double dt, const double ref[3][3], const double tip[3], s_OrvAccessTrkDataExt* rec);
 
 // True when ref is exactly the identity (zeros of either sign) and tip is
-// zero (of either sign): with dt == 0 as well, adjust() then only rounds
-// -0.0 to +0.0, quiets the position's NaNs and fills the Euler angles.
+// zero (of either sign). With dt == 0 as well and finite values to rotate,
+// adjust() then only turns -0.0 into +0.0, quiets the position's signalling
+// NaNs and fills the Euler angles.
 bool isNeutral(const double ref[3][3], const double tip[3]);
 
 // What adjust() makes of rec under neutral parameters, bit for bit, at a
