@@ -17,6 +17,7 @@
 #include "osi/OrvosiTcp.hpp"
 #include "osi/OrvosiUdp.hpp"
 #include "osi/OrvosiUtil.hpp"
+#include "util/OrvPose.hpp"
 
 // No configuration key bounds the hub data queue; it gets the bound the
 // configurable queues have by default.
@@ -117,6 +118,10 @@ struct OrvAccess::State {
     double predictionS = 0.0;
     double boresight[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
     double tipOffset[3] = {0.0, 0.0, 0.0};
+    // Whether the boresight and tip offset leave a record alone, decided
+    // when they change rather than for every record handed out.
+    bool neutralAdjustment = true;
+    void noteAdjustment() { neutralAdjustment = OrvPose::isNeutral(boresight, tipOffset); }
 
     // Image reassembly.
     ImageState img;

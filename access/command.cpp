@@ -14,6 +14,7 @@
 namespace {
 
 constexpr unsigned int kStreamingAckMs = 200;
+constexpr char kTcpNotOpen[] = "TCP not open";
 constexpr int kImuReplyMs = 1000;
 constexpr int kPollStepMs = 5;
 constexpr size_t kReplyBufferSize = 100;
@@ -27,6 +28,13 @@ constexpr unsigned int kVerbTcpIn = ORVACCESS_VERB_DUMP_TCP_IN;
 // The public time-outs are unsigned; a huge one must not turn negative (which
 // would mean "no reply awaited").
 int pollTime(unsigned int timeoutMs) { return static_cast<int>(std::min<unsigned int>(timeoutMs, INT_MAX)); }
+
+// Whether the last error is already that text: a length test and one short
+// comparison, no string built.
+template <size_t N>
+bool holds(const std::string& lastError, const char (&text)[N]) {
+    return lastError.size() == N - 1 && std::memcmp(lastError.data(), text, N - 1) == 0;
+}
 
 }  // namespace
 
@@ -88,7 +96,7 @@ void OrvAccess::resetStreamState() {
 bool OrvAccess::setRegister(unsigned int timeoutMs, unsigned int address, unsigned char value) {
     State& s = *st_;
     if (!s.isOpen || !s.tcpOpen) {
-        s.fail("TCP not open", false);
+        s.fail(kTcpNotOpen, false);
         return false;
     }
     unsigned char frame[7];
@@ -134,7 +142,9 @@ bool OrvAccess::getRegister(unsigned int timeoutMs, unsigned int address, unsign
 bool OrvAccess::setStreaming(bool on) {
     State& s = *st_;
     if (!s.isOpen || !s.tcpOpen) {
-        s.fail("TCP not open", false);
+        // Every getter lands here when there is no TCP channel; the text is
+        // set once, not rebuilt per call.
+        if (!holds(s.lastError, kTcpNotOpen)) s.fail(kTcpNotOpen, false);
         return false;
     }
     if (on == s.streaming) return true;

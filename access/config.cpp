@@ -135,6 +135,7 @@ void OrvAccess::init() {
                           static_cast<float>(c.boresightRefRad[2])};
     setBoresightRef(boresight);
     for (int i = 0; i < 3; ++i) s.tipOffset[i] = c.tipOffsetM[i];
+    s.noteAdjustment();
 
     s.applyQueueBounds();
     s.clearQueues();

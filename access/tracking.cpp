@@ -2,7 +2,7 @@
 // adjusted on the way out (prediction, tip offset, boresight), and the
 // setters of that adjustment.
 #include "access/State.hpp"
-#include "osi/OrvosiMath.hpp"
+#include "util/OrvPose.hpp"
 #include "util/OrvUtil.hpp"
 
 bool OrvAccess::getTrackingDataLatest(bool* valid, s_OrvAccessTrkDataExt* data) {
@@ -23,31 +23,14 @@ bool OrvAccess::getTrackingData(bool* valid, s_OrvAccessTrkDataExt* data) {
     return true;
 }
 
-// The order matters: both attitudes are predicted with the rate as it
-// arrived; the lever arm follows the predicted attitude in the tracker's
-// frame, which is why the position is not boresight-rotated; the Euler
-// angles describe the final attitude.
+// Neutral parameters (no prediction, identity boresight, zero tip offset)
+// are the common case; the shortcut yields the same bits as the full path.
+// The interval is compared per call because the display-time getter
+// computes its own.
 void OrvAccess::updateExports(double predictionS, s_OrvAccessTrkDataExt* data) {
     const State& s = *st_;
-    OrvUtil::predictCbn(predictionS, data->angularRate, data->cbn);
-    OrvUtil::predictCbn(predictionS, data->angularRate, data->cbn2);
-
-    double cbn[9], arm[3], position[3];
-    OrvUtil::matrixF2D(3, 3, data->cbn[0], cbn);
-    OrvosiMath::matrixMult(3, 3, 1, cbn, s.tipOffset, arm);
-    OrvUtil::matrixF2D(3, 1, data->position, position);
-    OrvosiMath::matrixAdd(3, 1, position, arm, position);
-    OrvUtil::matrixD2F(3, 1, position, data->position);
-
-    OrvUtil::boresightM(s.boresight, data->cbn);
-    OrvUtil::boresightM(s.boresight, data->cbn2);
-    OrvUtil::boresightV(s.boresight, data->angularRate);
-    OrvUtil::boresightV(s.boresight, data->vecJ);
-    OrvUtil::boresightV(s.boresight, data->vecA);
-    OrvUtil::boresightV(s.boresight, data->vecL);
-    OrvUtil::boresightV(s.boresight, data->vecM);
-
-    OrvUtil::cbn2Euler(data->cbn, data->euler);
+    if (s.neutralAdjustment && predictionS == 0.0 && OrvPose::adjustNeutral(data)) return;
+    OrvPose::adjust(predictionS, s.boresight, s.tipOffset, data);
 }
 
 bool OrvAccess::setPrediction(float seconds) {
@@ -57,10 +40,12 @@ bool OrvAccess::setPrediction(float seconds) {
 
 bool OrvAccess::setBoresightRef(float* rollPitchYaw) {
     OrvUtil::euler2Cbn(rollPitchYaw, st_->boresight);
+    st_->noteAdjustment();
     return true;
 }
 
 bool OrvAccess::setTipOffset(float* xyz) {
     for (int i = 0; i < 3; ++i) st_->tipOffset[i] = xyz[i];
+    st_->noteAdjustment();
     return true;
 }

@@ -86,6 +86,10 @@ TEST(CommandClosed, EveryCommandNeedsTheTcpChannelAndSaysSoQuietly) {
     a.clearLastError();
     EXPECT_FALSE(a.setRegister(10, 1, 1));
     EXPECT_EQ(a.getLastError(), "TCP not open");
+    // Repeated calls keep the text; a cleared text is set again.
+    a.clearLastError();
+    EXPECT_FALSE(a.setStreaming(true) || a.setStreaming(true));
+    EXPECT_EQ(a.getLastError(), "TCP not open");
     EXPECT_FALSE(a.getStreaming());
     EXPECT_EQ(err.text(), "");
 }

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <limits>
+#include <random>
 #include <string>
 
 #include "orvaccess/OrvAccess.hpp"
@@ -18,6 +20,7 @@
 #include "sim/Wire.hpp"
 #include "support/Allocations.hpp"
 #include "support/TestSupport.hpp"
+#include "util/OrvPose.hpp"
 #include "util/OrvUtil.hpp"
 
 namespace {
@@ -71,6 +74,161 @@ void expectExport(const Rec& got, const Rec& sent, double dt, const float* tip, 
         expectNear(reinterpret_cast<const float*>(reinterpret_cast<const char*>(&got) + offset), v, 3);
     }
     EXPECT_EQ(std::memcmp(got.vecB, sent.vecB, sizeof got.vecB), 0);
+}
+
+float bitsToFloat(uint32_t bits) {
+    float f;
+    std::memcpy(&f, &bits, sizeof f);
+    return f;
+}
+
+// Records for the neutral shortcut: every byte random, or every float drawn
+// from values where rounding, signed zeros and NaN handling show: zeros of
+// both signs, subnormals, extremes, quiet and signalling NaNs with payloads.
+class RecordSource {
+public:
+    explicit RecordSource(bool finite) : finite_(finite) {}
+
+    Rec randomBytes() {
+        Rec r;
+        unsigned char* p = reinterpret_cast<unsigned char*>(&r);
+        for (size_t i = 0; i < sizeof r; ++i) p[i] = static_cast<unsigned char>(rng_());
+        return r;
+    }
+    // finite: non-finite values only in the position, which the shortcut
+    // takes whatever it holds.
+    Rec special() {
+        Rec r = randomBytes();
+        for (float* v : {r.cbn[0], r.cbn2[0]})
+            for (int k = 0; k < 9; ++k) v[k] = pick(finite_);
+        for (float* v : {r.angularRate, r.vecJ, r.vecA, r.vecL, r.vecM})
+            for (int k = 0; k < 3; ++k) v[k] = pick(finite_);
+        for (float& p : r.position) p = pick(false);
+        return r;
+    }
+
+private:
+    float pick(bool finiteOnly) {
+        static const uint32_t kSpecial[] = {
+            0x00000000, 0x80000000, 0x00000001, 0x80000001, 0x007fffff, 0x00800000, 0x3f800000, 0xbf800000,
+            0x7f7fffff, 0xff7fffff, 0x33d6bf95,  // finite up to here
+            0x7f800000, 0xff800000, 0x7fc00000, 0xffc00000, 0x7fc12345, 0x7f800001, 0xff812345, 0x7fbfffff};
+        constexpr size_t kFinite = 11, kAll = std::size(kSpecial);
+        const size_t n = finiteOnly ? kFinite : kAll;
+        const uint32_t i = rng_() % (n + 4);
+        if (i < n) return bitsToFloat(kSpecial[i]);
+        // Now and then an ordinary value of either sign.
+        const float v =
+            std::ldexp(static_cast<float>(rng_() % 1000000) / 1e6f, static_cast<int>(rng_() % 8) - 4);
+        return rng_() % 2 ? v : -v;
+    }
+
+    std::mt19937 rng_{12345};
+    bool finite_;
+};
+
+// Neutral parameters as the setters and the configuration produce them:
+// euler2Cbn of zeros puts a -0.0 into the reference, a tip of -0.0 is zero.
+struct Neutral {
+    double ref[3][3];
+    double tip[3];
+    double dt;
+};
+
+std::array<Neutral, 3> neutralParameters() {
+    std::array<Neutral, 3> n{};
+    const float zero[3] = {0, 0, 0}, minusZero[3] = {-0.0f, -0.0f, -0.0f};
+    OrvUtil::euler2Cbn(zero, n[0].ref);
+    OrvUtil::euler2Cbn(minusZero, n[1].ref);
+    for (int i = 0; i < 3; ++i) n[2].ref[i][i] = 1.0;
+    n[1].tip[0] = n[1].tip[1] = n[1].tip[2] = -0.0;
+    n[1].dt = -0.0;
+    return n;
+}
+
+TEST(NeutralExport, ShortcutIsBitIdenticalToTheFullPathOrDeclines) {
+    const std::array<Neutral, 3> params = neutralParameters();
+    for (const Neutral& n : params) EXPECT_TRUE(OrvPose::isNeutral(n.ref, n.tip));
+    RecordSource finite(true), any(false);
+    int taken = 0, declined = 0;
+    for (int i = 0; i < 30000; ++i) {
+        const Rec in = i % 3 == 0 ? any.randomBytes() : i % 3 == 1 ? finite.special() : any.special();
+        Rec fast = in;
+        if (!OrvPose::adjustNeutral(&fast)) {
+            ++declined;
+            ASSERT_EQ(std::memcmp(&fast, &in, sizeof in), 0) << "record " << i << " changed though declined";
+            continue;
+        }
+        ++taken;
+        for (const Neutral& n : params) {
+            Rec full = in;
+            OrvPose::adjust(n.dt, n.ref, n.tip, &full);
+            ASSERT_EQ(std::memcmp(&fast, &full, sizeof full), 0) << "record " << i;
+        }
+    }
+    // Both ways were exercised: random bits are mostly finite, the special
+    // values often are not.
+    EXPECT_GT(taken, 15000);
+    EXPECT_GT(declined, 3000);
+
+    // Anything but exact zeros and ones in the reference or tip is not neutral.
+    Neutral n = params[0];
+    n.ref[0][1] = std::numeric_limits<double>::denorm_min();
+    EXPECT_FALSE(OrvPose::isNeutral(n.ref, n.tip));
+    n = params[0];
+    n.ref[2][2] = std::nan("");
+    EXPECT_FALSE(OrvPose::isNeutral(n.ref, n.tip));
+    n = params[0];
+    n.tip[2] = 1e-300;
+    EXPECT_FALSE(OrvPose::isNeutral(n.ref, n.tip));
+}
+
+// The getters take the shortcut only while every parameter is neutral: the
+// setters and the configuration switch it on and off, and a non-zero
+// interval (the display-time getter passes its own) always takes the full
+// path. Each non-neutral case is one the shortcut would get wrong.
+TEST(NeutralExport, SettersAndConfigurationDecideThePath) {
+    orvtest::TempDir dir;
+    OrvAccess a;
+    a.setIniPath(dir.prefix() + "orvaccess.ini");
+    Rec in = pose(1, 0);
+    const float turn[3] = {0.3f, -0.2f, 1.0f};
+    double c[3][3];
+    OrvUtil::euler2Cbn(turn, c);
+    OrvUtil::matrixD2F(3, 3, c[0], in.cbn[0]);
+    in.position[0] = -0.0f, in.vecJ[1] = 2.0f, in.position[2] = 1.0f;
+    auto expectFull = [&](double dt, const float* bore, const float* tipF, bool neutral) {
+        double ref[3][3], tip[3];
+        OrvUtil::euler2Cbn(bore, ref);
+        OrvUtil::matrixF2D(3, 1, tipF, tip);
+        Rec full = in, got = in, shortcut = in;
+        OrvPose::adjust(dt, ref, tip, &full);
+        a.updateExports(dt, &got);
+        EXPECT_EQ(std::memcmp(&got, &full, sizeof full), 0);
+        ASSERT_TRUE(OrvPose::adjustNeutral(&shortcut));
+        EXPECT_EQ(std::memcmp(&shortcut, &full, sizeof full) == 0, neutral);
+    };
+    float zero[3] = {0, 0, 0}, tipX[3] = {0.5f, 0, 0}, yaw[3] = {0, 0, 0.1f};
+    expectFull(0.0, zero, zero, true);
+    expectFull(0.01, zero, zero, false);
+    a.setTipOffset(tipX);
+    expectFull(0.0, zero, tipX, false);
+    a.setBoresightRef(yaw);
+    a.setTipOffset(zero);
+    expectFull(0.0, yaw, zero, false);
+    a.setBoresightRef(zero);
+    expectFull(0.0, zero, zero, true);
+
+    const float tipZ[3] = {0, 0, -2}, pitch[3] = {0, 0.2f, 0};
+    dir.write("orvaccess.ini", "[Processing]\nTipOffsetZM = -2\n");
+    a.init();
+    expectFull(0.0, zero, tipZ, false);
+    dir.write("orvaccess.ini", "[Processing]\nBoresightRefPitchRad = 0.2\n");
+    a.init();
+    expectFull(0.0, pitch, zero, false);
+    dir.write("orvaccess.ini", "[Processing]\nTipOffsetZM = 0\n");
+    a.init();
+    expectFull(0.0, zero, zero, true);
 }
 
 class Prediction : public orvtest::ReceiverTest {
@@ -289,7 +447,11 @@ TEST_F(Prediction, GettersDoNotAllocate) {
     long allocations = 0;
     bool ok = false, valid = false;
     Rec r{};
-    for (uint32_t tag = 0; tag < 200; ++tag) {
+    float zero[3] = {0, 0, 0};
+    for (uint32_t tag = 0; tag < 400; ++tag) {
+        if (tag == 200) {  // the rest with neutral parameters, which take the shortcut
+            access.setPrediction(0), access.setTipOffset(zero), access.setBoresightRef(zero);
+        }
         const Bytes b = orvsim::buildTracking(pose(tag, 1000000 + 1000 * tag));
         send(kCore, b), send(kCore, b);
         const long n = orvtest::allocationsDuring([&] {
