@@ -10,6 +10,7 @@
 // call()). A fresh handle serves every input.
 #include <sys/socket.h>
 
+#include <chrono>
 #include <cstring>
 
 #include "fuzz/FuzzSupport.hpp"
@@ -251,10 +252,14 @@ void call(OrvAccess* h, const orvfuzz::Record& r) {
             OrvAccess_getStreaming(h);
             break;
         case 11: {
-            // Any negative time; of positive ones only a few milliseconds, which
-            // it really sleeps.
+            // Any negative time, which must not sleep at all; of positive ones
+            // only a few milliseconds, which it really sleeps.
             const int ms = static_cast<int>(f.u32());
+            const auto start = std::chrono::steady_clock::now();
             OrvosiUtil_snoozeMs(ms < 0 ? ms : ms % 3);
+            if (ms < 0)
+                orvfuzz::require(std::chrono::steady_clock::now() - start < std::chrono::seconds(1),
+                                 "a negative time is no sleep");
             OrvosiUtil_getTimeMs();
             OrvAccess_getTimeUs(h);
             break;

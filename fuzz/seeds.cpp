@@ -483,15 +483,21 @@ void wireDictionary(Out& out) {
 
 void regressions(Out& out) {
     // An IMU selector of 2 and an image format of 200 became enumeration
-    // values C++ cannot hold; a text of length 0 wrote before its buffer; a
-    // null error record was written through; a negative sleep lasted 71 min.
-    Bytes c{0};
-    appendRecord(c, 4, Bytes{0, 2, 0, 0, 0});
-    appendRecord(c, 6, Bytes{0, 200, 0, 0, 0, 0x0F});
-    appendRecord(c, 5, Bytes{4, 0, 0, 0x02, 0x03});
-    appendRecord(c, 0x10 | 5, Bytes{0});
-    appendRecord(c, 11, Bytes{0xFF, 0xFF, 0xFF, 0xFF});
-    out.write("cinterface", "enum-text-null-sleep", c);
+    // values C++ cannot hold; a text of length 0 was ended before its
+    // buffer; a null error record was written through; a negative sleep
+    // lasted 71 minutes.
+    const std::pair<const char*, std::pair<unsigned char, Bytes>> calls[] = {
+        {"imu-selector-2", {4, {0, 2, 0, 0, 0}}},
+        {"image-format-200", {6, {0, 200, 0, 0, 0, 0x0F}}},
+        {"message-length-0", {5, {4, 0, 0, 0x02, 0x03}}},
+        {"error-record-null", {0x10 | 5, {0}}},
+        {"sleep-negative", {11, {0xFF, 0xFF, 0xFF, 0xFF}}},
+    };
+    for (const auto& [name, call] : calls) {
+        Bytes c{0};
+        appendRecord(c, call.first, call.second);
+        out.write("cinterface", name, c);
+    }
 
     // A region cut to 4096 bytes after being mapped at 400000: the copy of a
     // 307200-byte image ran into the missing pages (SIGBUS).
