@@ -14,6 +14,8 @@ packages=(
   libbenchmark-dev
   libcli11-dev
   libncurses-dev
+  clang-14
+  libclang-rt-14-dev
 )
 
 missing=()
