@@ -116,4 +116,20 @@ inline void checkState(const OrvAccess::State& s) {
     }
 }
 
+// One input of a harness that feeds the parsers a state: a fresh state from
+// the setup block, then each record handed to `visit` with it, the
+// invariants checked after every one.
+template <typename F>
+void replay(const unsigned char* data, size_t size, F&& visit) {
+    static const bool silenced = (silenceStreams(), true);
+    (void)silenced;
+    if (size < kSetupSize) return;
+    auto state = freshState(readSetup(data, size));
+    forEachRecord(data + kSetupSize, size - kSetupSize, [&](const Record& r) {
+        visit(*state, r);
+        checkState(*state);
+    });
+    tidyLogs();
+}
+
 }  // namespace orvfuzz

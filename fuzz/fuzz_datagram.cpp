@@ -55,30 +55,18 @@ void frameInner(const orvwire::Family& f, Exact& b) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    orvfuzz::silenceStreams();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < orvfuzz::kSetupSize) return 0;
-    auto state = orvfuzz::freshState(orvfuzz::readSetup(data, size));
-    OrvAccess::State& s = *state;
-
-    orvfuzz::forEachRecord(
-        data + orvfuzz::kSetupSize, size - orvfuzz::kSetupSize, [&](const orvfuzz::Record& r) {
-            if (r.size == 0) return;  // an empty read is no datagram
-            const auto port = static_cast<orvwire::Port>(r.control % 8 % orvwire::kPortCount);
-            const orvwire::Family* family = route(port, r.data[0]);
-            if (family == nullptr) return;  // dropped unseen, as the service loop does
-            Exact datagram(r.data, r.size);
-            if ((r.control & kFrameInnerBit) && datagram.size() > ORVWIRE_META_IMU_AT)
-                frameInner(*family, datagram);
-            if ((r.control & kFrameBit) && family->check == orvwire::Check::datagram)
-                orvfuzz::frame(datagram.data(), datagram.size(), family->startByte);
-            orvwire::handle(s, *family, OrvosiBytes{datagram.data(), datagram.size(), kReceiveBufferSize});
-            orvfuzz::checkState(s);
-        });
-    orvfuzz::tidyLogs();
+    orvfuzz::replay(data, size, [](OrvAccess::State& s, const orvfuzz::Record& r) {
+        if (r.size == 0) return;  // an empty read is no datagram
+        const auto port = static_cast<orvwire::Port>(r.control % 8 % orvwire::kPortCount);
+        const orvwire::Family* family = route(port, r.data[0]);
+        if (family == nullptr) return;  // dropped unseen, as the service loop does
+        Exact datagram(r.data, r.size);
+        if ((r.control & kFrameInnerBit) && datagram.size() > ORVWIRE_META_IMU_AT)
+            frameInner(*family, datagram);
+        if ((r.control & kFrameBit) && family->check == orvwire::Check::datagram)
+            orvfuzz::frame(datagram.data(), datagram.size(), family->startByte);
+        orvwire::handle(s, *family, OrvosiBytes{datagram.data(), datagram.size(), kReceiveBufferSize});
+    });
     return 0;
 }

@@ -31,31 +31,19 @@ void frameChip(orvfuzz::Exact& b) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    orvfuzz::silenceStreams();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < orvfuzz::kSetupSize) return 0;
-    auto state = orvfuzz::freshState(orvfuzz::readSetup(data, size));
-    OrvAccess::State& s = *state;
-    s.imuDt = kIntervalS;
-
-    orvfuzz::forEachRecord(
-        data + orvfuzz::kSetupSize, size - orvfuzz::kSetupSize, [&](const orvfuzz::Record& r) {
-            const orvwire::Family& family = *kFamilies[(r.control & 0x07) % std::size(kFamilies)];
-            orvfuzz::Exact sub(r.data, r.size);
-            if (r.control & kFrameBit) {
-                if (family.check == orvwire::Check::chip)
-                    frameChip(sub);
-                else
-                    orvfuzz::frame(sub.data(), sub.size(), family.startByte);
-            }
-            const size_t reach = std::min(sub.size() + (r.control >> 4) * kReachStep, kReceiveBufferSize);
-            orvwire::handle(s, family, OrvosiBytes{sub.data(), sub.size(), std::max(reach, sub.size())});
-            orvfuzz::checkState(s);
-        });
-    orvfuzz::tidyLogs();
+    orvfuzz::replay(data, size, [](OrvAccess::State& s, const orvfuzz::Record& r) {
+        s.imuDt = kIntervalS;
+        const orvwire::Family& family = *kFamilies[(r.control & 0x07) % std::size(kFamilies)];
+        orvfuzz::Exact sub(r.data, r.size);
+        if (r.control & kFrameBit) {
+            if (family.check == orvwire::Check::chip)
+                frameChip(sub);
+            else
+                orvfuzz::frame(sub.data(), sub.size(), family.startByte);
+        }
+        const size_t reach = std::min(sub.size() + (r.control >> 4) * kReachStep, kReceiveBufferSize);
+        orvwire::handle(s, family, OrvosiBytes{sub.data(), sub.size(), std::max(reach, sub.size())});
+    });
     return 0;
 }
