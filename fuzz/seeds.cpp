@@ -343,6 +343,9 @@ void commandSeeds(Out& out) {
               concat(script({{orvcmd::kSetRegister}}), command(1, {20, 2, 1, 0, 1})));
     out.write("command", "get-register",
               concat(script({sealed({orvcmd::kGetRegister, 5})}), command(2, {20, 2, 1, 0})));
+    Bytes silent;
+    appendRecord(silent, 0x08, Bytes{});  // silence: the command waits out its 20 ms
+    out.write("command", "get-register-silent", concat(silent, command(2, {20, 2, 1, 0})));
     out.write("command", "imu",
               concat(script({{0, 3, 0x11, 0x22, 0x33}}), command(3, {1, 16, 0, 10, 1, 2, 3, 4})));
 

@@ -287,10 +287,13 @@ int main(int argc, char** argv) {
     }
 
     // orvsim stops and sends what it held back; the library takes the rest.
+    // Should orvsim not stop, the alarm ends the soak, and the run fails.
+    alarm(30);
     kill(sim, SIGINT);
     const std::string report = readAll(reportFd);
     int status = 0;
     waitpid(sim, &status, 0);
+    alarm(0);
     for (const auto end = Clock::now() + std::chrono::milliseconds(300); Clock::now() < end; ++round)
         exercise(a, image, codes, 1);
     a.close();
