@@ -24,6 +24,9 @@ packages=(
   python3-numpy
   python3-pytest
   python3-matplotlib
+  # The fuzz harnesses.
+  clang-14
+  libclang-rt-14-dev
 )
 # Wanted but not required: without tshark the dissector's tests are skipped.
 optional=(
