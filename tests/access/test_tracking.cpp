@@ -34,13 +34,7 @@ using Feat = OrvAccess::s_FeatData;
 using Tracking = orvtest::ReceiverTest;
 using Packets = orvtest::ReceiverTest;
 
-template <typename T>
-std::vector<T> drain(OrvAccess& a, bool (OrvAccess::*get)(bool*, T*)) {
-    std::vector<T> out;
-    T r{};
-    for (bool valid = true; (a.*get)(&valid, &r) && valid;) out.push_back(r);
-    return out;
-}
+using orvtest::drain;
 // Records made only of 32-bit words compare as bytes.
 template <typename T>
 void expectRecords(const std::vector<T>& got, const std::vector<T>& want) {

@@ -26,13 +26,7 @@ long firstDifference(const T& a, const T& b) {
     return -1;
 }
 
-template <typename T>
-std::vector<T> drain(OrvAccess& a, bool (OrvAccess::*get)(bool*, T*)) {
-    std::vector<T> out;
-    T r{};
-    for (bool valid = true; (a.*get)(&valid, &r) && valid;) out.push_back(r);
-    return out;
-}
+using orvtest::drain;
 
 // Every byte non-zero, so that nothing reads as zero by chance.
 template <typename T>

@@ -77,6 +77,15 @@ public:
     }
 };
 
+// Every record a queue getter hands out, oldest first.
+template <typename T>
+std::vector<T> drain(OrvAccess& a, bool (OrvAccess::*get)(bool*, T*)) {
+    std::vector<T> out;
+    T r{};
+    for (bool valid = true; (a.*get)(&valid, &r) && valid;) out.push_back(r);
+    return out;
+}
+
 // A fixture with an access object that receives on five fresh ports (no
 // command channel, no uplink, no shared memory) and a sender aimed at them.
 class ReceiverTest : public testing::Test {
