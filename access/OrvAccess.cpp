@@ -68,6 +68,7 @@ void OrvAccess::State::closeEndpoints() {
     nft.close();
     for (ReadAhead& a : ahead) a.clear();
     readySet.close();
+    openPortCount = 0;
 }
 
 void OrvAccess::State::addErrorCode(unsigned short code, unsigned int value) {

@@ -133,8 +133,12 @@ struct OrvAccess::State {
     // size (OrvosiBytes), so what an earlier, longer datagram left in a slot
     // is never read.
     ReadAhead ahead[5];
-    // The open receivers' sockets, asked at once which have data.
+    // The open receivers' sockets, asked at once which have data, and the
+    // receivers themselves in the loop's order (the set's member order);
+    // both made by prepareReadAhead() at open.
     OrvosiReadySet readySet;
+    unsigned char openPorts[5] = {};
+    size_t openPortCount = 0;
 
     // The meta packet being parsed, for its IMU subpacket.
     uint32_t metaTag = 0;

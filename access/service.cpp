@@ -134,11 +134,9 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     if (startStreaming) setStreaming(true);
 
     static_assert(sizeof s.ahead / sizeof s.ahead[0] == orvwire::kPortCount, "one read-ahead per endpoint");
-    // The open endpoints in their order, the order of the ready set's members.
-    Port ids[orvwire::kPortCount];
-    size_t count = 0;
-    for (int p = 0; p < orvwire::kPortCount; ++p)
-        if (s.*(kEndpoints[p].open)) ids[count++] = static_cast<Port>(p);
+    static_assert(sizeof s.openPorts / sizeof s.openPorts[0] == orvwire::kPortCount, "one slot per endpoint");
+    const size_t count = s.openPortCount;
+    const unsigned char* ids = s.openPorts;
 
     // A call reads one datagram from an endpoint first, with a plain read,
     // and whole batches when it comes back to it: a lone datagram costs what
@@ -187,7 +185,7 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
             const unsigned char* data = ahead.slot(ahead.next);
             const size_t n = ahead.sizes[ahead.next++];
             if (n == 0) continue;
-            const Family* family = findFamily(ids[i], data[0]);
+            const Family* family = findFamily(static_cast<Port>(ids[i]), data[0]);
             if (family == nullptr) continue;  // dropped unseen, and not counted
             dispatched = true;
             // Past the datagram's end a parser reads zeros, never what an
@@ -204,15 +202,16 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
 
 void OrvAccess::State::prepareReadAhead() {
     int fds[orvwire::kPortCount];
-    size_t count = 0;
+    openPortCount = 0;
     for (int p = 0; p < orvwire::kPortCount; ++p) {
         ahead[p].clear();
         if (!(this->*(kEndpoints[p].open))) continue;
         ahead[p].reserve();
-        fds[count++] = (this->*(kEndpoints[p].endpoint)).descriptor();
+        fds[openPortCount] = (this->*(kEndpoints[p].endpoint)).descriptor();
+        openPorts[openPortCount++] = static_cast<unsigned char>(p);
     }
     // Without the set the loop still works, reading every socket each pass.
-    if (!readySet.open(fds, count)) OrvUtil::logLine(cfg.verbosity, readySet.getLastError());
+    if (!readySet.open(fds, openPortCount)) OrvUtil::logLine(cfg.verbosity, readySet.getLastError());
 }
 
 // The hub port is left alone: hub packets survive a flush.
