@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "sim/Simulator.hpp"
-#include "support/TestSupport.hpp"
+#include "support/SimRunner.hpp"
 
 using namespace orvsim;
 
@@ -65,9 +65,7 @@ protected:
         shmName_ = "orvE2E" + std::to_string(getpid()) + "_" + std::to_string(run++);
         std::ostringstream ini;
         ini << "[Communication]\ntcpOrvRxAddr = 127.0.0.1\n";
-        for (const char* key : {"tcpOrvRxPort", "udpOrvRxPort", "udpOrvRxImgPort", "udpOrvRxInputPort",
-                                "udpOrvCorePort", "udpOrvHubPort", "udpNftPort"})
-            ini << key << " = " << orvtest::freePort() << "\n";
+        for (const char* key : orvtest::SimRunner::kPortKeys) ini << key << " = " << orvtest::freePort() << "\n";
         // Room for a few hundred datagrams, should the test thread stall.
         for (const char* key :
              {"udpOrvRxRcvBufSize", "udpOrvCoreRcvBufSize", "udpOrvHubRcvBufSize", "udpNftRcvBufSize"})
@@ -81,9 +79,7 @@ protected:
         ASSERT_TRUE(SimConfig::fromIni(path, cfg, error)) << error;
         cfg.fileFolder = dir_.prefix();
         if (tune != nullptr) tune(cfg);
-        sim_.reset(new Simulator(cfg));
-        ASSERT_TRUE(sim_->open()) << sim_->lastError();
-        thread_ = std::thread([this] { sim_->run(0.0, &stop_); });
+        ASSERT_TRUE(sim_.start(cfg));
 
         access_.setIniPath(path);
         ASSERT_TRUE(access_.open()) << access_.getLastError();
@@ -91,12 +87,7 @@ protected:
 
     // Stops the simulator (what reordering held back goes out now); its
     // report may be read after this.
-    SimReport stopSim() {
-        stop_ = true;
-        if (thread_.joinable()) thread_.join();
-        if (sim_) sim_->close();
-        return sim_ ? sim_->report() : SimReport{};
-    }
+    SimReport stopSim() { return sim_.stop(); }
 
     // Reopens the library on the same channels with other INI lines added.
     bool reopen(const std::string& extraIni) {
@@ -143,9 +134,7 @@ protected:
     orvtest::TempDir dir_;
     std::string base_;
     std::string shmName_;
-    std::unique_ptr<Simulator> sim_;
-    std::thread thread_;
-    std::atomic<bool> stop_{false};
+    orvtest::SimThread sim_;
     OrvAccess access_;
 };
 
@@ -169,7 +158,7 @@ TEST_F(EndToEnd, EveryChannelDeliversWhatTheSimulatorSent) {
             lists = 0, plat = 0, gps = 0, crs = 0, udpImages = 0, sharedImages = 0;
     } n;
     std::map<unsigned short, int> errors;
-    const Motion& motion = sim_->motion();
+    const Motion& motion = sim_.sim().motion();
     uint64_t clockOffset = 0;
     uint32_t lastImuTag = 0, lastHubWord = 0;
     int entries = 0;
@@ -358,7 +347,7 @@ TEST_F(EndToEnd, UplinkIsCheckedAndTheFrontEndReflectsThePlatformPoseTime) {
 // was predicted for, in the three ways the horizon can be set.
 TEST_F(EndToEnd, PredictionErrorStaysWithinWhatTheMotionAllows) {
     start("[Processing]\npredictionS = 0.02\nvirtualSyncCtrl = 0\n");
-    const Motion& motion = sim_->motion();
+    const Motion& motion = sim_.sim().motion();
     const MotionBound bound(motion);
     ASSERT_GT(bound.alpha, 1.0);  // a head that really turns
 

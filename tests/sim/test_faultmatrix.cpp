@@ -27,7 +27,7 @@
 
 #include "osi/OrvosiSharedMem.hpp"
 #include "sim/Simulator.hpp"
-#include "support/TestSupport.hpp"
+#include "support/SimRunner.hpp"
 
 using namespace orvsim;
 
@@ -197,8 +197,7 @@ protected:
         static int run = 0;
         std::ostringstream ini;
         ini << "[Communication]\ntcpOrvRxAddr = 127.0.0.1\n";
-        for (const char* key : {"tcpOrvRxPort", "udpOrvRxPort", "udpOrvRxImgPort", "udpOrvRxInputPort",
-                                "udpOrvCorePort", "udpOrvHubPort", "udpNftPort"})
+        for (const char* key : orvtest::SimRunner::kPortKeys)
             ini << key << " = " << (ports_[key] = orvtest::freePort()) << "\n";
         // Room for everything a second of stalled test thread lets pile up.
         for (const char* key :
@@ -217,9 +216,7 @@ protected:
         r.imu = 500, r.tracking = 250, r.pra = 100, r.hub = 100, r.nft = 50;
         r.image = 0, r.sharedImage = 0, r.errorPeriodS = 0;
         tune(cfg_);
-        sim_.reset(new Simulator(cfg_));
-        ASSERT_TRUE(sim_->open()) << sim_->lastError();
-        thread_ = std::thread([this] { sim_->run(0.0, &stop_); });
+        ASSERT_TRUE(sim_.start(cfg_));
 
         if (commandPort != 0)
             dir_.write("orvaccess.ini", ini.str() + "tcpOrvRxPort = " + std::to_string(commandPort) + "\n");
@@ -228,12 +225,7 @@ protected:
     }
 
     // Stops the simulator; what reordering held back goes out now.
-    SimReport stopSim() {
-        stop_ = true;
-        if (thread_.joinable()) thread_.join();
-        if (sim_) sim_->close();
-        return sim_ ? sim_->report() : SimReport{};
-    }
+    SimReport stopSim() { return sim_.stop(); }
 
     void TearDown() override {
         stopSim();
@@ -297,9 +289,7 @@ protected:
     orvtest::TempDir dir_;
     std::map<std::string, int> ports_;
     SimConfig cfg_;
-    std::unique_ptr<Simulator> sim_;
-    std::thread thread_;
-    std::atomic<bool> stop_{false};
+    orvtest::SimThread sim_;
     OrvAccess access_;
     Bytes image_;
 };
@@ -415,7 +405,7 @@ TEST_F(FaultMatrix, CorruptRepliesFailEachCommandWhileTheStreamsGoOn) {
     drainFor(0.3, d);
     const SimReport r = stopSim();
     drainFor(0.2, d);
-    EXPECT_EQ(sim_->rx().reg(0x10), 7) << "the command was carried out";
+    EXPECT_EQ(sim_.sim().rx().reg(0x10), 7) << "the command was carried out";
     // Hub data went on through all of it, every datagram of it.
     const std::vector<uint32_t>& hub = d.seen[index(Stream::Hub)];
     EXPECT_TRUE(consecutive(hub));
@@ -450,7 +440,7 @@ TEST_F(FaultMatrix, SilentRepliesTimeOutAndStreamingIsNeverAcknowledged) {
     drainFor(0.3, d);
     const SimReport r = stopSim();
     drainFor(0.2, d);
-    EXPECT_EQ(sim_->rx().reg(0x10), 0) << "silent means ignored";
+    EXPECT_EQ(sim_.sim().rx().reg(0x10), 0) << "silent means ignored";
     const std::vector<uint32_t>& hub = d.seen[index(Stream::Hub)];
     EXPECT_TRUE(consecutive(hub));
     EXPECT_EQ(hub.empty() ? 0 : hub.back() + 1, r.streams[index(Stream::Hub)].built);

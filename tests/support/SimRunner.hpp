@@ -14,6 +14,40 @@
 
 namespace orvtest {
 
+// A simulator running in a thread of its own until stop(), which sends what
+// reordering held back; its report may be read after that.
+class SimThread {
+public:
+    ~SimThread() { stop(); }
+
+    bool start(const orvsim::SimConfig& cfg) {
+        sim_.reset(new orvsim::Simulator(cfg));
+        if (!sim_->open()) {
+            ADD_FAILURE() << sim_->lastError();
+            return false;
+        }
+        stop_ = false;
+        thread_ = std::thread([this] { sim_->run(0.0, &stop_); });
+        return true;
+    }
+
+    orvsim::SimReport stop() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+        if (sim_) sim_->close();
+        return sim_ ? sim_->report() : orvsim::SimReport{};
+    }
+
+    // The running simulator; only for what is safe while it runs (its
+    // motion, or registers read after stop()).
+    orvsim::Simulator& sim() { return *sim_; }
+
+private:
+    std::unique_ptr<orvsim::Simulator> sim_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
 class SimRunner {
 public:
     // Ports of the INI file, by key.
@@ -51,21 +85,10 @@ public:
         }
         cfg.fileFolder = files_.string();
         if (tune != nullptr) tune(cfg);
-        sim_.reset(new orvsim::Simulator(cfg));
-        if (!sim_->open()) {
-            ADD_FAILURE() << sim_->lastError();
-            return false;
-        }
-        stop_ = false;
-        thread_ = std::thread([this] { sim_->run(0.0, &stop_); });
-        return true;
+        return thread_.start(cfg);
     }
 
-    void stop() {
-        stop_ = true;
-        if (thread_.joinable()) thread_.join();
-        if (sim_) sim_->close();
-    }
+    void stop() { thread_.stop(); }
 
     int port(const std::string& key) const {
         for (const auto& [k, p] : ports_)
@@ -80,9 +103,7 @@ private:
     std::string ini_;
     std::filesystem::path files_;
     std::vector<std::pair<std::string, int>> ports_;
-    std::unique_ptr<orvsim::Simulator> sim_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    SimThread thread_;
 };
 
 }  // namespace orvtest
