@@ -147,14 +147,14 @@ public:
     void setLogging(unsigned int mask, std::string logPath);
 
     // ---- identity, clock, status ----
-    // The library's version text.
-    std::string getVersion();   // "1.23.00"
-    // The library's build date text.
-    std::string getBuildDate(); // "Sep 25 2017"
-    // Now on the library clock: the system's time of day in microseconds
+    // The library's version text, "1.23.00".
+    std::string getVersion();
+    // The library's build date text, "Sep 25 2017".
+    std::string getBuildDate();
+    // Now on the library clock, us: the system's time of day in microseconds
     // since 1970 (seconds cut to 44 bits). Display times passed to
     // getTrackingDataAtTime() and the records' times are on this clock.
-    unsigned long getTimeUs();  // library clock, us
+    unsigned long getTimeUs();
     // Drains the UDP ports (without asking for streaming) and reports the
     // channels and what arrived since the previous call (s_OrvAccessStatus),
     // then clears the words 2 to 4.
@@ -183,9 +183,9 @@ public:
     // empty queue, code->value is then left as it was.
     // @return the code; a queued code 0 looks like an empty queue.
     unsigned short getErrorCode(s_OrvAccessErrorCode* code);
-    // The text of an error code, never failing: e.g. 770 "[ORVACCESS] ERROR:
-    // Bad tracking packet", 1029 "[ORVHUB] ERROR: Error setting serial port
-    // attributes". A code without a text of its own gives its origin's
+    // The text of an error code; never fails. For example 770 gives
+    // "[ORVACCESS] ERROR: Bad tracking packet", 1029 "[ORVHUB] ERROR: Error
+    // setting serial port attributes". A code without a text of its own gives its origin's
     // "[ORVCORE]: Unknown error", "[ORVRX]: ...", "[ORVTX]: ...",
     // "[ORVACCESS]: ..." (so do 781 to 784) or "[ORVHUB]: ...", an unknown
     // origin "Unknown error from unknown origin", and 0 gives "None".
@@ -210,8 +210,9 @@ public:
     // believes it is not (see getStreaming()); that command's result is
     // ignored.
     // @return false with "Unable to service UDP: Interface not open", or
-    // with "Error receiving from orvRx: " (image port, orvCore, orvHub, NFT)
-    // and the socket's reason; what was parsed before stays queued.
+    // with "Error receiving from " and the port ("orvRx", "image port",
+    // "orvCore", "orvHub", "NFT"), ": " and the socket's reason; what was
+    // parsed before stays queued.
     bool serviceUdp(bool startStreaming);
     // Discards what is pending on the meta, image, orvCore and NFT ports.
     // The orvHub port keeps its datagrams.
@@ -246,12 +247,12 @@ public:
     // The newest tracking record predicted to the moment it will be shown.
     // Consumes the whole tracking queue. The attitude is extrapolated by the
     // pose's age at the display time plus the interval of setPrediction(),
-    // the sum held within -0.005 to 0.2 s. How the age is measured is the
-    // configuration's "virtualSyncCtrl": 0 not at all; 2 display time minus
-    // poseTime; 1 against an IMU clock rebuilt from packetTag and the IMU
-    // sample interval (falling back to 2 until it is estimated); 4 added
-    // smooths the display times first. A display time before the pose gives
-    // age 0.
+    // the sum held within -0.005 to 0.2 s. How the age is measured is set
+    // by the bits of the configuration's "virtualSyncCtrl": none, age 0; 2,
+    // the display time minus poseTime; 1, against an IMU clock rebuilt from
+    // packetTag and the IMU sample interval (as 2 until that is estimated);
+    // 4 in addition smooths the display times of successive calls. A display
+    // time before the pose gives age 0.
     // @param displayTimeUs when the frame will be shown, us on the library
     // clock (getTimeUs()).
     // @param[out] valid false when no record arrived since the previous call.
@@ -507,8 +508,8 @@ public:
     // format (getImageInfo()).
     // @param capacity the buffer's size in bytes.
     // @return true also when no image waits (percent below 100); false when
-    // draining failed, with "Buffer too small (image size is " size ")" (a
-    // UDP image keeps waiting, a shared-memory one is dropped), "Error
+    // draining failed, or with "Buffer too small (image size is " size ")"
+    // (a UDP image keeps waiting, a shared-memory one is dropped), "Error
     // accessing shared memory" or "Incorrect image format".
     bool getImage(int* percent, ImageFormat* format, unsigned int* sequenceId, unsigned char* buffer,
                   unsigned long capacity);

@@ -44,13 +44,14 @@
  * fills cbn, euler, position, vecG, vecH, angularRate, vecJ, extB, extD,
  * packetTag, poseTime and the low byte of countA; everything else is 0. */
 typedef struct s_OrvAccessTrkDataExt {
-    uint32_t packetTag;    /* packet tag; counts IMU samples */
+    uint32_t packetTag;    /* packet tag; counts IMU samples (the NFT source's own
+                            * tag in an NFT record) */
     uint64_t poseTime;     /* time of the pose, us on the library clock */
     uint32_t platPoseTime; /* time tag of the platform pose orvCore used: the tag
                             * of s_OrvAccessPlatPoseData, in the platform's units */
     uint64_t time2;        /* second time from the packet, passed through */
     uint32_t statusWord;   /* orvCore's status word, passed through */
-    float vecA[3]; /* boresight-corrected on export */
+    float vecA[3]; /* passed through, turned by the boresight reference on export */
     float vecB[3]; /* passed through */
     float vecC[3]; /* passed through */
     float vecD[3]; /* passed through */
@@ -62,18 +63,19 @@ typedef struct s_OrvAccessTrkDataExt {
     float euler[3];   /* roll, pitch, yaw of cbn, rad; computed on export */
     float cbn2[3][3]; /* second attitude matrix, row-major; predicted and
                        * boresight-corrected like cbn */
-    float position[3];     /* m; the tip offset is added on export */
+    float position[3];     /* tracked position, m, navigation frame; the tip
+                            * offset is added on export */
     float vecG[3];         /* passed through */
     float vecH[3];         /* passed through */
     float angularRate[3];  /* rad/s, body axes; drives the prediction */
     float vecI[3];         /* passed through */
     float extA[9];         /* not carried by the packet: zero */
-    float vecJ[3];         /* boresight-corrected on export */
+    float vecJ[3];         /* passed through, turned by the boresight reference */
     float extB[6];         /* zero from orvCore; filled by NFT packets */
     float vecK[3];         /* passed through */
     float extC[9];         /* not carried by the packet: zero */
-    float vecL[3];         /* boresight-corrected on export */
-    float vecM[3];         /* boresight-corrected on export */
+    float vecL[3];         /* passed through, turned by the boresight reference */
+    float vecM[3];         /* passed through, turned by the boresight reference */
     float scalarA;         /* passed through */
     float scalarB;         /* passed through */
     uint8_t errorCodes[4]; /* orvCore error codes carried by the packet, 0 = none */

@@ -171,7 +171,7 @@ typedef enum e_OrvWireLayout {
     ORVWIRE_META_GPS_OFFSET_AT = 17,      /* u16 */
     ORVWIRE_META_TIME_AT = 19,            /* u64 time of the IMU sample, us */
     ORVWIRE_META_IMU_AT = 27,             /* the chip packet */
-    ORVWIRE_META_IMU_SIZE = 19,          /* the chip packet */
+    ORVWIRE_META_IMU_SIZE = 19,          /* the chip packet's length */
 
     ORVWIRE_TARGET_ENTRIES_AT = 14,      /* the entries of a target subpacket */
     ORVWIRE_TARGET_ENTRY_SIZE = 35,      /* kind, id, four u16, six f32 */
