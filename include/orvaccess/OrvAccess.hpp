@@ -451,14 +451,15 @@ public:
     // @param imu ORVACCESS_IMU_CAMERA selects orvRx's IMU channel 2, any
     // other value channel 1.
     // @param transmit the bytes to send.
-    // @param transmitLength their count, at most 255 (only its low byte is
-    // sent as the length).
+    // @param transmitLength their count, at most 255: more fails with "IMU
+    // transmit length too long (" n " bytes, at most 255)" and sends nothing.
     // @param receive where the answer goes.
     // @param receiveCapacity its size in bytes; at most 255 bytes are asked
     // for. 0 sends the transaction and returns without waiting.
     // @param timeout handed to orvRx as one byte, capped at 255; its unit is
     // orvRx's. The library waits up to 1000 ms for the reply.
-    // @param[out] receivedLength the bytes written to receive; 0 on failure.
+    // @param[out] receivedLength the bytes written to receive; set to 0 as
+    // soon as streaming is off, so 0 when no reply came.
     // @return false with the failures of setStreaming(), or "No response
     // from orvRx".
     bool transactImu(e_OrvAccessImuSelect imu, unsigned char* transmit, unsigned long transmitLength,
@@ -471,8 +472,9 @@ public:
     // @param remoteName its name on orvRx.
     // @param location where orvRx keeps it, sent as one byte.
     // @return false with the failures of setStreaming(), the system's text
-    // when the local file does not open, "File empty or unreadable", "Start
-    // failed - no/bad response from orvRx" or "No/bad response from server".
+    // when the local file does not open, "File empty or unreadable", "File
+    // too large (limit is 16777215 bytes)", "Start failed - no/bad response
+    // from orvRx" or "No/bad response from server".
     bool putFile(std::string localPath, std::string remoteName, e_OrvAccessFileLoc location);
     // Fetches a file from orvRx in 512-byte chunks into a local file, created
     // or truncated (up to 4 s for the reply, 1 s per chunk). Switches
@@ -510,7 +512,9 @@ public:
     // @return true also when no image waits (percent below 100); false when
     // draining failed, or with "Buffer too small (image size is " size ")"
     // (a UDP image keeps waiting, a shared-memory one is dropped), "Error
-    // accessing shared memory" or "Incorrect image format".
+    // accessing shared memory", "Incorrect image format" or "Shared memory
+    // region truncated to " n " bytes (" m " mapped)" (orvHub shrank the
+    // region; the image is dropped).
     bool getImage(int* percent, ImageFormat* format, unsigned int* sequenceId, unsigned char* buffer,
                   unsigned long capacity);
 

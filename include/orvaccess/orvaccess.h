@@ -103,9 +103,10 @@ typedef struct s_OrvAccessTrkData {
 typedef struct s_OrvAccessStatus {
     uint32_t connections; /* ORVACCESS_CONN_... bits (orvwire.h): the channels the
                            * last open() brought up; close() keeps them */
-    uint32_t received;    /* ORVACCESS_RECV_... bits (orvwire.h) */
+    uint32_t received;    /* ORVACCESS_RECV_... bits (orvwire.h): what arrived */
     uint32_t newError;    /* 1 when an error code was queued */
-    uint32_t diagState;   /* last orvRx state from a diagnostic subpacket, or 0 */
+    uint32_t diagState;   /* last orvRx state from a diagnostic subpacket, or 0;
+                           * e_OrvAccessRxState */
 } s_OrvAccessStatus;
 
 /* One queued error code; the high byte of code names its origin
@@ -139,7 +140,7 @@ typedef struct s_OrvAccessAuxData {
 typedef struct s_OrvAccessDiagData {
     uint32_t tag;        /* tag of the subpacket */
     float diagValue1;    /* passed through */
-    uint32_t diagCount; /* 24-bit value */
+    uint32_t diagCount; /* 24-bit value, passed through */
     uint8_t diagByte1;   /* passed through */
     float diagValue2;    /* passed through */
     uint8_t diagByte2;   /* passed through */
@@ -164,11 +165,11 @@ typedef struct s_OrvAccessPlatPoseData {
  * Only lat and lon are named; the library passes every field through, in
  * this order, as the GPS subpacket and the uplink packet carry them. */
 typedef struct s_OrvAccessGpsData {
-    uint8_t valid;       /* 1 in a received record; sent as the packet's format
-                          * byte, and a received subpacket counts only with 1 */
+    uint8_t valid;       /* the packet's format byte: 1 in a received record (the
+                          * library ignores other formats); sent as it stands */
     uint32_t gpsWord1;   /* passed through */
-    double lat; /* latitude */
-    double lon; /* longitude */
+    double lat; /* latitude, passed through */
+    double lon; /* longitude, passed through */
     float gpsValue1;     /* passed through */
     uint16_t gpsHalf;    /* passed through */
     uint8_t gpsByte1;    /* passed through */
@@ -184,7 +185,8 @@ typedef struct s_OrvAccessGpsData {
 } s_OrvAccessGpsData;
 
 /* Pose-recovery statistics, from an optical subpacket or a PRA packet.
- * The library does not interpret them; which fields each source fills: */
+ * The library does not interpret them; the fields say where the two sources
+ * differ. */
 typedef struct s_OrvAccessPoseRecStats {
     uint32_t tag;    /* tag of the optical subpacket or the PRA packet */
     uint32_t stat0;  /* byte, passed through */
