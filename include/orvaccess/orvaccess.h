@@ -126,8 +126,8 @@ typedef struct s_OrvAccessImuData {
     float dt;        /* sample interval, s */
     uint16_t gyroRaw[3];  /* raw gyro words x, y, z as the chip sent them */
     uint16_t accelRaw[3]; /* raw accelerometer words x, y, z */
-    float gyroRate[3];  /* gyro increment / dt; the increment in the chip's units */
-    float accelRate[3]; /* accelerometer increment / dt, in the chip's units per s */
+    float gyroRate[3];  /* gyro increment / dt: the chip's gyro unit per second */
+    float accelRate[3]; /* accelerometer increment / dt: the chip's unit per second */
 } s_OrvAccessImuData;
 
 /* The auxiliary byte of a chip packet. */
@@ -144,7 +144,7 @@ typedef struct s_OrvAccessDiagData {
     uint8_t diagByte1;   /* passed through */
     float diagValue2;    /* passed through */
     uint8_t diagByte2;   /* passed through */
-    uint8_t errorCodes[4]; /* orvRx error bytes, 0 = none; each other byte is also
+    uint8_t errorCodes[4]; /* orvRx error bytes, 0 = none; each non-zero one is also
                             * queued as the error code 0x100 | byte */
     uint32_t state;        /* orvRx state; 3 = stopped streaming */
     uint8_t optional[4];   /* zero when the subpacket does not carry them: [0] and
@@ -214,7 +214,7 @@ typedef struct s_OrvAccessPoseRecStats {
 /* A hub data packet from orvHub. Apart from the attitude, its fields are
  * passed through. */
 typedef struct s_OrvAccessHubData {
-    uint32_t word;      /* packet bytes 3-6, passed through */
+    uint32_t word;      /* passed through */
     uint16_t halfWord;  /* passed through */
     uint8_t status;     /* status byte, passed through */
     uint32_t words[2];  /* passed through */
