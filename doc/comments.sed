@@ -9,6 +9,10 @@
 s#^([^/]*[;,{])[[:space:]]*/\*[[:space:]]*(.*\*/)[[:space:]]*$#\1 /**< \2#
 s#^([^/]*[;,{])[[:space:]]*/\*([^*].*)$#\1 /**<\2#
 s#^([^/]*[;,{])[[:space:]]*//[[:space:]]*(.*)$#\1 ///< \2#
+# The same after the last enumerator of an enumeration, which has no comma.
+s#^([[:space:]]*[A-Za-z_][A-Za-z0-9_]*[[:space:]]*=[^/]*)/\*([^*])#\1/**<\2#
 # A comment above a declaration documents it.
 s#^([[:space:]]*)/\*([^*]|$)#\1/**\2#
 s#^([[:space:]]*)//([^/])#\1///\2#
+# An empty comment line between two paragraphs keeps them one comment.
+s#^([[:space:]]*)//$#\1///#

@@ -21,19 +21,19 @@
 /* The high byte of an error code names where it comes from. orvCore's codes
  * are queued as they stand, orvRx's and orvHub's with their origin ORed in. */
 typedef enum e_OrvAccessErrorOrigin {
-    ORVACCESS_ORIGIN_ORVCORE = 0x000,
-    ORVACCESS_ORIGIN_ORVRX = 0x100,
-    ORVACCESS_ORIGIN_ORVTX = 0x200,
-    ORVACCESS_ORIGIN_ORVACCESS = 0x300,
-    ORVACCESS_ORIGIN_ORVHUB = 0x400,
-    ORVACCESS_ORIGIN_MASK = 0xFF00
+    ORVACCESS_ORIGIN_ORVCORE = 0x000,   /* orvCore, the fusion engine: "[ORVCORE]" */
+    ORVACCESS_ORIGIN_ORVRX = 0x100,     /* orvRx, the sensor front end: "[ORVRX]" */
+    ORVACCESS_ORIGIN_ORVTX = 0x200,     /* the transmitter process: "[ORVTX]" */
+    ORVACCESS_ORIGIN_ORVACCESS = 0x300, /* this library: "[ORVACCESS]" */
+    ORVACCESS_ORIGIN_ORVHUB = 0x400,    /* orvHub: "[ORVHUB]" */
+    ORVACCESS_ORIGIN_MASK = 0xFF00      /* code & mask gives the origin */
 } e_OrvAccessErrorOrigin;
 
 /* The codes this library raises (origin ORVACCESS_ORIGIN_ORVACCESS), with the
  * value each queues beside it. A "bad ... packet" code means the datagram
  * failed its framing check (start byte, length, checksum) and was dropped. */
 typedef enum e_OrvAccessError {
-    ORVACCESS_ERR_NONE = 0,
+    ORVACCESS_ERR_NONE = 0,                    /* no error; also what an empty queue gives */
     ORVACCESS_ERR_IMAGE_TRANSFER = 769,        /* image reassembly failed; value: a sequence id */
     ORVACCESS_ERR_BAD_TRACKING_PKT = 770,      /* orvCore port; value 0 */
     ORVACCESS_ERR_BAD_IMAGE_PKT = 771,         /* image port; value 0 */
@@ -54,27 +54,28 @@ typedef enum e_OrvAccessError {
 
 /* ---- status words (s_OrvAccessStatus) ------------------------------------ */
 
-/* s_OrvAccessStatus.connections: the channels the last open() brought up. */
+/* s_OrvAccessStatus.connections: the channels the last open() brought up.
+ * The NFT port has no bit. */
 typedef enum e_OrvAccessConnection {
-    ORVACCESS_CONN_TCP = 0x1,
-    ORVACCESS_CONN_META = 0x2,
-    ORVACCESS_CONN_IMAGE = 0x4,
-    ORVACCESS_CONN_UPLINK = 0x8,
-    ORVACCESS_CONN_ORVCORE = 0x10,
-    ORVACCESS_CONN_ORVHUB = 0x20,
-    ORVACCESS_CONN_SHARED_MEM = 0x40
+    ORVACCESS_CONN_TCP = 0x1,         /* command connection to orvRx */
+    ORVACCESS_CONN_META = 0x2,        /* meta port (udpOrvRxPort) */
+    ORVACCESS_CONN_IMAGE = 0x4,       /* image port (udpOrvRxImgPort) */
+    ORVACCESS_CONN_UPLINK = 0x8,      /* uplink sender (udpOrvRxInputPort) */
+    ORVACCESS_CONN_ORVCORE = 0x10,    /* orvCore port (udpOrvCorePort) */
+    ORVACCESS_CONN_ORVHUB = 0x20,     /* orvHub port (udpOrvHubPort) */
+    ORVACCESS_CONN_SHARED_MEM = 0x40  /* shared-memory image (sMemImgName) */
 } e_OrvAccessConnection;
 
 /* s_OrvAccessStatus.received: kinds of data that arrived since the last
  * getStatus(). Hub error packets set no bit. */
 typedef enum e_OrvAccessReceived {
-    ORVACCESS_RECV_META = 0x2,
-    ORVACCESS_RECV_IMAGE = 0x4,
-    ORVACCESS_RECV_TRACKING = 0x10,
-    ORVACCESS_RECV_HUB = 0x20,
-    ORVACCESS_RECV_SHARED_MEM = 0x40,
-    ORVACCESS_RECV_NFT = 0x80,
-    ORVACCESS_RECV_PRA = 0x100
+    ORVACCESS_RECV_META = 0x2,        /* a meta packet */
+    ORVACCESS_RECV_IMAGE = 0x4,       /* an image packet over UDP */
+    ORVACCESS_RECV_TRACKING = 0x10,   /* a tracking packet from orvCore */
+    ORVACCESS_RECV_HUB = 0x20,        /* a hub data packet */
+    ORVACCESS_RECV_SHARED_MEM = 0x40, /* an image taken from shared memory by getImage() */
+    ORVACCESS_RECV_NFT = 0x80,        /* an NFT packet */
+    ORVACCESS_RECV_PRA = 0x100        /* a PRA packet */
 } e_OrvAccessReceived;
 
 /* s_OrvAccessDiagData.state and s_OrvAccessStatus.diagState. */
@@ -118,13 +119,15 @@ typedef enum e_OrvAccessLogChannel {
     ORVACCESS_LOG_META = 0x2,       /* orvaMeta.log */
     ORVACCESS_LOG_PRED = 0x4,       /* orvaPred.log: prediction records */
     ORVACCESS_LOG_HARM = 0x8,       /* orvaHarm.log: one line per 5 s */
-    ORVACCESS_LOG_TARGET = 0x10,    /* orvaSub.log, as are the next five */
-    ORVACCESS_LOG_IMU = 0x20,
+    ORVACCESS_LOG_TARGET = 0x10,    /* orvaSub.log: target subpackets */
+    ORVACCESS_LOG_IMU = 0x20,       /* orvaSub.log: IMU subpackets */
     ORVACCESS_LOG_SUB_SPARE = 0x40, /* accepted, written by nothing */
-    ORVACCESS_LOG_PLATPOSE = 0x80,
-    ORVACCESS_LOG_DIAG = 0x100,     /* diagnostic and GPS subpackets */
-    ORVACCESS_LOG_OPTICAL = 0x200,
-    ORVACCESS_LOG_HUB = 0x1000,     /* the subpacket file */
+    ORVACCESS_LOG_PLATPOSE = 0x80,  /* orvaSub.log: platform-pose subpackets */
+    ORVACCESS_LOG_DIAG = 0x100,     /* orvaSub.log: diagnostic and GPS subpackets */
+    ORVACCESS_LOG_OPTICAL = 0x200,  /* orvaSub.log: optical subpackets */
+    ORVACCESS_LOG_HUB = 0x1000,     /* the subpacket file: hub data and hub error
+                                     * packets; orvaNFT.log when no subpacket
+                                     * was logged before */
     ORVACCESS_LOG_NFT = 0x2000,     /* orvaNFT.log */
     ORVACCESS_LOG_PRA = 0x4000      /* orvaPRA.log */
 } e_OrvAccessLogChannel;
@@ -158,7 +161,7 @@ typedef enum e_OrvWireLayout {
     ORVWIRE_TRACKING_POSE_TIME_AT = 7,   /* u64 pose time, us */
     ORVWIRE_TRACKING_SIZE = 332,         /* without an optical subpacket */
     ORVWIRE_TRACKING_OPTICAL_AT = 331,   /* where an optical subpacket starts */
-    ORVWIRE_OPTICAL_TARGETS_AT = 10,
+    ORVWIRE_OPTICAL_TARGETS_AT = 10,     /* the target entries */
     ORVWIRE_OPTICAL_TARGET_SIZE = 22,    /* u16 id, five f32 residuals */
     ORVWIRE_OPTICAL_STATS_SIZE = 78,     /* the pose-recovery block */
 
@@ -168,20 +171,20 @@ typedef enum e_OrvWireLayout {
     ORVWIRE_META_GPS_OFFSET_AT = 17,      /* u16 */
     ORVWIRE_META_TIME_AT = 19,            /* u64 time of the IMU sample, us */
     ORVWIRE_META_IMU_AT = 27,             /* the chip packet */
-    ORVWIRE_META_IMU_SIZE = 19,
+    ORVWIRE_META_IMU_SIZE = 19,          /* the chip packet's length */
 
-    ORVWIRE_TARGET_ENTRIES_AT = 14,
-    ORVWIRE_TARGET_ENTRY_SIZE = 35,
+    ORVWIRE_TARGET_ENTRIES_AT = 14,      /* the entries of a target subpacket */
+    ORVWIRE_TARGET_ENTRY_SIZE = 35,      /* kind, id, four u16, six f32 */
     ORVWIRE_DIAG_OPTIONAL_1 = 27,        /* lengths above this carry two optional bytes ... */
     ORVWIRE_DIAG_OPTIONAL_2 = 29,        /* ... and above this two more */
     ORVWIRE_PLATPOSE_FORMAT3_AT = 8,     /* the pose, format 3 */
     ORVWIRE_PLATPOSE_FORMAT2_AT = 20,    /* the pose, format 2 */
 
-    ORVWIRE_HUB_DATA_SIZE = 151,
-    ORVWIRE_HUB_ERROR_SIZE = 10,
-    ORVWIRE_PRA_SIZE = 220,
+    ORVWIRE_HUB_DATA_SIZE = 151,         /* a hub data packet */
+    ORVWIRE_HUB_ERROR_SIZE = 10,         /* as sent; not checked on receipt */
+    ORVWIRE_PRA_SIZE = 220,              /* a PRA packet */
     ORVWIRE_NFT_POSE_TIME_AT = 7,        /* u64 pose time, us */
-    ORVWIRE_NFT_FEATURES_AT = 140,
+    ORVWIRE_NFT_FEATURES_AT = 140,       /* after the u32 feature count at 136 */
     ORVWIRE_NFT_FEATURE_SIZE = 12,       /* three f32 */
     ORVWIRE_NFT_SIZE = 153,              /* without features */
 
@@ -192,18 +195,19 @@ typedef enum e_OrvWireLayout {
     ORVWIRE_SHM_READY_AT = 0,            /* 1: an image waits; the reader sets it to 0 */
     ORVWIRE_SHM_SEQID_AT = 1,            /* u32 */
     ORVWIRE_SHM_FORMAT_AT = 5,           /* image format code */
-    ORVWIRE_SHM_PIXELS_AT = 6,
+    ORVWIRE_SHM_PIXELS_AT = 6,           /* the size of the format */
 
-    ORVWIRE_UPLINK_PLATPOSE_SIZE = 21,
-    ORVWIRE_UPLINK_GPS_SIZE = 73,
-    ORVWIRE_UPLINK_INPUT_SIZE = 5
+    ORVWIRE_UPLINK_PLATPOSE_SIZE = 21,   /* the uplink packets the library sends */
+    ORVWIRE_UPLINK_GPS_SIZE = 73,        /* fields unaligned, as in the record's order */
+    ORVWIRE_UPLINK_INPUT_SIZE = 5        /* one input code */
 } e_OrvWireLayout;
 
-/* Formats carried inside packets. */
+/* Formats carried inside packets; a subpacket of any other format is
+ * ignored without an error code. */
 typedef enum e_OrvWireFormat {
-    ORVWIRE_PLATPOSE_FORMAT2 = 2,
-    ORVWIRE_PLATPOSE_FORMAT3 = 3,
-    ORVWIRE_GPS_FORMAT = 1
+    ORVWIRE_PLATPOSE_FORMAT2 = 2, /* platform pose at ORVWIRE_PLATPOSE_FORMAT2_AT */
+    ORVWIRE_PLATPOSE_FORMAT3 = 3, /* platform pose at ORVWIRE_PLATPOSE_FORMAT3_AT; the uplink's */
+    ORVWIRE_GPS_FORMAT = 1        /* the only GPS format */
 } e_OrvWireFormat;
 
 #endif /* ORVACCESS_ORVWIRE_H */

@@ -44,8 +44,18 @@ api=$prefix/share/doc/orvaccess/api
 [ -f "$api/index.html" ] || fail "the API reference was not installed in share/doc/orvaccess/api"
 grep -q "OrvAccess_getTrackingDataLatest" "$api/orvaccess_8h.html" || fail "the API reference lacks the C functions"
 grep -q "getTrackingDataAtTime" "$api/classOrvAccess.html" || fail "the API reference lacks the class"
-grep -q "counts IMU samples" "$api/structs__OrvAccessTrkDataExt.html" ||
-  fail "the API reference lacks the records' field comments"
+# Units in the record pages, the comment of an enumeration's last value (it
+# has no comma for the filter to find), the wire numbers' page, and the C
+# functions' links to the methods that document them.
+for unit in "us on the library clock" "rad/s" "navigation frame"; do
+  grep -q "$unit" "$api/structs__OrvAccessTrkDataExt.html" ||
+    fail "the tracking record's page lacks '$unit'"
+done
+grep -q "sample interval, s" "$api/structs__OrvAccessImuData.html" || fail "the IMU record's page lacks its units"
+grep -q "orvRx stopped streaming" "$api/orvwire_8h.html" ||
+  fail "the API reference lacks orvwire.h or the comments of last enumerators"
+grep -q 'Same as <a class="el" href="classOrvAccess.html#' "$api/orvaccess_8h.html" ||
+  fail "the C functions do not link to the methods that document them"
 
 echo "== the installed tools at work"
 # Seven ports that nobody on this machine uses, below 32768 as the library needs.
