@@ -1,0 +1,85 @@
+// The bridge between one open access object and a DDS domain: every record
+// the library queues is taken and written to its topic, the status words go
+// out once a second, and what a mission computer publishes on the uplink
+// topics is sent up to orvRx. No thread: the caller runs pass() in a loop,
+// and all network work of the library happens inside its getters there.
+#pragma once
+
+#include <orvaccess/OrvAccess.hpp>
+
+#include <dds/dds.h>
+
+#include <cstdint>
+#include <string>
+
+#include "Convert.hpp"
+#include "Topics.hpp"
+
+namespace orvbridge {
+
+struct Options {
+    uint32_t domain = 0;
+    std::string ns = "orv";             // topics rt/<ns>/...
+    double horizonMs = 20.0;            // of the predicted pose, beyond its pose time
+    std::string frame = "orv_nav";      // frame_id of the poses: the tracker's navigation frame
+    std::string imuFrame = "orv_imu";   // frame_id of the IMU samples
+    std::string gpsFrame = "orv_gps";   // frame_id of the GPS fixes
+    std::string hardwareId;             // hardware_id of the diagnostics (orvRx's address)
+    Attitude attitude = Attitude::BodyToNav;
+    bool reliable = false;              // streams reliable, keep all
+};
+
+// What went out and what came in, by topic.
+struct Counts {
+    uint64_t written[kTopicCount] = {};  // for the uplink topics: samples taken
+    uint64_t writeFailures = 0;   // a DDS write that returned an error (a reliable write that timed out)
+    uint64_t uplinkSent = 0;      // uplink samples the library sent to orvRx
+    uint64_t uplinkFailed = 0;    // ... that the library could not send
+    uint64_t libraryFailures = 0; // getters that returned false
+    std::string lastFailure;      // the latest of either kind of failure
+
+    uint64_t of(Topic t) const { return written[static_cast<int>(t)]; }
+};
+
+class Bridge {
+public:
+    Bridge(OrvAccess& access, Options options);
+    ~Bridge();
+    Bridge(const Bridge&) = delete;
+    Bridge& operator=(const Bridge&) = delete;
+
+    // Creates the participant, the topics, the writers and the uplink
+    // readers. False with `error` saying why.
+    bool open(std::string& error);
+    // The number of readers that match the pose writer.
+    int poseSubscribers() const;
+    // Takes everything the library has queued and writes it, sends up what
+    // arrived on the uplink topics, and the status once a second. nowUs on
+    // the library clock.
+    void pass(uint64_t nowUs);
+    // Sleeps up to timeoutUs, less when uplink data arrives.
+    void wait(int64_t timeoutUs);
+
+    const Counts& counts() const { return counts_; }
+
+private:
+    bool write(Topic t, const void* sample);
+    template <typename R, typename Get, typename Each>
+    void drain(const char* getter, Get get, Each each);
+    void drainLibrary();
+    void writePredicted();
+    void takeUplink();
+    void writeStatus(uint64_t nowUs);
+    void fail(const std::string& what);
+
+    OrvAccess& access_;
+    Options opt_;
+    Counts counts_;
+    dds_entity_t participant_ = 0;
+    dds_entity_t writers_[kTopicCount] = {};
+    dds_entity_t readers_[kTopicCount] = {};
+    dds_entity_t waitset_ = 0;
+    uint64_t nextStatusUs_ = 0;
+};
+
+}  // namespace orvbridge
