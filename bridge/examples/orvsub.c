@@ -93,7 +93,8 @@ int main(int argc, char** argv) {
         dds_delete(participant);
         return 1;
     }
-    dds_set_status_mask(reader, DDS_DATA_AVAILABLE_STATUS | DDS_SUBSCRIPTION_MATCHED_STATUS);
+    dds_set_status_mask(reader, DDS_DATA_AVAILABLE_STATUS | DDS_SUBSCRIPTION_MATCHED_STATUS |
+                                    DDS_REQUESTED_INCOMPATIBLE_QOS_STATUS);
     const dds_entity_t waitset = dds_create_waitset(participant);
     dds_waitset_attach(waitset, reader, reader);
     signal(SIGINT, onSignal);
@@ -119,6 +120,11 @@ int main(int argc, char** argv) {
             }
             dds_return_loan(reader, samples, n);
         }
+        dds_requested_incompatible_qos_status_t incompatible;
+        if (dds_get_requested_incompatible_qos_status(reader, &incompatible) == 0 &&
+            incompatible.total_count_change > 0)
+            fprintf(stderr, "orvsub: a publisher of %s does not offer what this reader asks for%s\n", topicName,
+                    reliable ? ": it is best effort, so drop --reliable or start orvbridge with --reliable" : "");
         dds_subscription_matched_status_t st;
         if (dds_get_subscription_matched_status(reader, &st) == 0) {
             if (st.current_count > 0) matched = 1;

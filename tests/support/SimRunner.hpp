@@ -88,7 +88,8 @@ public:
         return thread_.start(cfg);
     }
 
-    void stop() { thread_.stop(); }
+    // Stops the simulator; what it sent and received, as SimThread::stop().
+    orvsim::SimReport stop() { return thread_.stop(); }
 
     int port(const std::string& key) const {
         for (const auto& [k, p] : ports_)
