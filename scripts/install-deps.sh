@@ -18,6 +18,9 @@ packages=(
   help2man
   doxygen
   libpcap-dev
+  # orvbridge: Eclipse Cyclone DDS and its IDL compiler.
+  cyclonedds-dev
+  cyclonedds-tools
   # The Python package, for Debian's /usr/bin/python3.
   pybind11-dev
   python3-dev

@@ -2,7 +2,7 @@
 # Installs into a temporary prefix and uses what users get there: the tools
 # (which must find the installed library by themselves), the example
 # configuration, the man pages and the API reference; then the installed
-# simulator, orvctl and orvmon together on free ports.
+# simulator, orvctl, orvmon and (when built) orvbridge together on free ports.
 set -euo pipefail
 build_dir=$1
 version=$2
@@ -25,8 +25,16 @@ fail() {
 prefix=$work/prefix
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 
+tools=(orvsim orvmon orvctl)
+# orvbridge is built only where Cyclone DDS is installed.
+bridge=no
+if [ -x "$build_dir/bridge/orvbridge" ]; then
+  bridge=yes
+  tools+=(orvbridge)
+fi
+
 echo "== tools, man pages"
-for tool in orvsim orvmon orvctl; do
+for tool in "${tools[@]}"; do
   [ -x "$prefix/bin/$tool" ] || fail "bin/$tool was not installed"
   out=$(env -u LD_LIBRARY_PATH "$prefix/bin/$tool" --version) || fail "bin/$tool does not run from the prefix"
   [ "$out" = "$tool $version" ] || fail "bin/$tool --version says '$out'"
@@ -100,4 +108,14 @@ ctl check >"$work/check.out" || fail "orvctl check found problems: $(cat "$work/
 env -u LD_LIBRARY_PATH "$prefix/bin/orvmon" --ini "$work/t.ini" --plain --duration 1 >"$work/mon.out" ||
   fail "orvmon failed: $(cat "$work/mon.out")"
 grep -Eq "^records +tracking +[1-9][0-9]* " "$work/mon.out" || fail "orvmon saw no tracking: $(cat "$work/mon.out")"
+if [ $bridge = yes ]; then
+  # Loopback only, in a domain of this run's own.
+  cat >"$work/cyclone.xml" <<XML
+<CycloneDDS><Domain id="any"><General><Interfaces><NetworkInterface address="127.0.0.1"/></Interfaces><AllowMulticast>false</AllowMulticast></General><Discovery><Peers><Peer address="127.0.0.1"/></Peers><ParticipantIndex>auto</ParticipantIndex><MaxAutoParticipantIndex>20</MaxAutoParticipantIndex></Discovery></Domain></CycloneDDS>
+XML
+  CYCLONEDDS_URI="file://$work/cyclone.xml" env -u LD_LIBRARY_PATH "$prefix/bin/orvbridge" --ini "$work/t.ini" \
+    --domain $((1 + $$ % 200)) --duration 1 >"$work/bridge.out" 2>"$work/bridge.err" ||
+    fail "orvbridge failed: $(cat "$work/bridge.err")"
+  grep -Eq "^ +rt/orv/pose +[1-9][0-9]*$" "$work/bridge.out" || fail "orvbridge published no pose: $(cat "$work/bridge.out")"
+fi
 echo "ok"
