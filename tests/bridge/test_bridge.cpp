@@ -20,6 +20,7 @@
 
 #include "Convert.hpp"
 #include "Topics.hpp"
+#include "support/DdsLoopback.hpp"
 #include "support/Process.hpp"
 #include "support/SimRunner.hpp"
 
@@ -30,14 +31,6 @@ using namespace std::chrono_literals;
 
 constexpr int kSubscribers = 3;
 constexpr double kHorizonMs = 25.0;
-
-// Cyclone on loopback only, unicast discovery: parallel runs in other
-// domains never meet, and nothing leaves the machine.
-constexpr const char* kLoopbackConfig =
-    "<CycloneDDS><Domain id=\"any\"><General><Interfaces><NetworkInterface address=\"127.0.0.1\"/>"
-    "</Interfaces><AllowMulticast>false</AllowMulticast></General><Discovery><Peers>"
-    "<Peer address=\"127.0.0.1\"/></Peers><ParticipantIndex>auto</ParticipantIndex>"
-    "<MaxAutoParticipantIndex>20</MaxAutoParticipantIndex></Discovery></Domain></CycloneDDS>";
 
 // Polls `done` until it holds or the time is up; true when it held.
 template <class Cond>
@@ -168,9 +161,7 @@ TEST(Bridge, EverySubscriberGetsEveryPoseAndTheUplinkReachesTheTracker) {
     ASSERT_TRUE(sim.start([](orvsim::SimConfig& c) { c.rates.errorPeriodS = 0.5; }));
 
     // Before any participant exists, in this process and the children alike.
-    const std::string config = dir.write("cyclone.xml", kLoopbackConfig);
-    setenv("CYCLONEDDS_URI", ("file://" + config).c_str(), 1);
-    const uint32_t domain = 1 + static_cast<uint32_t>(getpid()) % 200;
+    const uint32_t domain = orvtest::useLoopbackDds((dir.path() / "cyclone.xml").string());
     const std::string d = std::to_string(domain);
 
     Participant me(domain);
