@@ -34,6 +34,13 @@ static int usage(const char* why) {
     return 2;
 }
 
+/* A whole decimal number from min to max, or -1. */
+static long number(const char* text, long min, long max) {
+    char* end = NULL;
+    const long v = strtol(text, &end, 10);
+    return end != text && *end == '\0' && v >= min && v <= max ? v : -1;
+}
+
 int main(int argc, char** argv) {
     unsigned domain = 0;
     const char* ns = "orv";
@@ -50,7 +57,9 @@ int main(int argc, char** argv) {
         } else if (v == NULL) {
             return usage(strncmp(a, "--", 2) == 0 ? "an option lacks its value" : "unknown argument");
         } else if (strcmp(a, "--domain") == 0) {
-            domain = (unsigned)strtoul(v, NULL, 10);
+            const long d = number(v, 0, 232);
+            if (d < 0) return usage("--domain takes a domain id from 0 to 232");
+            domain = (unsigned)d;
             ++i;
         } else if (strcmp(a, "--namespace") == 0) {
             ns = v;
@@ -59,7 +68,8 @@ int main(int argc, char** argv) {
             leaf = v;
             ++i;
         } else if (strcmp(a, "--count") == 0) {
-            limit = strtol(v, NULL, 10);
+            limit = number(v, 1, 2000000000L);
+            if (limit < 0) return usage("--count takes a number of poses, 1 or more");
             ++i;
         } else {
             return usage("unknown option");
