@@ -171,6 +171,9 @@ int main(int argc, char** argv) {
             }
             bridge.wait(10000);
         }
+        // What queued up in the ports while the bridge waited is old news
+        // by now: the subscribers start with the poses of this moment.
+        access.flushUdp();
     }
 
     const uint64_t start = access.getTimeUs();
