@@ -72,12 +72,17 @@ int main(int argc, char** argv) {
     double seconds = 10.0, warmupS = 2.0;
     int extra = 0;
     long pollUs = 250;
+    double trackingHz = orvsim::SimRates{}.tracking;
     std::string bridgePath = ORVBRIDGE, subPath = ORVSUB;
     app.add_option("--seconds", seconds, "measured seconds")->capture_default_str()->check(CLI::Range(1.0, 3600.0));
     app.add_option("--warmup", warmupS, "seconds before measuring")->capture_default_str();
     app.add_option("--extra-subscribers", extra, "orvsub processes reading the poses besides this one")
         ->capture_default_str()
         ->check(CLI::Range(0, 10));
+    app.add_option("--tracking-hz", trackingHz,
+                   "the simulator's tracking rate; 0 leaves the NFT poses alone, to tell what the poses cost")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 1000.0));
     app.add_option("--poll-us", pollUs, "the bridge's --poll-us")->capture_default_str();
     app.add_option("--orvbridge", bridgePath, "the bridge to measure")->capture_default_str();
     app.add_option("--orvsub", subPath, "the subscriber example")->capture_default_str();
@@ -104,6 +109,7 @@ int main(int argc, char** argv) {
     const std::string iniPath = dir + "/orvaccess.ini";
     std::ofstream(iniPath) << ini.str();
     cfg.fileFolder = dir;
+    cfg.rates.tracking = trackingHz;
     const uint32_t domain = orvtest::useLoopbackDds(dir + "/cyclone.xml");
 
     // The reader, as a renderer on another host would read: best effort.
@@ -221,8 +227,8 @@ int main(int argc, char** argv) {
     double mean = 0.0;
     for (double v : latencyUs) mean += v / static_cast<double>(latencyUs.size());
     std::printf("orvbridgebench: %.1f s measured, %.0f poses taken here (%.1f/s), %d extra subscriber(s), "
-                "bridge polling every %ld us\n",
-                window, poses, poses / window, extra, pollUs);
+                "bridge polling every %ld us, tracking at %.0f Hz\n",
+                window, poses, poses / window, extra, pollUs, trackingHz);
     std::printf("latency send->take  mean %.0f us  p50 %.0f us  p95 %.0f us  p99 %.0f us  max %.0f us\n", mean,
                 percentile(latencyUs, 50), percentile(latencyUs, 95), percentile(latencyUs, 99),
                 percentile(latencyUs, 100));
