@@ -13,6 +13,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <ctime>
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
@@ -24,6 +26,7 @@
 #include <vector>
 
 #include "RosMessages.h"
+#include "Convert.hpp"
 #include "Topics.hpp"
 #include "osi/OrvosiUtil.hpp"
 #include "sim/Simulator.hpp"
@@ -63,6 +66,57 @@ double percentile(std::vector<double>& v, double p) {
     const size_t i = std::min(v.size() - 1, static_cast<size_t>(p / 100.0 * static_cast<double>(v.size())));
     std::nth_element(v.begin(), v.begin() + static_cast<long>(i), v.end());
     return v[i];
+}
+
+double threadCpuUs() {
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) * 1e6 + static_cast<double>(ts.tv_nsec) / 1e3;
+}
+
+// What the bridge pays per pose for DDS alone: converting a record and
+// writing it as a PoseStamped and a TrackingRecord, in a tight loop, to
+// readers in another process (orvsub reads the poses, nobody the records),
+// timed on this thread's CPU clock. Cyclone sends in the writing thread.
+void writeCost(uint32_t domain, const std::string& subPath, const std::string& dir, int n) {
+    orvtest::Process sub({subPath, "--domain", std::to_string(domain), "--topic", "pose_cost"}, "/dev/null",
+                         dir + "/cost.err");
+    const dds_entity_t participant = dds_create_participant(static_cast<dds_domainid_t>(domain), nullptr, nullptr);
+    dds_entity_t writers[2];
+    const orvbridge::Topic topics[2] = {orvbridge::Topic::Pose, orvbridge::Topic::Tracking};
+    for (int i = 0; i < 2; ++i) {
+        // A topic of its own, so that the main run's readers stay out of it.
+        const std::string name = orvbridge::topicName(topics[i], "orv") + "_cost";
+        const dds_entity_t t = dds_create_topic(participant, orvbridge::topicInfo(topics[i]).type, name.c_str(),
+                                                nullptr, nullptr);
+        dds_qos_t* qos = orvbridge::topicQos(topics[i], false);
+        writers[i] = dds_create_writer(participant, t, qos, nullptr);
+        dds_delete_qos(qos);
+    }
+    for (int waited = 0; waited < 1000; ++waited) {
+        dds_publication_matched_status_t st{};
+        dds_get_publication_matched_status(writers[0], &st);
+        if (st.current_count > 0) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    s_OrvAccessTrkDataExt r{};
+    r.cbn[0][0] = r.cbn[1][1] = r.cbn[2][2] = 1.0f;
+    const double start = threadCpuUs();
+    for (int i = 0; i < n; ++i) {
+        r.packetTag = static_cast<uint32_t>(i);
+        r.poseTime = OrvosiUtil::getTimeSysUs();
+        const auto pose = orvbridge::toPose(r, r.poseTime, orvbridge::Attitude::BodyToNav, "orv_nav");
+        dds_write(writers[0], &pose);
+        const auto record = orvbridge::toRecord(r);
+        dds_write(writers[1], &record);
+    }
+    const double us = (threadCpuUs() - start) / n;
+    std::printf("DDS per pose        %.1f us CPU for a PoseStamped (one remote reader) and a TrackingRecord "
+                "(none), %d in a row\n",
+                us, n);
+    dds_delete(participant);
+    sub.signal(SIGTERM);
+    sub.wait(10.0);
 }
 
 }  // namespace
@@ -238,6 +292,7 @@ int main(int argc, char** argv) {
                 static_cast<unsigned long long>(rep.streams[static_cast<int>(orvsim::Stream::Tracking)].built),
                 static_cast<unsigned long long>(rep.streams[static_cast<int>(orvsim::Stream::Nft)].built),
                 static_cast<unsigned long long>(rep.streams[static_cast<int>(orvsim::Stream::Meta)].built));
+    writeCost(domain, subPath, dir, 20000);
     std::printf("%s", bridge.out().c_str());
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);

@@ -11,7 +11,6 @@
 
 #include <csignal>
 #include <cstdio>
-#include <map>
 #include <string>
 
 #include "Bridge.hpp"
@@ -29,6 +28,7 @@ void onSignal(int) { gStop = 1; }
 // or an unreadable configuration file, 3 the subscribers did not come.
 constexpr int kExitNoOpen = 1, kExitUsage = 2, kExitNoSubscribers = 3;
 constexpr uint64_t kUsPerS = 1000000;
+constexpr uint64_t kProgressUs = 250000;
 
 std::string brief(const orvbridge::Counts& c) {
     using orvbridge::Topic;
@@ -180,6 +180,7 @@ int main(int argc, char** argv) {
     const uint64_t end = duration > 0 ? start + static_cast<uint64_t>(duration * kUsPerS) : 0;
     orvtools::ProgressLine line(stderr);
     std::string shownFailure;
+    uint64_t nextProgressUs = start;
     for (;;) {
         const uint64_t now = access.getTimeUs();
         if (gStop || (end != 0 && now >= end)) break;
@@ -190,9 +191,14 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "orvbridge: %s\n", c.lastFailure.c_str());
             shownFailure = c.lastFailure;
         }
-        char head[48];
-        std::snprintf(head, sizeof head, "orvbridge: %.0f s  ", static_cast<double>(now - start) / kUsPerS);
-        line.update(now, head + brief(c));
+        // The text only when the line may show it: formatting it every pass
+        // would cost more than the pass.
+        if (now >= nextProgressUs) {
+            char head[48];
+            std::snprintf(head, sizeof head, "orvbridge: %.0f s  ", static_cast<double>(now - start) / kUsPerS);
+            line.update(now, head + brief(c));
+            nextProgressUs = now + kProgressUs;
+        }
         bridge.wait(pollUs);
     }
     line.finish();

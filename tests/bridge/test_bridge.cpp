@@ -11,7 +11,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
-#include <cstdlib>
 #include <map>
 #include <set>
 #include <sstream>
