@@ -179,6 +179,13 @@ int OrvAccess_getStatus(OrvAccess* handle, s_OrvAccessStatus* st) {
     return status([&] { return handle->getStatus(st); });
 }
 
+int OrvAccess_waitUdp(OrvAccess* handle, int timeoutMs, int* ready) {
+    bool r = false;
+    const int ok = status([&] { return handle->waitUdp(timeoutMs, &r); });
+    *ready = r ? 1 : 0;
+    return ok;
+}
+
 // ---- errors ---------------------------------------------------------------------
 
 char* OrvAccess_getLastError(OrvAccess* handle, char* buf, size_t len) {

@@ -200,6 +200,33 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     return ok;
 }
 
+bool OrvAccess::waitUdp(int timeoutMs, bool* ready) {
+    State& s = *st_;
+    *ready = false;
+    if (!s.isOpen) {
+        s.fail("Unable to wait for UDP: Interface not open", true);
+        return false;
+    }
+    if (s.openPortCount == 0) {
+        s.fail("Unable to wait for UDP: No receiving port open", true);
+        return false;
+    }
+    for (size_t i = 0; i < s.openPortCount; ++i)
+        if (!s.ahead[s.openPorts[i]].empty()) {
+            *ready = true;
+            return true;
+        }
+    // Without the set (it could not be made at open) this fails with the reason.
+    bool readyNow[orvwire::kPortCount] = {};
+    const int n = s.readySet.wait(readyNow, timeoutMs);
+    if (n < 0) {
+        s.fail("Unable to wait for UDP: " + s.readySet.getLastError(), true);
+        return false;
+    }
+    *ready = n > 0;
+    return true;
+}
+
 void OrvAccess::State::prepareReadAhead() {
     int fds[orvwire::kPortCount];
     openPortCount = 0;

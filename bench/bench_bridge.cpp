@@ -125,7 +125,7 @@ int main(int argc, char** argv) {
     CLI::App app{"orvbridgebench: latency and CPU per pose of orvbridge at the simulator's default rates"};
     double seconds = 10.0, warmupS = 2.0;
     int extra = 0;
-    long pollUs = 250;
+    int uplinkMs = 2;
     double trackingHz = orvsim::SimRates{}.tracking;
     std::string bridgePath = ORVBRIDGE, subPath = ORVSUB;
     app.add_option("--seconds", seconds, "measured seconds")->capture_default_str()->check(CLI::Range(1.0, 3600.0));
@@ -137,7 +137,7 @@ int main(int argc, char** argv) {
                    "the simulator's tracking rate; 0 leaves the NFT poses alone, to tell what the poses cost")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 1000.0));
-    app.add_option("--poll-us", pollUs, "the bridge's --poll-us")->capture_default_str();
+    app.add_option("--uplink-ms", uplinkMs, "the bridge's --uplink-ms")->capture_default_str();
     app.add_option("--orvbridge", bridgePath, "the bridge to measure")->capture_default_str();
     app.add_option("--orvsub", subPath, "the subscriber example")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
@@ -194,7 +194,7 @@ int main(int argc, char** argv) {
     const std::string d = std::to_string(domain);
     orvtest::Process bridge({bridgePath, "--ini", iniPath, "--domain", d, "--wait-subscribers",
                              std::to_string(extra + 1), "--duration", std::to_string(warmupS + seconds + 1.0),
-                             "--poll-us", std::to_string(pollUs)},
+                             "--uplink-ms", std::to_string(uplinkMs)},
                             dir + "/bridge.out", dir + "/bridge.err");
 
     // The simulator, stepped here so that each send has a time.
@@ -281,8 +281,8 @@ int main(int argc, char** argv) {
     double mean = 0.0;
     for (double v : latencyUs) mean += v / static_cast<double>(latencyUs.size());
     std::printf("orvbridgebench: %.1f s measured, %.0f poses taken here (%.1f/s), %d extra subscriber(s), "
-                "bridge polling every %ld us, tracking at %.0f Hz\n",
-                window, poses, poses / window, extra, pollUs, trackingHz);
+                "bridge sleeping at most %d ms, tracking at %.0f Hz\n",
+                window, poses, poses / window, extra, uplinkMs, trackingHz);
     std::printf("latency send->take  mean %.0f us  p50 %.0f us  p95 %.0f us  p99 %.0f us  max %.0f us\n", mean,
                 percentile(latencyUs, 50), percentile(latencyUs, 95), percentile(latencyUs, 99),
                 percentile(latencyUs, 100));

@@ -67,7 +67,7 @@ int main(int argc, char** argv) {
     orvbridge::Options opt;
     double duration = 0.0, waitTimeout = 30.0;
     int waitSubscribers = 0;
-    long pollUs = 250;
+    int uplinkMs = 2;
     std::string attitude = "body-to-nav";
     app.add_option("--ini", ini, "configuration file of the library")->capture_default_str();
     app.add_option("--domain", opt.domain, "DDS domain id; the Cyclone DDS configuration comes from CYCLONEDDS_URI")
@@ -100,9 +100,10 @@ int main(int argc, char** argv) {
     app.add_option("--duration", duration, "seconds to run; 0 runs until interrupted")
         ->capture_default_str()
         ->check(CLI::NonNegativeNumber);
-    app.add_option("--poll-us", pollUs, "longest sleep between two passes over the library's queues, us")
+    app.add_option("--uplink-ms", uplinkMs,
+                   "longest sleep while the tracker sends nothing: how late an uplink sample may go out, ms")
         ->capture_default_str()
-        ->check(CLI::Range(10L, 100000L));
+        ->check(CLI::Range(1, 1000));
     app.footer("Topics (ROS 2 types where ROS 2 has one): pose and pose_predicted (geometry_msgs/PoseStamped), "
                "tracking (orv_msgs TrackingRecord), imu (sensor_msgs/Imu), gps/fix (sensor_msgs/NavSatFix), gps, "
                "platform_pose, hub, residuals, errors (orv_msgs), /diagnostics (diagnostic_msgs/DiagnosticArray, "
@@ -199,7 +200,10 @@ int main(int argc, char** argv) {
             line.update(now, head + brief(c));
             nextProgressUs = now + kProgressUs;
         }
-        bridge.wait(pollUs);
+        // Sleeps in the library until the tracker sends something; only the
+        // uplink samples, which DDS cannot wake it for, wait for the limit.
+        bool ready = false;
+        if (!access.waitUdp(uplinkMs, &ready)) bridge.wait(static_cast<int64_t>(uplinkMs) * 1000);
     }
     line.finish();
     // Last records that arrived while stopping still go out.

@@ -3,6 +3,8 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "osi/OrvosiUtil.hpp"
 
 bool OrvosiReadySet::open(const int* fds, size_t count) {
@@ -33,12 +35,20 @@ void OrvosiReadySet::close() {
     count_ = 0;
 }
 
-int OrvosiReadySet::wait(bool* ready) {
+int OrvosiReadySet::wait(bool* ready, int timeoutMs) {
     for (size_t i = 0; i < count_; ++i) ready[i] = false;
-    if (fd_ < 0) return -1;
+    if (fd_ < 0) {
+        // Keeps the reason why open() failed, when it did.
+        if (lastError_.empty()) lastError_ = "The ready set is not open";
+        return -1;
+    }
     epoll_event events[kMaxMembers];
-    const int n = epoll_wait(fd_, events, static_cast<int>(kMaxMembers), 0);
-    if (n < 0) return -1;
+    const int n = epoll_wait(fd_, events, static_cast<int>(kMaxMembers), timeoutMs < 0 ? -1 : timeoutMs);
+    if (n < 0 && errno == EINTR) return 0;
+    if (n < 0) {
+        OrvosiUtil::failWithSystemText(lastError_, "Failed to wait on the ready set...");
+        return -1;
+    }
     for (int i = 0; i < n; ++i) ready[events[i].data.u32] = true;
     return n;
 }

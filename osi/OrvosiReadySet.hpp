@@ -21,9 +21,10 @@ public:
     bool open(const int* fds, size_t count);
     void close();
     bool isOpen() const { return fd_ >= 0; }
-    // Without waiting: the number of members with data, each flagged in
-    // ready[]; -1 on failure.
-    int wait(bool* ready);
+    // The number of members with data, each flagged in ready[], after
+    // waiting up to timeoutMs for one (0: not at all; negative: without
+    // limit); 0 when a signal cut the wait short; -1 on failure.
+    int wait(bool* ready, int timeoutMs = 0);
     std::string getLastError() const { return lastError_; }
 
 private:

@@ -217,6 +217,19 @@ public:
     // Discards what is pending on the meta, image, orvCore and NFT ports.
     // The orvHub port keeps its datagrams.
     void flushUdp();
+    // Sleeps until a datagram waits on one of the open receiving ports, or
+    // the time-out passes, without reading anything: a loop of its own (a
+    // data thread, a bridge) can then call the getters only when there is
+    // something to get instead of spinning on them. Returns at once when
+    // datagrams read ahead by an earlier call still wait. A signal ends the
+    // wait early with *ready false.
+    // @param timeoutMs longest wait, ms; 0 only looks; negative waits
+    // without limit.
+    // @param ready set to true when a datagram waits, false on time-out.
+    // @return false with "Unable to wait for UDP: Interface not open", with
+    // "Unable to wait for UDP: No receiving port open" (nothing could ever
+    // arrive), or with "Unable to wait for UDP: " and the system's reason.
+    bool waitUdp(int timeoutMs, bool* ready);
     // Parse a packet the application holds, trusted as far as its own
     // length word; fields past it read as zeros. The service loop checks
     // and parses received datagrams itself.

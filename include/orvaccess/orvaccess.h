@@ -303,6 +303,9 @@ ORVACCESS_EXPORT char* OrvAccess_getBuildDate(OrvAccess* handle, char* buf, size
 ORVACCESS_EXPORT unsigned long OrvAccess_getTimeUs(OrvAccess* handle);
 /* Same as OrvAccess::getStatus(); 1 or 0. */
 ORVACCESS_EXPORT int OrvAccess_getStatus(OrvAccess* handle, s_OrvAccessStatus* status);
+/* Same as OrvAccess::waitUdp(); *ready is 1 when a datagram waits, else 0;
+ * 1 or 0. */
+ORVACCESS_EXPORT int OrvAccess_waitUdp(OrvAccess* handle, int timeoutMs, int* ready);
 /* @} */
 
 /* @name Errors

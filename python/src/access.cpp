@@ -439,6 +439,18 @@ void bindAccess(py::module_& m) {
         },
         py::arg("start_streaming") = true, "Drains every open UDP port into the queues.");
     cls.def(
+        "wait_udp",
+        [](PyAccess& a, double timeout) {
+            // Seconds, as Python counts time; a signal (Ctrl-C) ends the wait.
+            const int ms = timeout < 0 ? -1 : static_cast<int>(std::min(timeout * 1000.0, 2147483647.0));
+            bool ready = false;
+            checked(a, "wait_udp", [&](OrvAccess& o) { return o.waitUdp(ms, &ready); });
+            return ready;
+        },
+        py::arg("timeout") = -1.0,
+        "Sleeps (without the GIL) until a datagram waits on an open port or timeout seconds pass "
+        "(negative: no limit); True when one waits.");
+    cls.def(
         "flush_udp", [](PyAccess& a) { locked(a, [](OrvAccess& o) { o.flushUdp(); }); },
         "Discards what waits on the meta, image, orvCore and NFT ports.");
     cls.def(

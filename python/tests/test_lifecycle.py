@@ -89,3 +89,15 @@ def test_waiting_calls_let_other_threads_run(start_sim):
     assert end - start >= 0.3
     # Had the call held the GIL, the other thread would have stood still.
     assert sum(start + 0.05 < t < end - 0.05 for t in ticks) >= 10
+
+
+def test_wait_udp_sleeps_until_the_tracker_sends(start_sim):
+    sim = start_sim()
+    with orvaccess.Access(sim.ini) as a:
+        a.get_tracking_data()  # switches streaming on
+        start = time.monotonic()
+        assert a.wait_udp(2.0)
+        assert time.monotonic() - start < 1.0
+        a.drain_tracking_data()
+    with pytest.raises(orvaccess.Error, match="Unable to wait for UDP: Interface not open"):
+        a.wait_udp(0)

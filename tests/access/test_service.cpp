@@ -3,14 +3,18 @@
 // path that does not allocate.
 #include <poll.h>
 
+#include <chrono>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiUtil.hpp"
+#include "orvaccess/orvaccess.h"
 #include "support/Allocations.hpp"
+#include "support/FakeOrvRx.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
 
@@ -156,6 +160,47 @@ TEST_F(Service, FlushKeepsOnlyHubPacketsAndAClosedObjectRefuses) {
     EXPECT_FALSE(access.serviceUdp(true));
     EXPECT_EQ(access.getLastError(), "Unable to service UDP: Interface not open");
     EXPECT_EQ(err.text(), "ORVAERR: Unable to service UDP: Interface not open\n");
+}
+
+// waitUdp sleeps until a datagram waits, reads nothing itself, and wakes for
+// a datagram that comes while it sleeps; it refuses a closed object and one
+// without a receiving port, on which nothing could ever arrive.
+TEST_F(Service, WaitUdpWakesForADatagramAndLeavesItToTheGetters) {
+    bool ready = true;
+    EXPECT_TRUE(access.waitUdp(0, &ready));
+    EXPECT_FALSE(ready);
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_TRUE(access.waitUdp(30, &ready));
+    EXPECT_FALSE(ready);
+    EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(25));
+
+    std::thread later([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        send(kHub, frame(ORVWIRE_START_HUB_DATA, ORVWIRE_HUB_DATA_SIZE));
+    });
+    EXPECT_TRUE(access.waitUdp(-1, &ready));
+    later.join();
+    EXPECT_TRUE(ready);
+    EXPECT_TRUE(access.waitUdp(0, &ready));
+    EXPECT_TRUE(ready) << "the datagram is still there for the getters";
+    EXPECT_EQ(received(), ORVACCESS_RECV_HUB);
+    EXPECT_TRUE(access.waitUdp(0, &ready));
+    EXPECT_FALSE(ready);
+
+    int cReady = 7;
+    EXPECT_EQ(OrvAccess_waitUdp(&access, 0, &cReady), 1);
+    EXPECT_EQ(cReady, 0);
+    access.close();
+    EXPECT_FALSE(access.waitUdp(0, &ready));
+    EXPECT_EQ(access.getLastError(), "Unable to wait for UDP: Interface not open");
+    EXPECT_EQ(OrvAccess_waitUdp(&access, 0, &cReady), 0);
+}
+
+TEST_F(OrvRxTest, WaitUdpWithoutAReceivingPortFailsAtOnce) {
+    bool ready = true;
+    EXPECT_FALSE(access.waitUdp(-1, &ready));
+    EXPECT_FALSE(ready);
+    EXPECT_EQ(access.getLastError(), "Unable to wait for UDP: No receiving port open");
 }
 
 // A receiving socket that asks for ICMP errors and sends to a closed port
