@@ -258,7 +258,8 @@ TEST_F(Images, PiecesReadInPlaceThatFailLeaveTheImagesAlone) {
     // Image 3 fails while 2 waits: a piece that runs past the buffer (its
     // bytes beyond it are never written) and a bad one at the start.
     sendRange(3, 10, a, 0, 300000);
-    send(kImage, piece(3, 10, a, 300000, 60000));
+    const Bytes beyond = randomBytes(360000, 13);
+    send(kImage, piece(3, 10, beyond, 300000, 60000));
     send(kImage, bad(piece(4, 10, a, 0, 60000), 200, 0));
     EXPECT_EQ(fetch(out, 10), (Fetched{false, 0, 0, 0}));
     EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_IMAGE_TRANSFER, 3}, {ORVACCESS_ERR_BAD_IMAGE_PKT, 0}}));
