@@ -246,9 +246,9 @@ private:
 // The counted workloads, kept apart so that callgrind can count them
 // alone (--toggle-collect=orvfloor_*); each handles kCounted datagrams or
 // records.
-extern "C" __attribute__((noipa)) void orvfloor_library_burst(OrvAccess& access) { access.serviceUdp(false); }
+extern "C" __attribute__((noinline)) void orvfloor_library_burst(OrvAccess& access) { access.serviceUdp(false); }
 
-extern "C" __attribute__((noipa)) int orvfloor_library_drain(OrvAccess& access) {
+extern "C" __attribute__((noinline)) int orvfloor_library_drain(OrvAccess& access) {
     bool valid = true;
     s_OrvAccessTrkDataExt rec{};
     int n = 0;
@@ -256,7 +256,7 @@ extern "C" __attribute__((noipa)) int orvfloor_library_drain(OrvAccess& access) 
     return n;
 }
 
-extern "C" __attribute__((noipa)) int orvfloor_floor_decode(const Bytes* packets, FloorRecord* out) {
+extern "C" __attribute__((noinline)) int orvfloor_floor_decode(const Bytes* packets, FloorRecord* out) {
     int ok = 0;
     for (int i = 0; i < kCounted; ++i) ok += floorDecode(packets[i].data(), packets[i].size(), &out[i]);
     return ok;
