@@ -199,11 +199,14 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     // whatever its size), a burst goes by batches from its second datagram on.
     size_t batch[orvwire::kPortCount] = {1, 1, 1, 1, 1};
     bool imageBusy = false;  // the image port's last read brought a piece
+    // Datagrams read ahead and not yet handed on, over all endpoints; a read
+    // error may have left some from an earlier call.
+    size_t held = 0;
+    for (size_t i = 0; i < count; ++i) held += s.ahead[ids[i]].count - s.ahead[ids[i]].next;
     bool ok = true;
     for (bool dispatched = true; dispatched && ok;) {
         dispatched = false;
-        bool holding = false;
-        for (size_t i = 0; i < count; ++i) holding = holding || !s.ahead[ids[i]].empty();
+        const bool holding = held > 0;
         bool readyNow[orvwire::kPortCount] = {};
         int ready = 0;
         if (!holding) {
@@ -250,10 +253,12 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
                     ok = false;
                     break;
                 }
+                held += ahead.count;
                 if (ahead.empty()) continue;
             }
             const unsigned char* data = ahead.slot(ahead.next);
             const size_t n = ahead.sizes[ahead.next++];
+            --held;
             if (n == 0) continue;
             const Family* family = findFamily(static_cast<Port>(ids[i]), data[0]);
             if (family == nullptr) continue;  // dropped unseen, and not counted
