@@ -37,12 +37,17 @@ struct ReadAhead {
     size_t sizes[kSlots] = {};
     size_t count = 0;  // datagrams in the slots
     size_t next = 0;   // the next one to hand out
+    size_t reserved = 0;  // slots in the storage
 
     bool empty() const { return next == count; }
     void clear() { count = next = 0; }
-    // Room for a batch, made once for the object's life.
-    void reserve() {
-        if (!storage) storage.reset(new unsigned char[kSlots * kReceiveBufferSize]);
+    // Room for `slots` datagrams (at most kSlots), made once for the
+    // object's life: a later call never shrinks it.
+    void reserve(size_t slots) {
+        if (slots > reserved) {
+            storage.reset(new unsigned char[slots * kReceiveBufferSize]);
+            reserved = slots;
+        }
     }
     unsigned char* slot(size_t i) const { return storage.get() + i * kReceiveBufferSize; }
 };

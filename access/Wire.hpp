@@ -57,6 +57,11 @@ const char* processTargetSubPkt(OrvAccess::State& s, const OrvosiBytes& packet);
 const char* processDiagSubPkt(OrvAccess::State& s, const OrvosiBytes& packet);
 const char* processGpsSubPkt(OrvAccess::State& s, const OrvosiBytes& packet);
 const char* processImagePkt(OrvAccess::State& s, const OrvosiBytes& packet);
+// The piece of processImagePkt after its size check: `header` holds the
+// ORVWIRE_IMAGE_PIXELS_AT bytes before the pixels, `pixels` the count pixel
+// bytes, which may already lie at their place in the image being filled.
+void takeImagePiece(OrvAccess::State& s, const unsigned char* header, const unsigned char* pixels,
+                    size_t count);
 const char* processPraPkt(OrvAccess::State& s, const OrvosiBytes& packet);
 const char* processHubDataPkt(OrvAccess::State& s, const OrvosiBytes& packet);
 const char* processHubErrPkt(OrvAccess::State& s, const OrvosiBytes& packet);

@@ -66,41 +66,34 @@ bool OrvAccess::getImageInfo(ImageFormat format, unsigned long* size, int* width
 
 namespace orvwire {
 
-// One piece of an image. The service loop has checked the framing, so the
-// length word equals the datagram's size; nothing past it is read, and
-// nothing is written past the buffer's imgBufSize bytes.
-const char* processImagePkt(OrvAccess::State& s, const OrvosiBytes& packet) {
+// One piece of an image: its header (type, length, sequence id, format,
+// address) and its pixels, wherever they are. The service loop reads pieces
+// straight into the image being filled, so the pixels may already lie where
+// they belong; nothing is written past the buffer's imgBufSize bytes.
+void takeImagePiece(OrvAccess::State& s, const unsigned char* header, const unsigned char* pixels,
+                    size_t count) {
     ImageState& img = s.img;
     const unsigned int v = s.cfg.verbosity;
     img.progress = 0;
 
-    const size_t length = packet.size;
-    if (length < ORVWIRE_IMAGE_OVERHEAD) {
-        // Too short to hold its own header: nothing in it can be trusted.
-        OrvUtil::logLine(v, "Image packet too short (", length, " bytes)");
-        s.addErrorCode(kImageErrorCode, 0);
-        img.waiting = true;
-        return nullptr;
-    }
-    OrvosiReader r(packet.data, length);
+    OrvosiReader r(header, ORVWIRE_IMAGE_PIXELS_AT);
     r.skip(ORVWIRE_HEADER_SIZE);
     const uint32_t seqId = r.u32();
     const unsigned char format = r.u8();
     const uint32_t address = r.u24();
-    const size_t pixels = length - ORVWIRE_IMAGE_OVERHEAD;
     img.format = format;
 
     if (address != 0) {
         if (img.waiting) {
             OrvUtil::infoLine(v, "Waiting for initial image packet (", address, ")");
-            return nullptr;
+            return;
         }
         if (seqId != img.seqId[img.fill]) {
             OrvUtil::logLine(v, "Sequence ID mismatch in image packet (packet sid=", seqId,
                              ", image sid=", img.seqId[img.fill], ")");
             s.addErrorCode(kImageErrorCode, img.seqId[img.fill]);
             img.waiting = true;
-            return nullptr;
+            return;
         }
     } else {
         img.seqId[img.fill] = seqId;
@@ -110,7 +103,7 @@ const char* processImagePkt(OrvAccess::State& s, const OrvosiBytes& packet) {
 
     unsigned long imageSize = 0;
     const char* problem = nullptr;
-    const uint64_t end = static_cast<uint64_t>(address) + pixels;
+    const uint64_t end = static_cast<uint64_t>(address) + count;
     unsigned char* target = img.buf[img.fill].get();
     if (!lookUpFormat(format, &imageSize, nullptr, nullptr, nullptr, s.lastError)) {
         problem = s.lastError.c_str();
@@ -124,12 +117,12 @@ const char* processImagePkt(OrvAccess::State& s, const OrvosiBytes& packet) {
         OrvUtil::logLine(v, problem);
         s.addErrorCode(kImageErrorCode, seqId);
         img.waiting = true;
-        return nullptr;
+        return;
     }
 
-    const unsigned char* data = r.take(pixels);
-    if (data == nullptr) return nullptr;  // cannot happen: the reader holds exactly `length` bytes
-    std::memcpy(target + address, data, pixels);
+    // A first piece that restarts an image was read in where the next piece
+    // of the old one would have gone: the two places may overlap.
+    if (pixels != target + address) std::memmove(target + address, pixels, count);
     img.received = static_cast<uint32_t>(end);
 
     const uint64_t percent = end * 100 / imageSize;
@@ -141,9 +134,24 @@ const char* processImagePkt(OrvAccess::State& s, const OrvosiBytes& packet) {
         img.complete = img.fill;
         img.completeFormat = format;
         img.fill = 1 - img.fill;
-        return nullptr;
+        return;
     }
     OrvUtil::infoLine(v, "Received image packet, packet sid ", seqId, " (", img.progress, "%)");
+}
+
+// A piece that came in whole. The service loop has checked the framing, so
+// the length word equals the datagram's size; nothing past it is read.
+const char* processImagePkt(OrvAccess::State& s, const OrvosiBytes& packet) {
+    const size_t length = packet.size;
+    if (length < ORVWIRE_IMAGE_OVERHEAD) {
+        // Too short to hold its own header: nothing in it can be trusted.
+        s.img.progress = 0;
+        OrvUtil::logLine(s.cfg.verbosity, "Image packet too short (", length, " bytes)");
+        s.addErrorCode(kImageErrorCode, 0);
+        s.img.waiting = true;
+        return nullptr;
+    }
+    takeImagePiece(s, packet.data, packet.data + ORVWIRE_IMAGE_PIXELS_AT, length - ORVWIRE_IMAGE_OVERHEAD);
     return nullptr;
 }
 

@@ -1,6 +1,9 @@
 // The UDP service loop: drain every open port and dispatch each datagram.
+#include <sys/uio.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "access/State.hpp"
 #include "access/Wire.hpp"
@@ -53,6 +56,58 @@ bool chipOk(const Family& f, const OrvosiBytes& p) {
     const unsigned int length = OrvosiUtil::GetBvPacketLength(p.at(1));
     return p.at(0) == f.startByte && length != 0 && length <= p.reach &&
            OrvosiUtil::checksum(p.data, length < p.size ? length : p.size) == 0;
+}
+
+// Image pieces are read straight into the image being filled: the piece
+// header into a small buffer, the pixels where the next piece belongs (the
+// start of the buffer while no image is under way), whatever does not fit
+// there into the port's slot at its own offset, so that the slot holds the
+// datagram's layout should it have to be put together after all. A piece
+// that passes the framing check with all its pixels in place is taken there;
+// anything else (a failed check, a piece the image has no room for, a dump or
+// log that wants the whole datagram) is put together in the slot and goes
+// the common way, with exactly its outcome. Where a piece lands before its
+// check is never read as image: the buffer being filled is never the one
+// holding a complete image, and only bytes past what the current image has
+// assembled are written. False on a read error; *got says whether a
+// datagram came.
+bool readImagePiece(OrvAccess::State& s, OrvosiUdpClient& endpoint, bool* got) {
+    ImageState& img = s.img;
+    const Family& f = orvwire::kImage;
+    constexpr size_t kHead = ORVWIRE_IMAGE_PIXELS_AT;
+    constexpr size_t kBody = kReceiveBufferSize - kHead;
+    unsigned char head[kHead];
+    unsigned char* slot = s.ahead[orvwire::kImagePort].slot(0);
+    const size_t at = img.waiting ? 0 : img.received;
+    unsigned char* const image = img.buf[img.fill].get();
+    unsigned char* const place = image != nullptr && at <= img.size ? image + at : nullptr;
+    size_t room = place != nullptr ? img.size - at : 0;
+    if (room > kBody) room = kBody;
+    const iovec pieces[3] = {{head, kHead}, {place, room}, {slot + kHead + room, kBody - room}};
+    size_t n = 0;
+    *got = false;
+    if (!endpoint.readScattered(pieces, 3, &n)) return false;
+    if (n == 0) return true;
+    *got = true;
+
+    const unsigned int verbosity = s.cfg.verbosity;
+    const size_t body = n > kHead ? n - kHead : 0;
+    const size_t inPlace = body < room ? body : room;
+    const bool whole = (verbosity & f.dumpBit) != 0 || (s.cfg.logging & f.logChannel) != 0;
+    if (!whole && n >= ORVWIRE_IMAGE_OVERHEAD && n - ORVWIRE_IMAGE_OVERHEAD <= room) {
+        const unsigned sum = OrvosiUtil::checksum(head, kHead) + OrvosiUtil::checksum(place, inPlace) +
+                             OrvosiUtil::checksum(slot + kHead + room, body - inPlace);
+        if (head[0] == f.startByte && OrvosiUtil::word16(head + 1) == n && (sum & 0xFFu) == 0) {
+            OrvUtil::infoLine(verbosity, f.infoText, n);
+            orvwire::takeImagePiece(s, head, place, n - ORVWIRE_IMAGE_OVERHEAD);
+            s.receivedMask |= f.receivedBit;
+            return true;
+        }
+    }
+    std::memcpy(slot, head, n < kHead ? n : kHead);
+    if (inPlace > 0) std::memcpy(slot + kHead, place, inPlace);
+    orvwire::handle(s, f, OrvosiBytes{slot, n, kReceiveBufferSize});
+    return true;
 }
 
 }  // namespace
@@ -143,11 +198,15 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     // it always did (a batch read costs one more attempt in the kernel,
     // whatever its size), a burst goes by batches from its second datagram on.
     size_t batch[orvwire::kPortCount] = {1, 1, 1, 1, 1};
+    bool imageBusy = false;  // the image port's last read brought a piece
+    // Datagrams read ahead and not yet handed on, over all endpoints; a read
+    // error may have left some from an earlier call.
+    size_t held = 0;
+    for (size_t i = 0; i < count; ++i) held += s.ahead[ids[i]].count - s.ahead[ids[i]].next;
     bool ok = true;
     for (bool dispatched = true; dispatched && ok;) {
         dispatched = false;
-        bool holding = false;
-        for (size_t i = 0; i < count; ++i) holding = holding || !s.ahead[ids[i]].empty();
+        const bool holding = held > 0;
         bool readyNow[orvwire::kPortCount] = {};
         int ready = 0;
         if (!holding) {
@@ -156,6 +215,20 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
             if (ready == 0) break;
         }
         for (size_t i = 0; i < count; ++i) {
+            if (ids[i] == orvwire::kImagePort) {
+                // Read at its turn, one piece a pass, never ahead (where a
+                // piece goes depends on the pieces before it): in every pass
+                // while it yields pieces, else when the ready set names it.
+                if (holding ? !imageBusy : (ready > 0 && !readyNow[i])) continue;
+                if (!readImagePiece(s, s.image, &imageBusy)) {
+                    s.lastError = kEndpoints[ids[i]].readErrorLabel;
+                    s.lastError += s.image.getLastError();
+                    ok = false;
+                    break;
+                }
+                dispatched = dispatched || imageBusy;
+                continue;
+            }
             ReadAhead& ahead = s.ahead[ids[i]];
             if (ahead.empty()) {
                 if (holding || (ready > 0 && !readyNow[i])) continue;
@@ -180,10 +253,12 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
                     ok = false;
                     break;
                 }
+                held += ahead.count;
                 if (ahead.empty()) continue;
             }
             const unsigned char* data = ahead.slot(ahead.next);
             const size_t n = ahead.sizes[ahead.next++];
+            --held;
             if (n == 0) continue;
             const Family* family = findFamily(static_cast<Port>(ids[i]), data[0]);
             if (family == nullptr) continue;  // dropped unseen, and not counted
@@ -233,7 +308,8 @@ void OrvAccess::State::prepareReadAhead() {
     for (int p = 0; p < orvwire::kPortCount; ++p) {
         ahead[p].clear();
         if (!(this->*(kEndpoints[p].open))) continue;
-        ahead[p].reserve();
+        // The image port reads one piece at a time and needs one slot only.
+        ahead[p].reserve(p == orvwire::kImagePort ? 1 : ReadAhead::kSlots);
         fds[openPortCount] = (this->*(kEndpoints[p].endpoint)).descriptor();
         openPorts[openPortCount++] = static_cast<unsigned char>(p);
     }

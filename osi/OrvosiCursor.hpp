@@ -100,46 +100,44 @@ public:
     }
     // n singles into out; those past the reach are zero (and fail the cursor).
     void f32s(float* out, size_t n) {
-        if (const unsigned char* p = real(4 * n)) {
+        if (pos_ + 4 * n <= size_) {
+            const unsigned char* p = data_ + pos_;
+            pos_ += 4 * n;
             for (size_t i = 0; i < n; ++i) out[i] = OrvosiUtil::float32(p + 4 * i);
             return;
         }
-        f32sPadded(out, n);
+        for (size_t i = 0; i < n; ++i) out[i] = f32();
     }
 
 private:
-    // The rare paths stay out of line, so that the common one inlines into
-    // the parsers whole.
-    [[gnu::noinline, gnu::cold]] void f32sPadded(float* out, size_t n) {
-        for (size_t i = 0; i < n; ++i) out[i] = f32();
-    }
     bool fail() {
         ok_ = false;
         return false;
     }
-    // The next n real bytes in place, or null (the cursor unmoved) when some
-    // of them lie past the packet's end. pos_ never passes reach_, a
-    // buffer's size, so the sum cannot wrap.
-    const unsigned char* real(size_t n) {
-        if (pos_ + n > size_) return nullptr;
-        const unsigned char* p = data_ + pos_;
-        pos_ += n;
-        return p;
-    }
     // The next n bytes (at most 8): in place while they are real, else the
-    // real part followed by zeros in scratch; null past the reach.
+    // real part followed by zeros in scratch; null (and failed) past the
+    // reach. pos_ never passes reach_, a buffer's size, so the sum cannot wrap.
     const unsigned char* next(size_t n, unsigned char* scratch) {
-        if (const unsigned char* p = real(n)) return p;
-        return padded(n, scratch);
-    }
-    [[gnu::noinline, gnu::cold]] const unsigned char* padded(size_t n, unsigned char* scratch) {
-        if (!has(n)) {
+        if (pos_ + n <= size_) {
+            const unsigned char* p = data_ + pos_;
+            pos_ += n;
+            return p;
+        }
+        if (!padded(data_, size_, reach_, pos_, n, scratch)) {
             fail();
             return nullptr;
         }
-        for (size_t i = 0; i < n; ++i) scratch[i] = pos_ + i < size_ ? data_[pos_ + i] : 0;
         pos_ += n;
         return scratch;
+    }
+    // The rare path stays out of line and takes the cursor's state by value,
+    // so that the cursor never leaves the registers of the parser it is
+    // inlined into. False when the n bytes run past the reach.
+    [[gnu::noinline, gnu::cold]] static bool padded(const unsigned char* data, size_t size, size_t reach,
+                                                    size_t pos, size_t n, unsigned char* scratch) {
+        if (n > reach - pos) return false;
+        for (size_t i = 0; i < n; ++i) scratch[i] = pos + i < size ? data[pos + i] : 0;
+        return true;
     }
 
     const unsigned char* data_;

@@ -152,6 +152,16 @@ bool OrvosiUdpClient::readMany(unsigned char* base, size_t stride, size_t count,
     return true;
 }
 
+bool OrvosiUdpClient::readScattered(const iovec* pieces, size_t count, size_t* received) {
+    msghdr message{};
+    message.msg_iov = const_cast<iovec*>(pieces);
+    message.msg_iovlen = count;
+    const ssize_t n = recvmsg(fd_, &message, 0);
+    *received = n > 0 ? static_cast<size_t>(n) : 0;
+    if (n >= 0 || errno == EAGAIN || errno == EWOULDBLOCK) return true;
+    return OrvosiUtil::failWithSystemText(lastError_, "Read failed...");
+}
+
 bool OrvosiUdpClient::flush() {
     return orvosiDrainSocket(fd_, lastError_,
                              [this](char* buf, size_t cap, int* n) { return read(buf, cap, n); });

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/uio.h>
 
 #include <cstddef>
 #include <string>
@@ -28,6 +29,10 @@ public:
     // real socket error (datagrams read before it are reported by the call).
     static constexpr size_t kMaxBatch = 64;
     bool readMany(unsigned char* base, size_t stride, size_t count, size_t* sizes, size_t* received);
+    // At most one datagram, laid out over `count` buffers in turn, so that a
+    // caller can put a header and a body in different places. True with
+    // *received 0 means nothing is waiting; false is a real socket error.
+    bool readScattered(const iovec* pieces, size_t count, size_t* received);
     // Discards every datagram already queued.
     bool flush();
     int close();

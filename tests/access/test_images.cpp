@@ -218,6 +218,64 @@ TEST_F(Images, TheNewestCompleteImageWaitsWhileTheNextFillsWithoutAllocating) {
     access.close();  // while the fake still answers
 }
 
+// Pieces are read straight into the image being filled: a piece that fails
+// its check there, one that runs past the buffer, and a first piece that
+// restarts an image must leave every image exactly as if they had been read
+// aside, and the piece itself reported as ever.
+TEST_F(Images, PiecesReadInPlaceThatFailLeaveTheImagesAlone) {
+    openImages("[Memory]\nimgBufSize = 307200\n");
+    const Bytes a = randomBytes(kSize10, 11), b = randomBytes(kSize10, 12);
+    Bytes out(kSize10);
+    const auto bad = [](Bytes p, size_t at, unsigned char value) {
+        p[at] = value;
+        return p;
+    };
+    // Warm-up: the first refusal stores its reason, the first code grows its queue.
+    send(kImage, bad(piece(1, 10, a, 0, 10), 0, 8));
+    EXPECT_EQ(received(), 0u);
+    EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_IMAGE_PKT, 0}}));
+
+    // Image 2 restarts one under way: it is read in at 1000 and belongs at 0.
+    send(kImage, piece(1, 10, a, 0, 1000));
+    EXPECT_EQ(received(), 0x4u);
+    // Each piece is preceded by two that land where it goes, and are refused.
+    std::vector<Bytes> pieces;
+    for (size_t at = 0; at < kSize10; at += kStep) {
+        const Bytes good = piece(2, 10, b, at, std::min(kStep, kSize10 - at));
+        pieces.push_back(bad(good, good.size() / 2, static_cast<unsigned char>(good[good.size() / 2] ^ 0x5A)));
+        pieces.push_back(bad(good, 1, static_cast<unsigned char>(good[1] + 1)));
+        pieces.push_back(good);
+    }
+    EXPECT_EQ(orvtest::allocationsDuring([&] {
+                  for (size_t i = 0; i < pieces.size(); ++i) {
+                      send(kImage, pieces[i]);
+                      if (i % 3 == 2) received();
+                  }
+              }),
+              0);
+    EXPECT_EQ(errorCodes(), Codes(pieces.size() / 3 * 2, {ORVACCESS_ERR_BAD_IMAGE_PKT, 0}));
+
+    // Image 3 fails while 2 waits: a piece that runs past the buffer (its
+    // bytes beyond it are never written) and a bad one at the start.
+    sendRange(3, 10, a, 0, 300000);
+    const Bytes beyond = randomBytes(360000, 13);
+    send(kImage, piece(3, 10, beyond, 300000, 60000));
+    send(kImage, bad(piece(4, 10, a, 0, 60000), 200, 0));
+    EXPECT_EQ(fetch(out, 10), (Fetched{false, 0, 0, 0}));
+    EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_IMAGE_TRANSFER, 3}, {ORVACCESS_ERR_BAD_IMAGE_PKT, 0}}));
+    expectImage(2, 10, b);
+
+    // With the image dump on, pieces come whole and assemble all the same.
+    access.setVerbosity(ORVACCESS_VERB_DUMP_IMAGE);
+    orvtest::CapturedStdout dump;
+    send(kImage, piece(5, 10, a, 0, 7200));
+    sendRange(5, 10, a, 7200, kSize10);
+    access.setVerbosity(0);
+    expectImage(5, 10, a);
+    const std::string dumped = dump.text();
+    EXPECT_EQ(dumped.rfind("ORVAIMG: 07 2C 1C 05 00 00 00 0A 00 00 00 ", 0), 0u) << dumped.substr(0, 80);
+}
+
 TEST_F(Images, PublishedImagesArriveThroughCppAndC) {
     const size_t size = 3686400;
     OrvosiSharedMem mem(region.c_str(), static_cast<unsigned int>(kHeader + size));

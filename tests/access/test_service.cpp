@@ -116,17 +116,20 @@ TEST_F(Service, OneCallDrainsEveryPortRoundRobinAndDumpsBeforeTheCheck) {
     EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_META_PKT, 0}}));
 }
 
-// More datagrams than one read takes, on three ports at once: one per port
-// per pass, in the fixed order, as if every pass read every socket.
+// More datagrams than one read takes, on four ports at once: one per port
+// per pass, in the fixed order, as if every pass read every socket. The
+// image port, read one piece at a time, keeps its turn too.
 TEST_F(Service, DatagramsBeyondOneBatchKeepTheRoundRobinOrder) {
     std::string want;
     for (size_t k = 0; k < 40; ++k) {
         if (k < 21) send(kMeta, frame(ORVWIRE_START_META, 100 + k));
+        if (k < 25) send(kImage, frame(ORVWIRE_START_IMAGE, 20 + k));
         send(kCore, frame(ORVWIRE_START_TRACKING, 400 + k));
         if (k < 3) send(kHub, frame(ORVWIRE_START_HUB_DATA, 200 + k));
     }
     for (size_t k = 0; k < 40; ++k) {
         if (k < 21) want += "ORVAINFO: Received orvRx meta packet, size " + std::to_string(100 + k) + "\n";
+        if (k < 25) want += "ORVAINFO: Received image packet, size " + std::to_string(20 + k) + "\n";
         want += "ORVAINFO: Received orvCore packet, size " + std::to_string(400 + k) + "\n";
         if (k < 3) want += "ORVAINFO: Received orvHub packet, size " + std::to_string(200 + k) + "\n";
     }

@@ -62,6 +62,16 @@ TEST(Codec, EncodersKeepFloatBitsClearWidthsTruncateAndChecksumIsAPlainSum) {
     const Bytes pair = {0xFF, 0x01}, big(1000, 0x81);  // the long one wraps many times
     EXPECT_EQ(U::checksum(nullptr, 0) + U::checksum(pair.data(), 2), 0);
     EXPECT_EQ(U::checksum(big.data(), big.size()), static_cast<unsigned char>(1000 * 0x81));
+    // Every length and alignment around the lanes and the words they fold
+    // into, of bytes near 0xFF where a carry between fields would show.
+    Bytes noise(300);
+    for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<unsigned char>(0xFF - (i * 37 % 11));
+    for (size_t at = 0; at < 8; ++at)
+        for (size_t n = 0; at + n <= noise.size(); ++n) {
+            unsigned char plain = 0;
+            for (size_t i = at; i < at + n; ++i) plain = static_cast<unsigned char>(plain + noise[i]);
+            ASSERT_EQ(U::checksum(noise.data() + at, n), plain) << at << " " << n;
+        }
 }
 
 TEST(Cursor, ReaderAndWriterStayInsideTheirBuffers) {
