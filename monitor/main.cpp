@@ -223,7 +223,10 @@ int main(int argc, char** argv) {
                 monitor.writeLine(std::cout);
                 std::cout.flush();
             }
-            sleepUs(500);
+            // Wakes for the next datagram, so that a pose's age is taken
+            // when it arrives; at least every millisecond for the rest.
+            bool ready = false;
+            if (!access.waitUdp(1, &ready)) sleepUs(500);
         }
     } catch (const std::exception& e) {
         if (view) view->close();

@@ -259,9 +259,14 @@ struct PoseIterator {
             if (!pose.is_none()) return pose;
             const Clock::time_point now = Clock::now();
             if (end && now >= *end) throw py::stop_iteration();
-            {
+            // Sleeps in the library until the next datagram, so that a pose
+            // is handed on as it arrives; a plain sleep where it cannot wait.
+            const Clock::duration wait = end ? std::min<Clock::duration>(poll, *end - now) : poll;
+            const auto ms = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
+            bool ready = false;
+            if (!locked(a, [&](OrvAccess& o) { return o.waitUdp(static_cast<int>(ms), &ready); })) {
                 py::gil_scoped_release nogil;
-                std::this_thread::sleep_for(end ? std::min<Clock::duration>(poll, *end - now) : poll);
+                std::this_thread::sleep_for(wait);
             }
             // Ctrl-C reaches a script that waits here.
             if (PyErr_CheckSignals() != 0) throw py::error_already_set();
@@ -532,8 +537,8 @@ void bindAccess(py::module_& m) {
             return it;
         },
         py::arg("duration_s") = py::none(), py::arg("poll_s") = 0.001,
-        "Every pose the tracker sends (TrkDataExt, orvCore's and the NFT source's), oldest first, waiting "
-        "poll_s between looks; for duration_s seconds, or without end.");
+        "Every pose the tracker sends (TrkDataExt, orvCore's and the NFT source's), oldest first, each as it "
+        "arrives (looking again at least every poll_s); for duration_s seconds, or without end.");
     bindQueue<OrvAccess::s_TgtResData>(
         cls, "get_target_res_data", "drain_target_res_data",
         [](OrvAccess& o, bool* v, OrvAccess::s_TgtResData* r) { return o.getTargetResData(v, r); },
