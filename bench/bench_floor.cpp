@@ -409,36 +409,20 @@ void latencyRows(Library& lib, RawSockets& raw, uint32_t base, Figures& fig) {
         lib.drain();
         finish(us, fig.latLib50, fig.latLib99, "library");
     }
-    {
-        Paced paced(base);
-        std::vector<double> us;
-        us.reserve(kLatencySamples);
-        std::thread sender([&] { paced.run(raw.port[orvtest::kCore]); });
-        unsigned char buf[2048];
-        uint32_t last = base;
-        for (const uint64_t deadline = nowNs() + window; last < end && nowNs() < deadline;) {
-            const ssize_t n = recvfrom(raw.fd[orvtest::kCore], buf, sizeof buf, 0, nullptr, nullptr);
-            if (n < 7) continue;
-            const uint64_t now = nowNs(), sent = paced.stamp(OrvosiUtil::word32(buf + 3));
-            if (sent == 0) continue;
-            last = OrvosiUtil::word32(buf + 3);
-            us.push_back(static_cast<double>(now - sent) / 1000);
-        }
-        sender.join();
-        finish(us, fig.latFloor50, fig.latFloor99, "floor");
-    }
-    {
-        // The same floor through a ready set of the five sockets, as the
-        // library waits: what readiness by epoll costs on its own.
-        Paced paced(base + kLatencySamples);
+    // The floor: plain reads of the orvCore socket, spinning; with a ready
+    // set, each read only after epoll_wait on the five sockets names one, as
+    // the library waits: what readiness by epoll costs on its own.
+    const auto floor = [&](uint32_t first, bool throughReadySet, std::vector<double>& p50,
+                           std::vector<double>& p99, const char* who) {
+        Paced paced(first);
         std::vector<double> us;
         us.reserve(kLatencySamples);
         std::thread sender([&] { paced.run(raw.port[orvtest::kCore]); });
         unsigned char buf[2048];
         epoll_event events[5];
-        uint32_t last = base + kLatencySamples;
-        for (const uint64_t deadline = nowNs() + window; last < end + kLatencySamples && nowNs() < deadline;) {
-            if (epoll_wait(raw.epoll, events, 5, 0) <= 0) continue;
+        uint32_t last = first;
+        for (const uint64_t deadline = nowNs() + window; last < first + kLatencySamples && nowNs() < deadline;) {
+            if (throughReadySet && epoll_wait(raw.epoll, events, 5, 0) <= 0) continue;
             const ssize_t n = recvfrom(raw.fd[orvtest::kCore], buf, sizeof buf, 0, nullptr, nullptr);
             if (n < 7) continue;
             const uint64_t now = nowNs(), sent = paced.stamp(OrvosiUtil::word32(buf + 3));
@@ -447,8 +431,10 @@ void latencyRows(Library& lib, RawSockets& raw, uint32_t base, Figures& fig) {
             us.push_back(static_cast<double>(now - sent) / 1000);
         }
         sender.join();
-        finish(us, fig.latEpoll50, fig.latEpoll99, "epoll floor");
-    }
+        finish(us, p50, p99, who);
+    };
+    floor(base, false, fig.latFloor50, fig.latFloor99, "floor");
+    floor(base + kLatencySamples, true, fig.latEpoll50, fig.latEpoll99, "epoll floor");
 }
 
 // The image: 60 pieces waiting, received and copied out by getImage; the
@@ -571,7 +557,13 @@ void printTable(const Figures& f, int rounds, const InstructionCounter& counter)
 
 int main(int argc, char** argv) {
     const bool instructionsOnly = argc > 1 && std::strcmp(argv[1], "--instructions") == 0;
-    const int rounds = !instructionsOnly && argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
+    const int rounds = argc == 2 && !instructionsOnly ? std::atoi(argv[1]) : 5;
+    if (argc > 2 || rounds < 1) {
+        std::fprintf(stderr,
+                     "usage: orvfloor [ROUNDS]      the receive path against the floor, ROUNDS (5) rounds\n"
+                     "       orvfloor --instructions  each counted workload once, for callgrind\n");
+        return 2;
+    }
 
     Library fresh, lib;
     RawSockets raw;
