@@ -155,6 +155,13 @@ struct OrvAccess::State {
     void closeEndpoints();
     // Empties the read-ahead slots, and makes room for those of the open receivers.
     void prepareReadAhead();
+    // Datagrams read ahead and not yet handed on, over the open receivers; a
+    // read error may leave some from an earlier call.
+    size_t heldDatagrams() const {
+        size_t held = 0;
+        for (size_t i = 0; i < openPortCount; ++i) held += ahead[openPorts[i]].count - ahead[openPorts[i]].next;
+        return held;
+    }
     // Empties every record queue and the error-code queue.
     void clearQueues();
     // Queues one error code and raises the new-error flag of the status.

@@ -199,10 +199,7 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     // whatever its size), a burst goes by batches from its second datagram on.
     size_t batch[orvwire::kPortCount] = {1, 1, 1, 1, 1};
     bool imageBusy = false;  // the image port's last read brought a piece
-    // Datagrams read ahead and not yet handed on, over all endpoints; a read
-    // error may have left some from an earlier call.
-    size_t held = 0;
-    for (size_t i = 0; i < count; ++i) held += s.ahead[ids[i]].count - s.ahead[ids[i]].next;
+    size_t held = s.heldDatagrams();
     bool ok = true;
     for (bool dispatched = true; dispatched && ok;) {
         dispatched = false;
@@ -286,11 +283,10 @@ bool OrvAccess::waitUdp(int timeoutMs, bool* ready) {
         s.fail("Unable to wait for UDP: No receiving port open", true);
         return false;
     }
-    for (size_t i = 0; i < s.openPortCount; ++i)
-        if (!s.ahead[s.openPorts[i]].empty()) {
-            *ready = true;
-            return true;
-        }
+    if (s.heldDatagrams() > 0) {
+        *ready = true;
+        return true;
+    }
     // Without the set (it could not be made at open) this fails with the reason.
     bool readyNow[orvwire::kPortCount] = {};
     const int n = s.readySet.wait(readyNow, timeoutMs);
