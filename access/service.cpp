@@ -94,15 +94,16 @@ bool readImagePiece(OrvAccess::State& s, OrvosiUdpClient& endpoint, bool* got) {
     const size_t body = n > kHead ? n - kHead : 0;
     const size_t inPlace = body < room ? body : room;
     const bool whole = (verbosity & f.dumpBit) != 0 || (s.cfg.logging & f.logChannel) != 0;
-    if (!whole && n >= ORVWIRE_IMAGE_OVERHEAD && n - ORVWIRE_IMAGE_OVERHEAD <= room) {
-        const unsigned sum = OrvosiUtil::checksum(head, kHead) + OrvosiUtil::checksum(place, inPlace) +
-                             OrvosiUtil::checksum(slot + kHead + room, body - inPlace);
-        if (head[0] == f.startByte && OrvosiUtil::word16(head + 1) == n && (sum & 0xFFu) == 0) {
-            OrvUtil::infoLine(verbosity, f.infoText, n);
-            orvwire::takeImagePiece(s, head, place, n - ORVWIRE_IMAGE_OVERHEAD);
-            s.receivedMask |= f.receivedBit;
-            return true;
-        }
+    const auto sum = [&] {
+        return OrvosiUtil::checksum(head, kHead) + OrvosiUtil::checksum(place, inPlace) +
+               OrvosiUtil::checksum(slot + kHead + room, body - inPlace);
+    };
+    if (!whole && n >= ORVWIRE_IMAGE_OVERHEAD && n - ORVWIRE_IMAGE_OVERHEAD <= room &&
+        OrvUtil::framingOk(head[0], OrvosiUtil::word16(head + 1), n, f.startByte, sum)) {
+        OrvUtil::infoLine(verbosity, f.infoText, n);
+        orvwire::takeImagePiece(s, head, place, n - ORVWIRE_IMAGE_OVERHEAD);
+        s.receivedMask |= f.receivedBit;
+        return true;
     }
     std::memcpy(slot, head, n < kHead ? n : kHead);
     if (inPlace > 0) std::memcpy(slot + kHead, place, inPlace);

@@ -210,20 +210,8 @@ bool OrvUtil::udpPktOk(const unsigned char* buf, unsigned long len, unsigned cha
 }
 
 bool OrvUtil::udpPktOk(const OrvosiBytes& packet, unsigned long len, unsigned char startByte) {
-    if (len >= 1 && packet.at(0) != startByte) {
-        setLastError("Wrong start byte");
-        return false;
-    }
-    // Fewer than three bytes cannot hold the length word, let alone a body.
-    if (len < 3 || static_cast<unsigned long>(packet.at(1) | packet.at(2) << 8) != len) {
-        setLastError("Invalid size");
-        return false;
-    }
-    if (OrvosiUtil::checksum(packet.data, len < packet.size ? len : packet.size) != 0) {
-        setLastError("Invalid checksum");
-        return false;
-    }
-    return true;
+    return framingOk(packet.at(0), static_cast<unsigned long>(packet.at(1) | packet.at(2) << 8), len, startByte,
+                     [&] { return OrvosiUtil::checksum(packet.data, len < packet.size ? len : packet.size); });
 }
 
 // ---- packet-check error text ---------------------------------------------------

@@ -75,6 +75,28 @@ public:
     // past its real bytes are zeros (a subpacket whose length field runs past
     // the end of its datagram): they count, as zeros, towards the sum.
     static bool udpPktOk(const OrvosiBytes& packet, unsigned long len, unsigned char startByte);
+    // The rules of both, on a packet's parts: its first byte, its length
+    // word, its size, and sum(), the sum of its bytes (only the low 8 bits
+    // count), asked last so that a packet refused for its start byte or size
+    // costs no sum. For a packet that does not lie in one piece of memory.
+    template <typename Sum>
+    static bool framingOk(unsigned char first, unsigned long lengthWord, unsigned long len, unsigned char startByte,
+                          Sum sum) {
+        if (len >= 1 && first != startByte) {
+            setLastError("Wrong start byte");
+            return false;
+        }
+        // Fewer than three bytes cannot hold the length word, let alone a body.
+        if (len < 3 || lengthWord != len) {
+            setLastError("Invalid size");
+            return false;
+        }
+        if ((sum() & 0xFFu) != 0) {
+            setLastError("Invalid checksum");
+            return false;
+        }
+        return true;
+    }
 
     // ---- pose helpers on the float arrays of the public records ----
     // Each widens to double, calls the OrvosiMath routine and narrows back.
