@@ -180,10 +180,7 @@ int OrvAccess_getStatus(OrvAccess* handle, s_OrvAccessStatus* st) {
 }
 
 int OrvAccess_waitUdp(OrvAccess* handle, int timeoutMs, int* ready) {
-    bool r = false;
-    const int ok = status([&] { return handle->waitUdp(timeoutMs, &r); });
-    *ready = r ? 1 : 0;
-    return ok;
+    return delivering(ready, [&](bool* flag) { return handle->waitUdp(timeoutMs, flag); });
 }
 
 // ---- errors ---------------------------------------------------------------------
