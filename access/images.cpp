@@ -35,6 +35,15 @@ void setTooSmall(std::string& error, unsigned long size) {
     error.assign(text);
 }
 
+// "Image format 31 (2621440 bytes) is larger than the image buffer
+// (imgBufSize 307200)": the complete image cannot be copied out by it.
+void setLargerThanBuffer(std::string& error, unsigned char code, unsigned long size, uint32_t bufferSize) {
+    char text[128];
+    std::snprintf(text, sizeof text, "Image format %u (%lu bytes) is larger than the image buffer (imgBufSize %u)",
+                  static_cast<unsigned int>(code), size, static_cast<unsigned int>(bufferSize));
+    error.assign(text);
+}
+
 // The one format table (OrvosiUtil::GetImageResolution) with the fallback
 // geometry 640 x 480 x 1 for an illegal code, which also sets the last error.
 bool lookUpFormat(int code, unsigned long* size, int* width, int* height, int* bytesPerPixel,
@@ -132,7 +141,6 @@ void takeImagePiece(OrvAccess::State& s, const unsigned char* header, const unsi
         img.waiting = true;
         img.progress = 0;
         img.complete = img.fill;
-        img.completeFormat = format;
         img.fill = 1 - img.fill;
         return;
     }
@@ -169,18 +177,27 @@ bool OrvAccess::getImage(int* percent, ImageFormat* format, unsigned int* sequen
     }
 
     // UDP first: the newest complete image, kept until it fits the caller.
+    // It goes out by the current format (that of the last piece seen), which
+    // a piece of the next image may have changed since it completed.
     if (img.complete >= 0) {
         unsigned long size = 0;
-        if (!lookUpFormat(img.completeFormat, &size, nullptr, nullptr, nullptr, s.lastError)) return false;
+        if (!lookUpFormat(img.format, &size, nullptr, nullptr, nullptr, s.lastError)) return false;
         if (size > capacity) {
             setTooSmall(s.lastError, size);
             return false;
         }
+        // Only a buffer that was allocated can have completed an image.
         const unsigned char* held = img.buf[img.complete].get();
-        if (held == nullptr || size > img.size) return false;  // completion rules both out
+        if (size > img.size) {
+            // Copying that many bytes would read past the buffer that holds
+            // the image; it stays waiting for a piece that sets a format
+            // that fits.
+            setLargerThanBuffer(s.lastError, img.format, size, img.size);
+            return false;
+        }
         OrvUtil::infoLine(v, "Received image via UDP");
         *percent = 100;
-        storeFormat(format, img.completeFormat);
+        storeFormat(format, img.format);
         *sequenceId = img.seqId[img.complete];
         std::memcpy(buffer, held, size);
         img.complete = -1;
