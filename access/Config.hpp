@@ -41,7 +41,21 @@ struct OrvAccessConfig {
     uint32_t trackingQueueSize = 10000;
     uint32_t gpsQueueSize = 10000;
     uint32_t errorCodeQueueSize = 10000;
+    // Extensions, read after the keys above; absent, the library behaves as
+    // it always did.
+    // Communication: the only senders whose datagrams the receivers take
+    // (IPv4 addresses or networks, separated by commas or blanks); empty
+    // takes every sender.
+    std::string udpAllowedSenders;
+    // Communication: the permissions, octal, that a producer built on the
+    // library creates the shared-memory image and its semaphore with (the
+    // process's umask narrows them further).
+    std::string sMemImgMode = "0666";
 };
+
+// The permission bits of a mode text such as "0600" (octal, at most 0777);
+// false for anything else.
+bool parseFileMode(const std::string& text, unsigned int& mode);
 
 // Reads the file at path into cfg: keys that are missing or malformed, and
 // every key of a missing or unreadable file, take their defaults. With echo,

@@ -8,6 +8,7 @@
 #include <SimpleIni.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "access/Config.hpp"
 #include "access/State.hpp"
@@ -119,8 +120,16 @@ bool readConfig(const std::string& path, OrvAccessConfig& c, bool echo) {
     c.tipOffsetM[0] = r.real("Processing", "TipOffsetXM", defaults.tipOffsetM[0]);
     c.tipOffsetM[1] = r.real("Processing", "TipOffsetYM", defaults.tipOffsetM[1]);
     c.tipOffsetM[2] = r.real("Processing", "TipOffsetZM", defaults.tipOffsetM[2]);
+    c.udpAllowedSenders = r.text("Communication", "udpAllowedSenders", defaults.udpAllowedSenders);
+    c.sMemImgMode = r.text("Communication", "sMemImgMode", defaults.sMemImgMode);
 
     return loaded;
+}
+
+bool parseFileMode(const std::string& text, unsigned int& mode) {
+    if (text.empty() || text.size() > 4 || text.find_first_not_of("01234567") != std::string::npos) return false;
+    mode = static_cast<unsigned int>(std::strtoul(text.c_str(), nullptr, 8));
+    return mode <= 0777;
 }
 
 void OrvAccess::init() {
@@ -150,6 +159,7 @@ void OrvAccess::init() {
     imuCrsBufReset(&s.imuCrs[1]);
     s.imuDt = 0.0f;
     s.receivedMask = 0;
+    for (uint64_t& n : s.senderDrops) n = 0;
     s.newError = 0;
     s.diagWord = 0;
     s.rxState = 0;
