@@ -126,12 +126,6 @@ bool readConfig(const std::string& path, OrvAccessConfig& c, bool echo) {
     return loaded;
 }
 
-bool parseFileMode(const std::string& text, unsigned int& mode) {
-    if (text.empty() || text.size() > 4 || text.find_first_not_of("01234567") != std::string::npos) return false;
-    mode = static_cast<unsigned int>(std::strtoul(text.c_str(), nullptr, 8));
-    return mode <= 0777;
-}
-
 void OrvAccess::init() {
     State& s = *st_;
     const OrvAccessConfig& c = s.cfg;

@@ -321,7 +321,8 @@ bool OrvAccess::getSenderDrops(s_OrvAccessSenderDrops* drops) {
     if (drops == nullptr) return false;
     const uint64_t* n = st_->senderDrops;
     *drops = s_OrvAccessSenderDrops{n[orvwire::kMetaPort], n[orvwire::kImagePort], n[orvwire::kCorePort],
-                                    n[orvwire::kHubPort], n[orvwire::kNftPort]};
+                                    n[orvwire::kHubPort], n[orvwire::kNftPort],
+                                    static_cast<uint32_t>(st_->senders.size())};
     return true;
 }
 

@@ -119,6 +119,8 @@ typedef struct s_OrvAccessSenderDrops {
     uint64_t core;  /* on the orvCore port ("udpOrvCorePort") */
     uint64_t hub;   /* on the orvHub port ("udpOrvHubPort") */
     uint64_t nft;   /* on the NFT port ("udpNftPort") */
+    uint32_t entries; /* addresses and networks in the list in force; 0: every
+                       * sender is taken */
 } s_OrvAccessSenderDrops;
 
 /* One queued error code; the high byte of code names its origin
