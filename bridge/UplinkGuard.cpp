@@ -39,7 +39,7 @@ const char* uplinkRefusal(const orv_msgs_msg_dds__GpsData_& g) {
 
 bool RateLimit::take(uint64_t nowUs) {
     if (started_ && nowUs > lastUs_) {
-        tokens_ += static_cast<double>(nowUs - lastUs_) * 1e-6 * ratePerS_;
+        tokens_ += static_cast<double>(nowUs - lastUs_) * ratePerS_ / 1e6;
         if (tokens_ > burst_) tokens_ = burst_;
     }
     // A clock that steps back refills nothing.
