@@ -44,7 +44,8 @@ public:
             at = end;
             if (count_ == kMaxEntries) {
                 count_ = 0;
-                error = "more than " + std::to_string(kMaxEntries) + " entries; name a network (a.b.c.0/24) instead";
+                error = "more than " + std::to_string(kMaxEntries) +
+                        " entries; name a network (a.b.c.0/24) instead";
                 return false;
             }
             if (!parseEntry(entry, net_[count_], mask_[count_])) {
@@ -65,7 +66,8 @@ private:
         unsigned long bits = 32;
         if (slash != std::string::npos) {
             const std::string b = entry.substr(slash + 1);
-            if (b.empty() || b.size() > 2 || b.find_first_not_of("0123456789") != std::string::npos) return false;
+            if (b.empty() || b.size() > 2 || b.find_first_not_of("0123456789") != std::string::npos)
+                return false;
             bits = std::strtoul(b.c_str(), nullptr, 10);
             if (bits > 32) return false;
         }

@@ -28,10 +28,10 @@ const char* uplinkRefusal(const orv_msgs_msg_dds__PlatformPose_& p) {
 const char* uplinkRefusal(const orv_msgs_msg_dds__GpsData_& g) {
     if (!within(g.lat, kMaxLatDeg)) return "the latitude is not a finite number within +-90 degrees";
     if (!within(g.lon, kMaxLonDeg)) return "the longitude is not a finite number within +-180 degrees";
-    for (const double v : {static_cast<double>(g.gpsValue1), static_cast<double>(g.gpsValue2),
-                           static_cast<double>(g.gpsValue3), g.gpsDouble1, g.gpsDouble2,
-                           static_cast<double>(g.gpsValue4), static_cast<double>(g.gpsValue5),
-                           static_cast<double>(g.gpsValue6)})
+    for (const double v :
+         {static_cast<double>(g.gpsValue1), static_cast<double>(g.gpsValue2),
+          static_cast<double>(g.gpsValue3), g.gpsDouble1, g.gpsDouble2, static_cast<double>(g.gpsValue4),
+          static_cast<double>(g.gpsValue5), static_cast<double>(g.gpsValue6)})
         if (!within(v, kMaxGpsValue)) return "a GPS value is not a finite number within +-1e9";
     if (g.gpsByte2 > kMaxByte) return "gpsByte2 is above 255 and would be cut to its low byte";
     return nullptr;

@@ -68,15 +68,17 @@ public:
             dds_delete_qos(q);
         }
         for (Topic t : kUplink) {
-            const dds_entity_t topic = dds_create_topic(participant_, orvbridge::topicInfo(t).type,
-                                                        orvbridge::topicName(t, "orv").c_str(), nullptr, nullptr);
+            const dds_entity_t topic =
+                dds_create_topic(participant_, orvbridge::topicInfo(t).type,
+                                 orvbridge::topicName(t, "orv").c_str(), nullptr, nullptr);
             dds_qos_t* qos = orvbridge::topicQos(t, true);
             writer_[index(t)] = dds_create_writer(pub, topic, qos, nullptr);
             dds_delete_qos(qos);
         }
         // A reader of the poses, to know when the bridge has been discovered.
-        const dds_entity_t poses = dds_create_topic(participant_, orvbridge::topicInfo(Topic::Pose).type,
-                                                    orvbridge::topicName(Topic::Pose, "orv").c_str(), nullptr, nullptr);
+        const dds_entity_t poses =
+            dds_create_topic(participant_, orvbridge::topicInfo(Topic::Pose).type,
+                             orvbridge::topicName(Topic::Pose, "orv").c_str(), nullptr, nullptr);
         dds_qos_t* qos = orvbridge::topicQos(Topic::Pose, false);
         poseReader_ = dds_create_reader(participant_, poses, qos, nullptr);
         dds_delete_qos(qos);
@@ -121,9 +123,10 @@ protected:
         domain = orvtest::useLoopbackDds((dir.path() / "cyclone.xml").string());
         ASSERT_TRUE(input.bound());
         for (int& p : ports) p = orvtest::freePort();
-        access.setIniPath(dir.write("orvaccess.ini", orvtest::receiverIni(ports, "udpOrvRxInputPort = " +
-                                                                                     std::to_string(input.port()) +
-                                                                                     "\ntcpOrvRxAddr = 127.0.0.1\n")));
+        access.setIniPath(
+            dir.write("orvaccess.ini",
+                      orvtest::receiverIni(ports, "udpOrvRxInputPort = " + std::to_string(input.port()) +
+                                                      "\ntcpOrvRxAddr = 127.0.0.1\n")));
         ASSERT_TRUE(access.open()) << access.getLastError();
         opt.domain = domain;
     }
@@ -199,8 +202,9 @@ TEST_F(Uplink, SamplesWithNumbersOutOfRangeAreRefusedAndCounted) {
     const orv_msgs_msg_dds__PlatformPose_ poses[] = {pose(1, 0.1f), pose(2, nan), pose(3, 0.0f, inf),
                                                      pose(4, 0.0f, 0.0f, 7.0f), pose(5, -3.0f, 1.5f, 6.0f)};
     for (const auto& p : poses) mission.write(Topic::UplinkPlatform, &p);
-    std::vector<orv_msgs_msg_dds__GpsData_> fixes = {gps(1e308, 8.0), gps(47.0, std::nan("")), gps(91.0, 8.0),
-                                                     gps(47.0, 8.0), gps(47.0, -181.0), gps(47.0, 8.0)};
+    std::vector<orv_msgs_msg_dds__GpsData_> fixes = {gps(1e308, 8.0),   gps(47.0, std::nan("")),
+                                                     gps(91.0, 8.0),    gps(47.0, 8.0),
+                                                     gps(47.0, -181.0), gps(47.0, 8.0)};
     fixes[3].gpsValue1 = inf;
     fixes[5].gpsByte2 = 0x1FF;
     fixes.push_back(gps(-90.0, 180.0));
