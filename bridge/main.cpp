@@ -97,18 +97,21 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"body-to-nav", "nav-to-body"}));
     app.add_flag("--reliable", opt.reliable,
                  "streams reliable, keeping all: no sample lost, but a reader that falls behind slows the bridge");
-    app.add_flag("--uplink", opt.uplink,
+    CLI::Option* uplinkFlag = app.add_flag("--uplink", opt.uplink,
                  "read the uplink topics and send their samples up to the tracker (off: anyone on the domain could "
                  "steer its platform input)");
     app.add_option("--uplink-rate", opt.uplinkRatePerS,
                    "most samples a second sent up per uplink topic; more are refused and counted")
         ->capture_default_str()
-        ->check(CLI::Range(1.0, 100000.0));
+        ->check(CLI::Range(1.0, 100000.0))
+        ->needs(uplinkFlag);
     app.add_option("--uplink-burst", opt.uplinkBurst, "most samples sent up at once per uplink topic")
         ->capture_default_str()
-        ->check(CLI::Range(1.0, 100000.0));
+        ->check(CLI::Range(1.0, 100000.0))
+        ->needs(uplinkFlag);
     app.add_option("--uplink-partition", opt.uplinkPartition,
-                   "take uplink samples only from writers in this DDS partition (a filter, not authentication)");
+                   "take uplink samples only from writers in this DDS partition (a filter, not authentication)")
+        ->needs(uplinkFlag);
     app.add_option("--wait-subscribers", waitSubscribers,
                    "take nothing from the library until this many readers subscribe to the poses")
         ->capture_default_str()
