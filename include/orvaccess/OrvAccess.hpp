@@ -117,7 +117,9 @@ public:
     // others still open. With the TCP channel up, streaming is switched off
     // (the next getter switches it on). May block for the TCP connect.
     // @return true when the TCP channel or a receiving UDP port is open; the
-    // uplink sender and the shared memory alone do not count.
+    // uplink sender and the shared memory alone do not count. Also false,
+    // with nothing opened, when the configuration's "udpAllowedSenders" does
+    // not read ("Unable to open: udpAllowedSenders " and the entry).
     bool open();
     // Stops streaming and closes every channel; queues, error codes and the
     // last error stay. Always true.
