@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 
 // The configuration file's values, with their defaults. Ports stay text:
@@ -41,7 +42,26 @@ struct OrvAccessConfig {
     uint32_t trackingQueueSize = 10000;
     uint32_t gpsQueueSize = 10000;
     uint32_t errorCodeQueueSize = 10000;
+    // Extensions, read after the keys above; absent, the library behaves as
+    // it always did.
+    // Communication: the only senders whose datagrams the receivers take
+    // (IPv4 addresses or networks, separated by commas or blanks); empty
+    // takes every sender.
+    std::string udpAllowedSenders;
+    // Communication: the permissions, octal, that a producer built on the
+    // library creates the shared-memory image and its semaphore with (the
+    // process's umask narrows them further).
+    std::string sMemImgMode = "0666";
 };
+
+// The permission bits of a mode text such as "0600" (octal, at most 0777);
+// false for anything else. Inline, so that the tools' configuration check
+// reads it the same way.
+inline bool parseFileMode(const std::string& text, unsigned int& mode) {
+    if (text.empty() || text.size() > 4 || text.find_first_not_of("01234567") != std::string::npos) return false;
+    mode = static_cast<unsigned int>(std::strtoul(text.c_str(), nullptr, 8));
+    return mode <= 0777;
+}
 
 // Reads the file at path into cfg: keys that are missing or malformed, and
 // every key of a missing or unreadable file, take their defaults. With echo,

@@ -11,6 +11,7 @@
 #include "access/ImageState.hpp"
 #include "access/PredictionState.hpp"
 #include "access/RecordQueue.hpp"
+#include "access/SenderFilter.hpp"
 #include "orvaccess/OrvAccess.hpp"
 #include "osi/OrvosiReadySet.hpp"
 #include "osi/OrvosiSharedMem.hpp"
@@ -35,6 +36,7 @@ struct ReadAhead {
     static constexpr size_t kSlots = 16;
     std::unique_ptr<unsigned char[]> storage;
     size_t sizes[kSlots] = {};
+    uint32_t from[kSlots] = {};  // senders, network byte order; filled only while senders are filtered
     size_t count = 0;  // datagrams in the slots
     size_t next = 0;   // the next one to hand out
     size_t reserved = 0;  // slots in the storage
@@ -82,6 +84,12 @@ struct OrvAccess::State {
     bool nftOpen = false;
     std::unique_ptr<OrvosiSharedMem> sharedMem;
     bool sharedMemOk = false;
+
+    // The senders the receivers take datagrams from (off: every sender),
+    // and per receiver, in the loop's order, the datagrams dropped unread
+    // because another sent them; both set at open.
+    SenderFilter senders;
+    uint64_t senderDrops[5] = {};
 
     // Status counters reported and cleared by getStatus().
     uint32_t receivedMask = 0;

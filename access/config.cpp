@@ -8,6 +8,8 @@
 #include <SimpleIni.h>
 
 #include <cstdio>
+#include <utility>
+#include <cstdlib>
 
 #include "access/Config.hpp"
 #include "access/State.hpp"
@@ -119,6 +121,13 @@ bool readConfig(const std::string& path, OrvAccessConfig& c, bool echo) {
     c.tipOffsetM[0] = r.real("Processing", "TipOffsetXM", defaults.tipOffsetM[0]);
     c.tipOffsetM[1] = r.real("Processing", "TipOffsetYM", defaults.tipOffsetM[1]);
     c.tipOffsetM[2] = r.real("Processing", "TipOffsetZM", defaults.tipOffsetM[2]);
+    // The extensions are echoed only when the file has them, so that a
+    // file without them reads and prints as it always did.
+    c.udpAllowedSenders = defaults.udpAllowedSenders;
+    c.sMemImgMode = defaults.sMemImgMode;
+    for (const auto& [key, value] : {std::pair<const char*, std::string*>{"udpAllowedSenders", &c.udpAllowedSenders},
+                                     std::pair<const char*, std::string*>{"sMemImgMode", &c.sMemImgMode}})
+        if (ini.GetValue("Communication", key, nullptr) != nullptr) *value = r.text("Communication", key, *value);
 
     return loaded;
 }
@@ -150,6 +159,7 @@ void OrvAccess::init() {
     imuCrsBufReset(&s.imuCrs[1]);
     s.imuDt = 0.0f;
     s.receivedMask = 0;
+    for (uint64_t& n : s.senderDrops) n = 0;
     s.newError = 0;
     s.diagWord = 0;
     s.rxState = 0;

@@ -29,6 +29,14 @@ bool OrvAccess::open() {
     const OrvAccessConfig& c = s.cfg;
     const unsigned int v = c.verbosity;
 
+    // A list that does not read must not end in taking every sender: nothing opens.
+    std::string why;
+    if (!s.senders.parse(c.udpAllowedSenders, why)) {
+        s.fail("Unable to open: udpAllowedSenders " + why, true);
+        return false;
+    }
+    if (s.senders.active()) OrvUtil::logLine(v, "Taking datagrams only from ", c.udpAllowedSenders);
+
     s.tcpOpen = false;
     if (c.tcpOrvRxEnabled) {
         OrvUtil::logLine(v, "Opening TCP connection ", c.tcpOrvRxAddr, ":", c.tcpOrvRxPort, " for orvRx");

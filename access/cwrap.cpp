@@ -183,6 +183,10 @@ int OrvAccess_waitUdp(OrvAccess* handle, int timeoutMs, int* ready) {
     return delivering(ready, [&](bool* flag) { return handle->waitUdp(timeoutMs, flag); });
 }
 
+int OrvAccess_getSenderDrops(OrvAccess* handle, s_OrvAccessSenderDrops* drops) {
+    return status([&] { return handle->getSenderDrops(drops); });
+}
+
 // ---- errors ---------------------------------------------------------------------
 
 char* OrvAccess_getLastError(OrvAccess* handle, char* buf, size_t len) {

@@ -85,10 +85,17 @@ bool readImagePiece(OrvAccess::State& s, OrvosiUdpClient& endpoint, bool* got) {
     if (room > kBody) room = kBody;
     const iovec pieces[3] = {{head, kHead}, {place, room}, {slot + kHead + room, kBody - room}};
     size_t n = 0;
+    uint32_t from = 0;
     *got = false;
-    if (!endpoint.readScattered(pieces, 3, &n)) return false;
+    if (!endpoint.readScattered(pieces, 3, &n, s.senders.active() ? &from : nullptr)) return false;
     if (n == 0) return true;
     *got = true;
+    // What a refused sender wrote lies only past what the image has
+    // assembled, where the next piece overwrites it.
+    if (s.senders.active() && !s.senders.allows(from)) {
+        ++s.senderDrops[orvwire::kImagePort];
+        return true;
+    }
 
     const unsigned int verbosity = s.cfg.verbosity;
     const size_t body = n > kHead ? n - kHead : 0;
@@ -201,6 +208,8 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     size_t batch[orvwire::kPortCount] = {1, 1, 1, 1, 1};
     bool imageBusy = false;  // the image port's last read brought a piece
     size_t held = s.heldDatagrams();
+    // Senders are asked for, and checked, only while a list is configured.
+    const bool filter = s.senders.active();
     bool ok = true;
     for (bool dispatched = true; dispatched && ok;) {
         dispatched = false;
@@ -237,12 +246,13 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
                 bool read = true;
                 if (want == 1) {
                     int n = 0;
-                    read = endpoint.read(reinterpret_cast<char*>(ahead.slot(0)), kReceiveBufferSize, &n);
+                    read = endpoint.read(reinterpret_cast<char*>(ahead.slot(0)), kReceiveBufferSize, &n,
+                                         filter ? ahead.from : nullptr);
                     ahead.sizes[0] = n > 0 ? static_cast<size_t>(n) : 0;
                     ahead.count = n > 0 ? 1 : 0;
                 } else {
-                    read =
-                        endpoint.readMany(ahead.slot(0), kReceiveBufferSize, want, ahead.sizes, &ahead.count);
+                    read = endpoint.readMany(ahead.slot(0), kReceiveBufferSize, want, ahead.sizes, &ahead.count,
+                                             filter ? ahead.from : nullptr);
                 }
                 want = ReadAhead::kSlots;
                 if (!read) {
@@ -254,9 +264,17 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
                 held += ahead.count;
                 if (ahead.empty()) continue;
             }
-            const unsigned char* data = ahead.slot(ahead.next);
-            const size_t n = ahead.sizes[ahead.next++];
+            const size_t at = ahead.next++;
+            const unsigned char* data = ahead.slot(at);
+            const size_t n = ahead.sizes[at];
             --held;
+            // Dropped before anything looks at it; the pass still counts, so
+            // that the ports are drained as far as ever.
+            if (filter && !s.senders.allows(ahead.from[at])) {
+                ++s.senderDrops[ids[i]];
+                dispatched = true;
+                continue;
+            }
             if (n == 0) continue;
             const Family* family = findFamily(static_cast<Port>(ids[i]), data[0]);
             if (family == nullptr) continue;  // dropped unseen, and not counted
@@ -296,6 +314,15 @@ bool OrvAccess::waitUdp(int timeoutMs, bool* ready) {
         return false;
     }
     *ready = n > 0;
+    return true;
+}
+
+bool OrvAccess::getSenderDrops(s_OrvAccessSenderDrops* drops) {
+    if (drops == nullptr) return false;
+    const uint64_t* n = st_->senderDrops;
+    *drops = s_OrvAccessSenderDrops{n[orvwire::kMetaPort], n[orvwire::kImagePort], n[orvwire::kCorePort],
+                                    n[orvwire::kHubPort], n[orvwire::kNftPort],
+                                    static_cast<uint32_t>(st_->senders.size())};
     return true;
 }
 

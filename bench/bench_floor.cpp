@@ -9,6 +9,7 @@
 //
 //   orvfloor [rounds]        the table (5 rounds unless given)
 //   orvfloor --instructions  only the counted workloads, for callgrind
+//   ... --allowed-senders LIST  the library with udpAllowedSenders = LIST
 #include <arpa/inet.h>
 #include <linux/perf_event.h>
 #include <netinet/in.h>
@@ -101,14 +102,14 @@ Bytes imagePiece(uint32_t seq, size_t at, const Bytes& image) {
 // no shared memory; socket buffers large enough for a burst or an image.
 class Library {
 public:
-    Library() {
+    explicit Library(const std::string& extraIni = "") {
         char dir[] = "/tmp/orvfloor-XXXXXX";
         if (mkdtemp(dir) != nullptr) dir_ = dir;
         for (int& p : port) p = orvtest::findFreePort();
         const std::string big = std::to_string(kSocketBuffer);
         std::ofstream(dir_ + "/orvaccess.ini")
             << orvtest::receiverIni(port, "udpOrvCoreRcvBufSize = " + big + "\nudpOrvRxImgRcvBufSize = " + big +
-                                              "\n[Memory]\ntrackingQueueSize = 10000\n");
+                                              "\n" + extraIni + "[Memory]\ntrackingQueueSize = 10000\n");
         access.setIniPath(dir_ + "/orvaccess.ini");
         ok = access.open();
     }
@@ -556,16 +557,25 @@ void printTable(const Figures& f, int rounds, const InstructionCounter& counter)
 }  // namespace
 
 int main(int argc, char** argv) {
+    // The sender list, where given, comes last: the library then checks
+    // every datagram's sender, as an application with the list would.
+    std::string senders;
+    if (argc > 2 && std::strcmp(argv[argc - 2], "--allowed-senders") == 0) {
+        senders = "udpAllowedSenders = " + std::string(argv[argc - 1]) + "\n";
+        argc -= 2;
+    }
     const bool instructionsOnly = argc > 1 && std::strcmp(argv[1], "--instructions") == 0;
     const int rounds = argc == 2 && !instructionsOnly ? std::atoi(argv[1]) : 5;
     if (argc > 2 || rounds < 1) {
         std::fprintf(stderr,
-                     "usage: orvfloor [ROUNDS]      the receive path against the floor, ROUNDS (5) rounds\n"
-                     "       orvfloor --instructions  each counted workload once, for callgrind\n");
+                     "usage: orvfloor [ROUNDS] [--allowed-senders LIST]   the receive path against the floor, "
+                     "ROUNDS (5) rounds\n"
+                     "       orvfloor --instructions [--allowed-senders LIST]  each counted workload once, for "
+                     "callgrind\n");
         return 2;
     }
 
-    Library fresh, lib;
+    Library fresh(senders), lib(senders);
     RawSockets raw;
     if (!fresh.ok || !lib.ok) {
         std::fprintf(stderr, "orvfloor: open failed: %s\n", lib.access.getLastError().c_str());

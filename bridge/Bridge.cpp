@@ -12,6 +12,11 @@ constexpr uint64_t kStatusPeriodUs = 1000000;
 constexpr uint64_t kUsPerMs = 1000;
 constexpr double kMsPerS = 1000.0;
 constexpr int kTakeBatch = 32;
+// Uplink samples a reader holds before DDS rejects (and counts) the next
+// ones: never silently replaced, as a keep-last history would.
+constexpr int32_t kUplinkQueue = 1024;
+
+int uplinkIndex(Topic t) { return static_cast<int>(t) - static_cast<int>(Topic::UplinkPlatform); }
 
 std::string hex(uint32_t v) {
     char text[16];
@@ -38,8 +43,26 @@ bool Bridge::open(std::string& error) {
         return false;
     }
     waitset_ = dds_create_waitset(participant_);
+    // The uplink readers sit in a subscriber of their own, so that a
+    // partition, when named, applies to them alone.
+    dds_entity_t uplinkSubscriber = participant_;
+    if (opt_.uplink && !opt_.uplinkPartition.empty()) {
+        dds_qos_t* q = dds_create_qos();
+        dds_qset_partition1(q, opt_.uplinkPartition.c_str());
+        uplinkSubscriber = dds_create_subscriber(participant_, q, nullptr);
+        dds_delete_qos(q);
+        if (uplinkSubscriber < 0) {
+            error = "cannot create the uplink subscriber in partition " + opt_.uplinkPartition + ": " +
+                    dds_strretcode(uplinkSubscriber);
+            return false;
+        }
+    }
+    limits_.assign(3, RateLimit(opt_.uplinkRatePerS, opt_.uplinkBurst));
     for (int i = 0; i < kTopicCount; ++i) {
         const Topic t = static_cast<Topic>(i);
+        // Without --uplink the uplink topics are not read at all: no reader,
+        // so nothing a participant publishes there reaches the tracker.
+        if (topicInfo(t).service == Service::Uplink && !opt_.uplink) continue;
         const std::string name = topicName(t, opt_.ns);
         const dds_entity_t topic = dds_create_topic(participant_, topicInfo(t).type, name.c_str(), nullptr, nullptr);
         if (topic < 0) {
@@ -50,7 +73,9 @@ bool Bridge::open(std::string& error) {
         dds_qos_t* qos = topicQos(t, opt_.reliable);
         dds_entity_t e;
         if (topicInfo(t).service == Service::Uplink) {
-            e = readers_[i] = dds_create_reader(participant_, topic, qos, nullptr);
+            dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, 0);
+            dds_qset_resource_limits(qos, kUplinkQueue, DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED);
+            e = readers_[i] = dds_create_reader(uplinkSubscriber, topic, qos, nullptr);
             if (e > 0) {
                 dds_set_status_mask(e, DDS_DATA_AVAILABLE_STATUS);
                 dds_waitset_attach(waitset_, e, e);
@@ -95,7 +120,7 @@ void Bridge::fail(const std::string& what) {
 
 void Bridge::pass(uint64_t nowUs) {
     drainLibrary();
-    takeUplink();
+    if (opt_.uplink) takeUplink(nowUs);
     if (nowUs >= nextStatusUs_) {
         writeStatus(nowUs);
         nextStatusUs_ = nowUs + kStatusPeriodUs;
@@ -184,7 +209,45 @@ void Bridge::writePredicted() {
     write(Topic::PosePredicted, &pose);
 }
 
-void Bridge::takeUplink() {
+// Samples DDS dropped before the take (a best-effort gap it noticed, or a
+// full reader) were written and never sent up: they count as failed.
+void Bridge::countLostUplink(Topic t) {
+    const dds_entity_t reader = readers_[static_cast<int>(t)];
+    dds_sample_lost_status_t lost{};
+    dds_sample_rejected_status_t rejected{};
+    uint64_t n = 0;
+    if (dds_get_sample_lost_status(reader, &lost) == DDS_RETCODE_OK) n += lost.total_count_change;
+    if (dds_get_sample_rejected_status(reader, &rejected) == DDS_RETCODE_OK) n += rejected.total_count_change;
+    if (n == 0) return;
+    counts_.uplinkLost += n;
+    counts_.uplinkFailed += n;
+    counts_.lastFailure = std::to_string(n) + " samples on " + topicName(t, opt_.ns) +
+                          " lost before the bridge took them (the writer outruns the bridge or the network)";
+}
+
+// Whether a sample may go up; a refused one is counted with its reason.
+bool Bridge::checkUplink(Topic t, const void* sample, uint64_t nowUs) {
+    const char* why = nullptr;
+    if (t == Topic::UplinkPlatform)
+        why = uplinkRefusal(*static_cast<const orv_msgs_msg_dds__PlatformPose_*>(sample));
+    else if (t == Topic::UplinkGps)
+        why = uplinkRefusal(*static_cast<const orv_msgs_msg_dds__GpsData_*>(sample));
+    if (why != nullptr) {
+        ++counts_.uplinkRefusedValue;
+        counts_.lastFailure = "refused a sample on " + topicName(t, opt_.ns) + ": " + why;
+        return false;
+    }
+    if (!limits_[static_cast<size_t>(uplinkIndex(t))].take(nowUs)) {
+        ++counts_.uplinkRefusedRate;
+        counts_.lastFailure = "refused samples on " + topicName(t, opt_.ns) + ": more than " +
+                              std::to_string(static_cast<long long>(opt_.uplinkRatePerS)) +
+                              " a second (--uplink-rate)";
+        return false;
+    }
+    return true;
+}
+
+void Bridge::takeUplink(uint64_t nowUs) {
     for (const Topic t : {Topic::UplinkPlatform, Topic::UplinkGps, Topic::UplinkInput}) {
         const dds_entity_t reader = readers_[static_cast<int>(t)];
         for (;;) {
@@ -194,6 +257,8 @@ void Bridge::takeUplink() {
             if (n <= 0) break;
             for (int i = 0; i < n; ++i) {
                 if (!infos[i].valid_data) continue;
+                ++counts_.written[static_cast<int>(t)];
+                if (!checkUplink(t, samples[i], nowUs)) continue;
                 bool sent = false;
                 if (t == Topic::UplinkPlatform) {
                     sent = access_.setPlatformPoseData(
@@ -204,7 +269,6 @@ void Bridge::takeUplink() {
                 } else {
                     sent = access_.sendInputData(static_cast<const orv_msgs_msg_dds__InputData_*>(samples[i])->code);
                 }
-                ++counts_.written[static_cast<int>(t)];
                 if (sent) {
                     ++counts_.uplinkSent;
                 } else {
@@ -215,6 +279,7 @@ void Bridge::takeUplink() {
             dds_return_loan(reader, samples, n);
             if (n < kTakeBatch) break;
         }
+        countLostUplink(t);
     }
 }
 
@@ -241,6 +306,9 @@ void Bridge::writeStatus(uint64_t nowUs) {
         {"imu samples published", std::to_string(counts_.of(Topic::Imu))},
         {"uplink sent", std::to_string(counts_.uplinkSent)},
         {"uplink failed", std::to_string(counts_.uplinkFailed)},
+        {"uplink lost", std::to_string(counts_.uplinkLost)},
+        {"uplink refused out of range", std::to_string(counts_.uplinkRefusedValue)},
+        {"uplink refused above the rate", std::to_string(counts_.uplinkRefusedRate)},
         {"write failures", std::to_string(counts_.writeFailures)},
         {"library failures", std::to_string(counts_.libraryFailures)},
         {"last failure", counts_.lastFailure},

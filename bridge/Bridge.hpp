@@ -11,9 +11,11 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "Convert.hpp"
 #include "Topics.hpp"
+#include "UplinkGuard.hpp"
 
 namespace orvbridge {
 
@@ -27,6 +29,13 @@ struct Options {
     std::string hardwareId;             // hardware_id of the diagnostics (orvRx's address)
     Attitude attitude = Attitude::BodyToNav;
     bool reliable = false;              // streams reliable, keep all
+    // The uplink: read only when asked for, each sample checked, at most
+    // uplinkRatePerS a second per topic (bursts of uplinkBurst), and only
+    // from writers in uplinkPartition when one is named.
+    bool uplink = false;
+    double uplinkRatePerS = 100.0;
+    double uplinkBurst = 10.0;
+    std::string uplinkPartition;
 };
 
 // What went out and what came in, by topic.
@@ -34,7 +43,10 @@ struct Counts {
     uint64_t written[kTopicCount] = {};  // for the uplink topics: samples taken
     uint64_t writeFailures = 0;   // a DDS write that returned an error (a reliable write that timed out)
     uint64_t uplinkSent = 0;      // uplink samples the library sent to orvRx
-    uint64_t uplinkFailed = 0;    // ... that the library could not send
+    uint64_t uplinkFailed = 0;    // ... that the library could not send, or that DDS lost before the take
+    uint64_t uplinkLost = 0;      // samples DDS reported lost or rejected before the bridge took them
+    uint64_t uplinkRefusedValue = 0;  // samples not sent: a number out of range, NaN or infinite
+    uint64_t uplinkRefusedRate = 0;   // samples not sent: above the rate limit
     uint64_t libraryFailures = 0; // getters that returned false
     std::string lastFailure;      // the latest of either kind of failure
 
@@ -68,7 +80,9 @@ private:
     void drain(const char* getter, Get get, Each each);
     void drainLibrary();
     void writePredicted();
-    void takeUplink();
+    void takeUplink(uint64_t nowUs);
+    void countLostUplink(Topic t);
+    bool checkUplink(Topic t, const void* sample, uint64_t nowUs);
     void writeStatus(uint64_t nowUs);
     void fail(const std::string& what);
 
@@ -79,6 +93,7 @@ private:
     dds_entity_t writers_[kTopicCount] = {};
     dds_entity_t readers_[kTopicCount] = {};
     dds_entity_t waitset_ = 0;
+    std::vector<RateLimit> limits_;  // one per uplink topic, in topic order
     uint64_t nextStatusUs_ = 0;
 };
 

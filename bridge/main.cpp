@@ -41,7 +41,7 @@ std::string brief(const orvbridge::Counts& c) {
     return text;
 }
 
-void printSummary(const orvbridge::Counts& c, const std::string& ns, double seconds) {
+void printSummary(const orvbridge::Counts& c, const std::string& ns, bool uplink, double seconds) {
     std::printf("orvbridge: ran %.1f s\n", seconds);
     std::printf("  %-28s %12s\n", "topic", "samples");
     for (int i = 0; i < orvbridge::kTopicCount; ++i) {
@@ -54,6 +54,13 @@ void printSummary(const orvbridge::Counts& c, const std::string& ns, double seco
                 static_cast<unsigned long long>(c.uplinkSent), static_cast<unsigned long long>(c.uplinkFailed),
                 static_cast<unsigned long long>(c.writeFailures),
                 static_cast<unsigned long long>(c.libraryFailures));
+    if (uplink)
+        std::printf("  uplink refused %llu out of range, %llu above the rate; lost before taken %llu\n",
+                    static_cast<unsigned long long>(c.uplinkRefusedValue),
+                    static_cast<unsigned long long>(c.uplinkRefusedRate),
+                    static_cast<unsigned long long>(c.uplinkLost));
+    else
+        std::printf("  uplink off: the uplink topics were not read (--uplink reads them)\n");
     if (!c.lastFailure.empty()) std::printf("  last failure: %s\n", c.lastFailure.c_str());
 }
 
@@ -90,6 +97,21 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"body-to-nav", "nav-to-body"}));
     app.add_flag("--reliable", opt.reliable,
                  "streams reliable, keeping all: no sample lost, but a reader that falls behind slows the bridge");
+    CLI::Option* uplinkFlag = app.add_flag("--uplink", opt.uplink,
+                 "read the uplink topics and send their samples up to the tracker (off: anyone on the domain could "
+                 "steer its platform input)");
+    app.add_option("--uplink-rate", opt.uplinkRatePerS,
+                   "most samples a second sent up per uplink topic; more are refused and counted")
+        ->capture_default_str()
+        ->check(CLI::Range(1.0, 100000.0))
+        ->needs(uplinkFlag);
+    app.add_option("--uplink-burst", opt.uplinkBurst, "most samples sent up at once per uplink topic")
+        ->capture_default_str()
+        ->check(CLI::Range(1.0, 100000.0))
+        ->needs(uplinkFlag);
+    app.add_option("--uplink-partition", opt.uplinkPartition,
+                   "take uplink samples only from writers in this DDS partition (a filter, not authentication)")
+        ->needs(uplinkFlag);
     app.add_option("--wait-subscribers", waitSubscribers,
                    "take nothing from the library until this many readers subscribe to the poses")
         ->capture_default_str()
@@ -107,7 +129,8 @@ int main(int argc, char** argv) {
     app.footer("Topics (ROS 2 types where ROS 2 has one): pose and pose_predicted (geometry_msgs/PoseStamped), "
                "tracking (orv_msgs TrackingRecord), imu (sensor_msgs/Imu), gps/fix (sensor_msgs/NavSatFix), gps, "
                "platform_pose, hub, residuals, errors (orv_msgs), /diagnostics (diagnostic_msgs/DiagnosticArray, "
-               "once a second); read: uplink/platform_pose, uplink/gps, uplink/input. Streams are best effort, "
+               "once a second); read with --uplink only: uplink/platform_pose, uplink/gps, uplink/input. Streams are "
+               "best effort, "
                "keep last 5; errors reliable, keep last 100; diagnostics reliable, transient local.\n"
                "Exit status: 0 a run; 1 the library or DDS cannot be opened; 2 bad arguments or an unreadable "
                "configuration file; 3 the subscribers of --wait-subscribers did not come.");
@@ -158,6 +181,16 @@ int main(int argc, char** argv) {
     }
     std::fprintf(stderr, "orvbridge: %s on DDS domain %u, topics %s\n", ini.c_str(), opt.domain,
                  orvbridge::topicName(orvbridge::Topic::Pose, opt.ns).c_str());
+    if (opt.uplink)
+        std::fprintf(stderr,
+                     "orvbridge: warning: --uplink: any program that can reach DDS domain %u%s may publish on %s, "
+                     "%s and %s, and the bridge sends it up to the tracker as platform pose, GPS and input data "
+                     "(checked, at most %.0f a second per topic); DDS here has no authentication\n",
+                     opt.domain,
+                     opt.uplinkPartition.empty() ? "" : (" in partition " + opt.uplinkPartition).c_str(),
+                     orvbridge::topicName(orvbridge::Topic::UplinkPlatform, opt.ns).c_str(),
+                     orvbridge::topicName(orvbridge::Topic::UplinkGps, opt.ns).c_str(),
+                     orvbridge::topicName(orvbridge::Topic::UplinkInput, opt.ns).c_str(), opt.uplinkRatePerS);
 
     if (waitSubscribers > 0) {
         std::fprintf(stderr, "orvbridge: waiting up to %.0f s for %d subscriber(s) of the poses\n", waitTimeout,
@@ -208,7 +241,7 @@ int main(int argc, char** argv) {
     line.finish();
     // Last records that arrived while stopping still go out.
     bridge.pass(access.getTimeUs());
-    printSummary(bridge.counts(), opt.ns, static_cast<double>(access.getTimeUs() - start) / kUsPerS);
+    printSummary(bridge.counts(), opt.ns, opt.uplink, static_cast<double>(access.getTimeUs() - start) / kUsPerS);
     std::fflush(stdout);
     return 0;
 }

@@ -13,6 +13,9 @@
 #include <sstream>
 #include <utility>
 
+#include "access/Config.hpp"
+#include "access/SenderFilter.hpp"
+
 namespace orvcheck {
 
 const KnownKey kKeys[] = {
@@ -48,6 +51,8 @@ const KnownKey kKeys[] = {
     {"Processing", "TipOffsetXM", KeyKind::Real, "0.0"},
     {"Processing", "TipOffsetYM", KeyKind::Real, "0.0"},
     {"Processing", "TipOffsetZM", KeyKind::Real, "0.0"},
+    {"Communication", "udpAllowedSenders", KeyKind::Senders, ""},
+    {"Communication", "sMemImgMode", KeyKind::Mode, "0666"},
 };
 const size_t kKeyCount = sizeof kKeys / sizeof kKeys[0];
 
@@ -443,7 +448,45 @@ private:
                 return readUdpPort(v);
             case KeyKind::TcpPort:
                 return readTcpPort(v);
+            case KeyKind::Senders:
+                return readSenders(v);
+            case KeyKind::Mode:
+                return readMode(v);
         }
+    }
+
+    // The list as the library reads it at open: a bad entry opens nothing.
+    void readSenders(KeyValue& v) {
+        v.text = v.raw;
+        SenderFilter filter;
+        std::string why;
+        const size_t comment = commentStart(v.raw);
+        if (!filter.parse(v.raw, why)) {
+            add(Severity::Warning, comment != std::string::npos ? "inline-comment" : "bad-senders", v.line,
+                where(v) + why + (comment != std::string::npos ? " (the reader has no inline comments)" : "") +
+                    ": open() fails and nothing is received; write addresses such as 10.0.0.5, 10.0.1.0/24");
+            return;
+        }
+        v.integer = static_cast<long long>(filter.size());
+        if (filter.active())
+            add(Severity::Note, "senders", v.line,
+                where(v) + "datagrams from any other sender are dropped unread and counted (orvctl status)");
+    }
+
+    void readMode(KeyValue& v) {
+        v.text = v.raw;
+        unsigned int mode = 0;
+        if (!parseFileMode(v.raw, mode)) {
+            add(Severity::Warning, "bad-mode", v.line,
+                where(v) + "not a mode: a producer (orvsim) refuses to create the image with it; write octal "
+                           "permission bits such as 0600");
+            return;
+        }
+        v.integer = mode;
+        if (mode & 0002)
+            add(Severity::Note, "world-writable", v.line,
+                where(v) + "every user of the host may write the image a renderer shows; 0660 or 0600 keeps "
+                           "them out");
     }
 
     void rangeNotes(const KeyValue& v) {

@@ -32,6 +32,8 @@ enum class KeyKind {
     Host,     // tcpOrvRxAddr
     UdpPort,  // decimal text; the text 0 switches the channel off
     TcpPort,  // decimal text read as a number
+    Senders,  // udpAllowedSenders: IPv4 addresses or networks; empty takes every sender
+    Mode,     // sMemImgMode: octal permission bits
 };
 
 struct KnownKey {

@@ -37,7 +37,20 @@ struct Listened {
     uint64_t tracking = 0, imu = 0, diag = 0, hub = 0, errorCodes = 0;
     bool haveDiag = false;
     s_OrvAccessDiagData lastDiag{};
+    s_OrvAccessSenderDrops senders{};  // dropped by udpAllowedSenders while listening
 };
+
+// The drops of udpAllowedSenders, port by port.
+std::string senderText(const s_OrvAccessSenderDrops& d) {
+    if (d.entries == 0) return "any sender taken (udpAllowedSenders not set)";
+    char text[200];
+    std::snprintf(text, sizeof text, "%u allowed; dropped from others: meta %llu  image %llu  orvCore %llu  "
+                  "orvHub %llu  NFT %llu",
+                  d.entries, static_cast<unsigned long long>(d.meta), static_cast<unsigned long long>(d.image),
+                  static_cast<unsigned long long>(d.core), static_cast<unsigned long long>(d.hub),
+                  static_cast<unsigned long long>(d.nft));
+    return text;
+}
 
 template <typename Pop>
 uint64_t drain(Pop&& pop) {
@@ -86,6 +99,7 @@ Listened listen(OrvAccess& a, double seconds) {
         l.streaming = a.getStreaming();
         OrvosiUtil_snoozeMs(1);
     }
+    a.getSenderDrops(&l.senders);
     l.seconds = static_cast<double>(a.getTimeUs() - start) / 1e6;
     if (seconds <= 0) l.streaming = a.getStreaming();
     return l;
@@ -133,6 +147,7 @@ void printStatusText(const Options& o, OrvAccess& a, const OpenResult& r, const 
                 static_cast<unsigned long long>(l.diag), static_cast<unsigned long long>(l.hub), l.seconds);
     std::printf("errors       %llu error code%s arrived%s\n", static_cast<unsigned long long>(l.errorCodes),
                 l.errorCodes == 1 ? "" : "s", l.errorCodes ? " (orvctl errors lists them)" : "");
+    std::printf("senders      %s\n", senderText(l.senders).c_str());
 }
 
 void printStatusJson(const Options& o, OrvAccess& a, const OpenResult& r, const Listened& l) {
@@ -154,6 +169,10 @@ void printStatusJson(const Options& o, OrvAccess& a, const OpenResult& r, const 
         out["orvRx"] = rx;
         out["records"] = {{"tracking", l.tracking}, {"imu", l.imu}, {"diagnostic", l.diag}, {"hub", l.hub}};
         out["errorCodes"] = l.errorCodes;
+        const s_OrvAccessSenderDrops& d = l.senders;
+        out["senders"] = {{"allowedEntries", d.entries},
+                          {"dropped", {{"meta", d.meta}, {"image", d.image}, {"orvCore", d.core}, {"orvHub", d.hub},
+                                       {"nft", d.nft}}}};
     }
     std::cout << out.dump(2) << "\n";
 }

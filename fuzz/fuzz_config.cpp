@@ -31,7 +31,8 @@ bool same(const OrvAccessConfig& a, const OrvAccessConfig& b) {
            a.virtualSyncCtrl == b.virtualSyncCtrl && a.imgBufSize == b.imgBufSize &&
            a.imuQueueSize == b.imuQueueSize && a.targetQueueSize == b.targetQueueSize &&
            a.trackingQueueSize == b.trackingQueueSize && a.gpsQueueSize == b.gpsQueueSize &&
-           a.errorCodeQueueSize == b.errorCodeQueueSize;
+           a.errorCodeQueueSize == b.errorCodeQueueSize && a.udpAllowedSenders == b.udpAllowedSenders &&
+           a.sMemImgMode == b.sMemImgMode;
 }
 
 }  // namespace
@@ -53,5 +54,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static OrvAccess::State* state = new OrvAccess::State();
     state->cfg = quiet;
     state->applyQueueBounds();
+    // The sender list as open() reads it: a refused list leaves the filter off.
+    std::string why;
+    if (!state->senders.parse(quiet.udpAllowedSenders, why))
+        orvfuzz::require(!state->senders.active() && !why.empty(), "a refused list says why and filters nothing");
+    unsigned int mode = 0;
+    if (parseFileMode(quiet.sMemImgMode, mode)) orvfuzz::require(mode <= 0777, "a mode has permission bits only");
     return 0;
 }

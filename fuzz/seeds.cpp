@@ -361,7 +361,9 @@ void commandSeeds(Out& out) {
 
 // The keys the reader knows, as it echoes them: "ORVAINFO: key = value".
 std::vector<std::string> configKeys() {
-    const std::string probe = orvfuzz::writeScratchFile("probe.ini", "[General]\nverbosity = 2\n");
+    // The extension keys are echoed only when present.
+    const std::string probe = orvfuzz::writeScratchFile(
+        "probe.ini", "[General]\nverbosity = 2\n[Communication]\nudpAllowedSenders = 127.0.0.1\nsMemImgMode = 0600\n");
     std::ostringstream echo;
     std::streambuf* saved = std::cout.rdbuf(echo.rdbuf());
     OrvAccessConfig cfg;

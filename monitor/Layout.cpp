@@ -157,6 +157,10 @@ void errorsAndWarnings(Screen& s, const Monitor& m, const ViewText& v) {
         warnings.push_back("streaming " + m.streamingText() + "; nothing that orvRx streams will arrive");
     if (m.failures() > 0)
         warnings.push_back(format("%llu failed calls, the last: %s", ull(m.failures()), m.lastFailure().c_str()));
+    // Someone else sends to the tracker's ports: worth knowing at once.
+    if (m.status().sendersDropped() > 0)
+        warnings.push_back(format("%llu datagrams from senders not in udpAllowedSenders dropped",
+                                  ull(m.status().sendersDropped())));
     warnings.insert(warnings.end(), v.warnings.begin(), v.warnings.end());
 
     const int spare = std::max(0, s.left() - 1 - kMinErrorLines - kMinWarningLines);

@@ -371,6 +371,7 @@ void Monitor::readStatus() {
     status_.receivedEver |= st.received;
     if (st.received & orvnames::kRecvImage) imagePacketsSinceImage_ = true;
     if (st.diagState != 0) status_.diagState = st.diagState;
+    access_.getSenderDrops(&status_.senders);
 }
 
 void Monitor::noteActivity(uint64_t nowUs) {
@@ -548,6 +549,7 @@ void Monitor::writeLine(std::ostream& out) const {
     if (!staleList.empty()) put(out, " STALE %s", staleList.c_str());
     if (failures() > 0) put(out, " failures %llu", ull(failures()));
     if (streaming_.lastFailed) out << " streaming " << streamingText();
+    if (status_.sendersDropped() > 0) put(out, " foreign-dropped %llu", ull(status_.sendersDropped()));
     out << '\n';
 }
 
@@ -629,6 +631,12 @@ void Monitor::writeSummary(std::ostream& out) const {
     put(out, "status     diag-state %u\n", status_.diagState);
     put(out, "status     diag-record state %u error-bytes %u %u %u %u\n", diag_.state, diag_.errorCodes[0],
         diag_.errorCodes[1], diag_.errorCodes[2], diag_.errorCodes[3]);
+    const s_OrvAccessSenderDrops& d = status_.senders;
+    if (d.entries == 0)
+        put(out, "senders    any (udpAllowedSenders not set)\n");
+    else
+        put(out, "senders    allowed %u dropped-from-others meta %llu image %llu core %llu hub %llu nft %llu\n",
+            d.entries, ull(d.meta), ull(d.image), ull(d.core), ull(d.hub), ull(d.nft));
     put(out, "streaming  requests %llu acknowledged %llu state %s\n", ull(streaming_.requests),
         ull(streaming_.acknowledged), streamingText().c_str());
     if (streaming_.lastFailed)

@@ -84,6 +84,10 @@ public:
         uint32_t receivedEver = 0;  // bits seen during the whole run
         uint32_t diagState = 0;     // last non-zero state word
         bool read = false;
+        s_OrvAccessSenderDrops senders{};  // dropped by udpAllowedSenders since open
+        uint64_t sendersDropped() const {
+            return senders.meta + senders.image + senders.core + senders.hub + senders.nft;
+        }
     };
     struct ImageView {
         int percent = 0;  // progress of the image being received

@@ -11,17 +11,49 @@
 #include <ctime>
 #include <new>
 
+// ---- permissions ---------------------------------------------------------------
+
+namespace {
+
+// Where glibc keeps the named semaphore: /dev/shm/sem. and the name
+// without its leading slashes.
+std::string semaphorePath(const std::string& name) {
+    const size_t first = name.find_first_not_of('/');
+    return "/dev/shm/sem." + (first == std::string::npos ? std::string() : name.substr(first));
+}
+
+// Takes away every permission bit beyond `mode` from the open descriptor
+// (or, with fd -1, the path); true when none is left. A region or
+// semaphore made earlier, by another creator or with another mode, would
+// otherwise keep whatever bits it was made with.
+bool narrowMode(int fd, const char* path, unsigned int mode) {
+    struct stat st {};
+    if ((fd >= 0 ? fstat(fd, &st) : stat(path, &st)) != 0) return false;
+    const mode_t bits = st.st_mode & 0777;
+    const mode_t wanted = bits & static_cast<mode_t>(mode & 0777);
+    if (bits == wanted) return true;
+    return (fd >= 0 ? fchmod(fd, wanted) : chmod(path, wanted)) == 0;
+}
+
+}  // namespace
+
 // ---- OrvosiSemaphore ---------------------------------------------------------
 // Names reach sem_open as "//<name>Sem" when built by OrvosiSharedMem; glibc
 // drops repeated leading slashes, so a producer using "/<name>Sem" meets the
 // same semaphore.
 
-OrvosiSemaphore::OrvosiSemaphore(const char* name, unsigned int initialCount) : owner_(true) {
+OrvosiSemaphore::OrvosiSemaphore(const char* name, unsigned int initialCount, unsigned int mode) : owner_(true) {
     if (name != nullptr) {
         named_ = true;
         name_ = std::string("/") + name;
-        sem_t* s = sem_open(name_.c_str(), O_CREAT, 0666, initialCount);
+        sem_t* s = sem_open(name_.c_str(), O_CREAT, static_cast<mode_t>(mode & 0777), initialCount);
         handle_ = s == SEM_FAILED ? nullptr : s;
+        // One left by an earlier creator keeps its bits; glibc keeps the
+        // semaphore as a file under /dev/shm, where they can be narrowed.
+        if (handle_ != nullptr && !narrowMode(-1, semaphorePath(name_).c_str(), mode)) {
+            sem_close(handle_);
+            handle_ = nullptr;
+        }
         return;
     }
     sem_t* s = new (std::nothrow) sem_t;
@@ -93,7 +125,9 @@ void releaseRegion(int& fd, void*& map, size_t& size) {
 }
 }  // namespace
 
-OrvosiSharedMem::OrvosiSharedMem(const char* name, unsigned int size) { ok_ = create(name, size); }
+OrvosiSharedMem::OrvosiSharedMem(const char* name, unsigned int size, unsigned int mode) {
+    ok_ = create(name, size, mode);
+}
 
 OrvosiSharedMem::OrvosiSharedMem(const char* name) { ok_ = open(name); }
 
@@ -104,14 +138,16 @@ OrvosiSharedMem::~OrvosiSharedMem() {
     releaseRegion(fd_, map_, size_);
 }
 
-bool OrvosiSharedMem::create(const char* name, unsigned int size) {
+bool OrvosiSharedMem::create(const char* name, unsigned int size, unsigned int mode) {
     sem_.reset();
     releaseRegion(fd_, map_, size_);
     if (name == nullptr) return false;
     const std::string path = std::string("/") + name;
-    fd_ = shm_open(path.c_str(), O_CREAT | O_RDWR, 0666);
+    fd_ = shm_open(path.c_str(), O_CREAT | O_RDWR, static_cast<mode_t>(mode & 0777));
     if (fd_ < 0) return false;
-    if (ftruncate(fd_, static_cast<off_t>(size)) != 0) {
+    // Nothing is written into a region that others may read or write
+    // beyond what was asked for.
+    if (!narrowMode(fd_, nullptr, mode) || ftruncate(fd_, static_cast<off_t>(size)) != 0) {
         releaseRegion(fd_, map_, size_);
         return false;
     }
@@ -123,7 +159,7 @@ bool OrvosiSharedMem::create(const char* name, unsigned int size) {
     map_ = m;
     size_ = size;
     std::memset(map_, 0, size_);
-    sem_.reset(new (std::nothrow) OrvosiSemaphore((path + "Sem").c_str(), 1));
+    sem_.reset(new (std::nothrow) OrvosiSemaphore((path + "Sem").c_str(), 1, mode));
     return sem_ != nullptr && sem_->isOk();
 }
 

@@ -11,8 +11,11 @@
 class OrvosiSemaphore {
 public:
     // A name creates (or joins) the named semaphore "/" + name as its owner;
-    // a null name makes an unnamed, process-private semaphore.
-    OrvosiSemaphore(const char* name, unsigned int initialCount);
+    // a null name makes an unnamed, process-private semaphore. A named one
+    // is created with the permission bits `mode` (the umask narrows them),
+    // and one that exists with wider bits is narrowed to them; when that is
+    // not allowed (another user's), isOk() is false.
+    OrvosiSemaphore(const char* name, unsigned int initialCount, unsigned int mode = 0666);
     // Unnamed, count 0.
     OrvosiSemaphore();
     // Opens an existing named semaphore, not as owner.
@@ -43,8 +46,11 @@ private:
 class OrvosiSharedMem {
 public:
     // Creates (or re-sizes and clears) the region "/" + name of size bytes,
-    // with its semaphore at count 1, as owner.
-    OrvosiSharedMem(const char* name, unsigned int size);
+    // with its semaphore at count 1, as owner. Both get at most the
+    // permission bits `mode`: created with them (the umask narrows them),
+    // narrowed to them when they exist with wider ones, and refused (isOk()
+    // false) when they cannot be narrowed.
+    OrvosiSharedMem(const char* name, unsigned int size, unsigned int mode = 0666);
     // Opens an existing region and its semaphore.
     explicit OrvosiSharedMem(const char* name);
     ~OrvosiSharedMem();
@@ -63,7 +69,7 @@ public:
     // past its end raises SIGBUS. 0 when nothing is mapped.
     size_t currentSize() const;
 
-    bool create(const char* name, unsigned int size);
+    bool create(const char* name, unsigned int size, unsigned int mode = 0666);
     bool open(const char* name);
 
 private:

@@ -116,10 +116,16 @@ bool OrvosiUdpClient::open(const char* port, int receiveBufferSize, bool blockin
     return true;
 }
 
-bool OrvosiUdpClient::read(char* buffer, size_t capacity, int* received) {
-    const ssize_t n = recvfrom(fd_, buffer, static_cast<size_t>(clampToInt(capacity)), 0, nullptr, nullptr);
+bool OrvosiUdpClient::read(char* buffer, size_t capacity, int* received, uint32_t* from) {
+    // The sender's address costs the kernel a copy: asked for only when wanted.
+    sockaddr_in sender{};
+    socklen_t senderLength = sizeof sender;
+    const ssize_t n = recvfrom(fd_, buffer, static_cast<size_t>(clampToInt(capacity)), 0,
+                               from != nullptr ? reinterpret_cast<sockaddr*>(&sender) : nullptr,
+                               from != nullptr ? &senderLength : nullptr);
     if (n >= 0) {
         *received = static_cast<int>(n);
+        if (from != nullptr) *from = sender.sin_addr.s_addr;
         return true;
     }
     if (errno == EAGAIN || errno == EWOULDBLOCK) {
@@ -131,16 +137,21 @@ bool OrvosiUdpClient::read(char* buffer, size_t capacity, int* received) {
 }
 
 bool OrvosiUdpClient::readMany(unsigned char* base, size_t stride, size_t count, size_t* sizes,
-                               size_t* received) {
+                               size_t* received, uint32_t* from) {
     *received = 0;
     if (count > kMaxBatch) count = kMaxBatch;
     mmsghdr messages[kMaxBatch];
     iovec pieces[kMaxBatch];
+    sockaddr_in senders[kMaxBatch];
     for (size_t i = 0; i < count; ++i) {
         pieces[i] = iovec{base + i * stride, stride};
         messages[i] = mmsghdr{};
         messages[i].msg_hdr.msg_iov = &pieces[i];
         messages[i].msg_hdr.msg_iovlen = 1;
+        if (from != nullptr) {
+            messages[i].msg_hdr.msg_name = &senders[i];
+            messages[i].msg_hdr.msg_namelen = sizeof senders[i];
+        }
     }
     const int n = recvmmsg(fd_, messages, static_cast<unsigned int>(count), MSG_DONTWAIT, nullptr);
     if (n < 0) {
@@ -148,16 +159,24 @@ bool OrvosiUdpClient::readMany(unsigned char* base, size_t stride, size_t count,
         return OrvosiUtil::failWithSystemText(lastError_, "Read failed...");
     }
     for (int i = 0; i < n; ++i) sizes[i] = messages[i].msg_len;
+    if (from != nullptr)
+        for (int i = 0; i < n; ++i) from[i] = senders[i].sin_addr.s_addr;
     *received = static_cast<size_t>(n);
     return true;
 }
 
-bool OrvosiUdpClient::readScattered(const iovec* pieces, size_t count, size_t* received) {
+bool OrvosiUdpClient::readScattered(const iovec* pieces, size_t count, size_t* received, uint32_t* from) {
     msghdr message{};
+    sockaddr_in sender{};
     message.msg_iov = const_cast<iovec*>(pieces);
     message.msg_iovlen = count;
+    if (from != nullptr) {
+        message.msg_name = &sender;
+        message.msg_namelen = sizeof sender;
+    }
     const ssize_t n = recvmsg(fd_, &message, 0);
     *received = n > 0 ? static_cast<size_t>(n) : 0;
+    if (from != nullptr) *from = sender.sin_addr.s_addr;
     if (n >= 0 || errno == EAGAIN || errno == EWOULDBLOCK) return true;
     return OrvosiUtil::failWithSystemText(lastError_, "Read failed...");
 }

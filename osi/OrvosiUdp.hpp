@@ -8,6 +8,7 @@
 #include <sys/uio.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 class OrvosiUdpClient {
@@ -21,18 +22,22 @@ public:
     // makes reads return at once.
     bool open(const char* port, int receiveBufferSize, bool blocking);
     // At most one datagram. True with *received 0 means nothing is waiting;
-    // false is a real socket error.
-    bool read(char* buffer, size_t capacity, int* received);
+    // false is a real socket error. With `from`, the sender's IPv4 address
+    // (network byte order) is stored there; without, it is not asked for.
+    bool read(char* buffer, size_t capacity, int* received, uint32_t* from = nullptr);
     // Up to `count` datagrams (at most kMaxBatch) in one system call, the
     // i-th into base + i * stride, at most stride bytes; their sizes go to
-    // sizes[i]. True with *received 0 means nothing is waiting; false is a
-    // real socket error (datagrams read before it are reported by the call).
+    // sizes[i], and with `from` their senders' addresses to from[i]. True
+    // with *received 0 means nothing is waiting; false is a real socket
+    // error (datagrams read before it are reported by the call).
     static constexpr size_t kMaxBatch = 64;
-    bool readMany(unsigned char* base, size_t stride, size_t count, size_t* sizes, size_t* received);
+    bool readMany(unsigned char* base, size_t stride, size_t count, size_t* sizes, size_t* received,
+                  uint32_t* from = nullptr);
     // At most one datagram, laid out over `count` buffers in turn, so that a
     // caller can put a header and a body in different places. True with
     // *received 0 means nothing is waiting; false is a real socket error.
-    bool readScattered(const iovec* pieces, size_t count, size_t* received);
+    // `from` as for read().
+    bool readScattered(const iovec* pieces, size_t count, size_t* received, uint32_t* from = nullptr);
     // Discards every datagram already queued.
     bool flush();
     int close();

@@ -150,6 +150,10 @@ bool SimConfig::fromIni(const std::string& path, SimConfig& out, std::string& er
         if (!portFromText(p.text, p.key, p.port, error)) return false;
     if (!c.tcpOrvRxEnabled) s.tcpPort = 0;
     s.sharedMemName = c.sMemImgName;
+    if (!parseFileMode(c.sMemImgMode, s.sharedMemMode)) {
+        error = "sMemImgMode = \"" + c.sMemImgMode + "\" is not a mode: write octal permission bits such as 0600";
+        return false;
+    }
     out = s;
     return true;
 }
@@ -283,9 +287,14 @@ bool Simulator::open() {
     }
     if (!cfg_.sharedMemName.empty()) {
         m.shared.reset(new OrvosiSharedMem(cfg_.sharedMemName.c_str(),
-                                           static_cast<unsigned int>(kSharedHeader + imageSize)));
+                                           static_cast<unsigned int>(kSharedHeader + imageSize),
+                                           cfg_.sharedMemMode));
         if (!m.shared->isOk() || !reclaimSemaphore(cfg_.sharedMemName)) {
-            lastError_ = "Cannot create the shared-memory image \"" + cfg_.sharedMemName + "\"";
+            char mode[8];
+            std::snprintf(mode, sizeof mode, "%04o", cfg_.sharedMemMode);
+            lastError_ = "Cannot create the shared-memory image \"" + cfg_.sharedMemName + "\" with at most mode " +
+                         mode + ": /dev/shm/" + cfg_.sharedMemName + " or /dev/shm/sem." + cfg_.sharedMemName +
+                         "Sem may belong to another user; remove them";
             m.shared.reset();
             return false;
         }

@@ -68,6 +68,7 @@ struct SimConfig {
     int hubPort = 5006;
     int nftPort = 5007;
     std::string sharedMemName = "orvHubImage";  // empty: no shared-memory image
+    unsigned int sharedMemMode = 0666;           // at most these permission bits for the image and its semaphore
     std::string fileFolder = ".";                // what get and put file work on
 
     SimRates rates;

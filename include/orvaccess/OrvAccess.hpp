@@ -117,7 +117,9 @@ public:
     // others still open. With the TCP channel up, streaming is switched off
     // (the next getter switches it on). May block for the TCP connect.
     // @return true when the TCP channel or a receiving UDP port is open; the
-    // uplink sender and the shared memory alone do not count.
+    // uplink sender and the shared memory alone do not count. Also false,
+    // with nothing opened, when the configuration's "udpAllowedSenders" does
+    // not read ("Unable to open: udpAllowedSenders " and the entry).
     bool open();
     // Stops streaming and closes every channel; queues, error codes and the
     // last error stay. Always true.
@@ -230,6 +232,16 @@ public:
     // "Unable to wait for UDP: No receiving port open" (nothing could ever
     // arrive), or with "Unable to wait for UDP: " and the system's reason.
     bool waitUdp(int timeoutMs, bool* ready);
+    // Extension of the interface: the datagrams dropped unread, per port,
+    // because their sender is not in the configuration's
+    // "udpAllowedSenders" (IPv4 addresses or networks, separated by commas
+    // or blanks; absent or empty takes every sender). They are dropped
+    // before any check, so they queue no error code. Counted since the last
+    // open() and kept after close(). Does not drain the ports: call a getter
+    // or getStatus() first.
+    // @param[out] drops the five counts.
+    // @return false only when drops is null.
+    bool getSenderDrops(s_OrvAccessSenderDrops* drops);
     // Parse a packet the application holds, trusted as far as its own
     // length word; fields past it read as zeros. The service loop checks
     // and parses received datagrams itself.

@@ -109,6 +109,20 @@ typedef struct s_OrvAccessStatus {
                            * e_OrvAccessRxState */
 } s_OrvAccessStatus;
 
+/* Extension of the interface: datagrams that the service loop dropped
+ * unread, per receiving port, because their sender is not in the
+ * configuration's "udpAllowedSenders" list; counted since the last open().
+ * All 0 while the list is absent or empty (every sender is taken). */
+typedef struct s_OrvAccessSenderDrops {
+    uint64_t meta;  /* on the meta port ("udpOrvRxPort") */
+    uint64_t image; /* on the image port ("udpOrvRxImgPort") */
+    uint64_t core;  /* on the orvCore port ("udpOrvCorePort") */
+    uint64_t hub;   /* on the orvHub port ("udpOrvHubPort") */
+    uint64_t nft;   /* on the NFT port ("udpNftPort") */
+    uint32_t entries; /* addresses and networks in the list in force; 0: every
+                       * sender is taken */
+} s_OrvAccessSenderDrops;
+
 /* One queued error code; the high byte of code names its origin
  * (e_OrvAccessErrorOrigin); the library's own codes are e_OrvAccessError. */
 typedef struct s_OrvAccessErrorCode {
@@ -306,6 +320,9 @@ ORVACCESS_EXPORT int OrvAccess_getStatus(OrvAccess* handle, s_OrvAccessStatus* s
 /* Same as OrvAccess::waitUdp(); *ready is 1 when a datagram waits, else 0;
  * 1 or 0. */
 ORVACCESS_EXPORT int OrvAccess_waitUdp(OrvAccess* handle, int timeoutMs, int* ready);
+/* Extension: same as OrvAccess::getSenderDrops(); 1, or 0 when drops is
+ * NULL. */
+ORVACCESS_EXPORT int OrvAccess_getSenderDrops(OrvAccess* handle, s_OrvAccessSenderDrops* drops);
 /* @} */
 
 /* @name Errors

@@ -379,6 +379,22 @@ void bindAccess(py::module_& m) {
             return st;
         },
         "Services the ports, then reports the channels and what arrived since the last call (Status).");
+    cls.def(
+        "get_sender_drops",
+        [](PyAccess& a) {
+            s_OrvAccessSenderDrops d{};
+            checked(a, "get_sender_drops", [&](OrvAccess& o) { return o.getSenderDrops(&d); });
+            py::dict out;
+            out["meta"] = d.meta;
+            out["image"] = d.image;
+            out["core"] = d.core;
+            out["hub"] = d.hub;
+            out["nft"] = d.nft;
+            out["entries"] = d.entries;
+            return out;
+        },
+        "Extension: datagrams dropped per port since open() because their sender is not in udpAllowedSenders, "
+        "and the list's entries (0: every sender is taken); a dict. Does not service the ports.");
     cls.def("get_image_buf_size",
             [](PyAccess& a) { return locked(a, [](OrvAccess& o) { return o.getImageBufSize(); }); });
     cls.def(

@@ -1,7 +1,9 @@
 // The UDP service loop against real datagrams on 127.0.0.1: framing checks
 // and their error codes, dispatch order, flushing, failures, and a receive
 // path that does not allocate.
+#include <arpa/inet.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <sstream>
@@ -245,6 +247,115 @@ TEST_F(Service, BurstDoesNotAllocate) {
     EXPECT_EQ(allocationsDuring([&] { EXPECT_TRUE(access.serviceUdp(true)); }), 0);
     EXPECT_EQ(received(), 0x1B6u);
     EXPECT_TRUE(errorCodes().empty());
+}
+
+// A sender on a loopback address of the test's choosing: the whole of
+// 127/8 reaches this host, so the library sees 127.0.0.2 as another host.
+class UdpSenderFrom {
+public:
+    explicit UdpSenderFrom(const char* address) : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        inet_pton(AF_INET, address, &a.sin_addr);
+        bound_ = fd_ >= 0 && bind(fd_, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
+    }
+    ~UdpSenderFrom() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    bool bound() const { return bound_; }
+    bool send(int port, const Bytes& b) const {
+        const sockaddr_in to = loopback(port);
+        return sendto(fd_, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) ==
+               static_cast<ssize_t>(b.size());
+    }
+
+private:
+    int fd_;
+    bool bound_ = false;
+};
+
+class Senders : public Service {
+protected:
+    void SetUp() override {}
+    void sendFromOther(int which, const Bytes& b) { ASSERT_TRUE(other.send(port[which], b)); }
+    s_OrvAccessSenderDrops drops() {
+        s_OrvAccessSenderDrops d{};
+        EXPECT_EQ(OrvAccess_getSenderDrops(&access, &d), 1);
+        return d;
+    }
+    UdpSenderFrom other{"127.0.0.2"};
+};
+
+// With the list naming 127.0.0.1 only, whatever 127.0.0.2 sends is dropped
+// before its check (a damaged datagram queues no code), counted by port, and
+// nothing of it reaches a queue; past one read's batch too, and interleaved
+// with the datagrams that are taken. Without the list, or with one that
+// names the sender's network, the same datagrams are taken.
+TEST_F(Senders, DatagramsFromOtherSendersAreDroppedUncheckedAndCounted) {
+    ASSERT_TRUE(other.bound()) << "cannot bind a socket to 127.0.0.2";
+    openReceiver("udpAllowedSenders = 127.0.0.1\n");
+    Bytes damaged = frame(ORVWIRE_START_TRACKING, ORVWIRE_TRACKING_SIZE);
+    damaged[20] ^= 1;
+    const std::pair<int, Bytes> each[] = {{kMeta, frame(ORVWIRE_START_META, 40)},
+                                          {kImage, frame(ORVWIRE_START_IMAGE, 40)},
+                                          {kCore, damaged},
+                                          {kHub, frame(ORVWIRE_START_HUB_DATA, ORVWIRE_HUB_DATA_SIZE)},
+                                          {kNft, frame(ORVWIRE_START_NFT, 152)}};
+    for (const auto& [p, b] : each) sendFromOther(p, b);
+    EXPECT_EQ(received(), 0u);
+    EXPECT_TRUE(errorCodes().empty());
+    s_OrvAccessSenderDrops d = drops();
+    EXPECT_EQ(d.meta, 1u);
+    EXPECT_EQ(d.image, 1u);
+    EXPECT_EQ(d.core, 1u);
+    EXPECT_EQ(d.hub, 1u);
+    EXPECT_EQ(d.nft, 1u);
+
+    // 40 forged poses around 3 real ones: only the real ones are records.
+    const Bytes pose = frame(ORVWIRE_START_TRACKING, ORVWIRE_TRACKING_SIZE);
+    for (int k = 0; k < 43; ++k) {
+        if (k % 15 == 5) {
+            send(kCore, pose);
+        } else {
+            sendFromOther(kCore, pose);
+        }
+    }
+    EXPECT_TRUE(access.serviceUdp(false));
+    int taken = 0;
+    bool valid = true;
+    s_OrvAccessTrkDataExt r{};
+    while (access.getTrackingData(&valid, &r) && valid) ++taken;
+    EXPECT_EQ(taken, 3);
+    EXPECT_EQ(drops().core, 41u);
+    EXPECT_TRUE(errorCodes().empty());
+
+    // The counts stay after close and start again at open.
+    access.close();
+    EXPECT_EQ(drops().core, 41u);
+    for (const char* list : {"", "127.0.0.1, 127.0.0.0/30", "10.0.0.1 127.0.0.2"}) {
+        SCOPED_TRACE(list);
+        openReceiver(std::string("udpAllowedSenders = ") + list + "\n");
+        for (const auto& [p, b] : each) sendFromOther(p, b);
+        EXPECT_EQ(received(), ORVACCESS_RECV_META | ORVACCESS_RECV_IMAGE | ORVACCESS_RECV_HUB | ORVACCESS_RECV_NFT);
+        EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_TRACKING_PKT, 0}}));
+        d = drops();
+        EXPECT_EQ(d.meta + d.image + d.core + d.hub + d.nft, 0u);
+    }
+}
+
+// A list that does not read opens nothing, rather than taking every sender.
+TEST_F(Senders, AListThatDoesNotReadOpensNothing) {
+    for (const char* list : {"127.0.0.1, bogus", "127.1", "10.0.0.0/33", "127.0.0.1;lab"}) {
+        SCOPED_TRACE(list);
+        for (int& p : port)
+            if (p == 0) p = freePort();
+        access.setIniPath(dir.write("orvaccess.ini", receiverIni(port, std::string("udpAllowedSenders = ") + list)));
+        EXPECT_FALSE(access.open());
+        EXPECT_EQ(access.getLastError().rfind("Unable to open: udpAllowedSenders \"", 0), 0u) << access.getLastError();
+        bool ready = false;
+        EXPECT_FALSE(access.waitUdp(0, &ready));
+    }
+    EXPECT_EQ(OrvAccess_getSenderDrops(&access, nullptr), 0);
 }
 
 }  // namespace

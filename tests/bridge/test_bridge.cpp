@@ -172,8 +172,8 @@ TEST(Bridge, EverySubscriberGetsEveryPoseAndTheUplinkReachesTheTracker) {
     }
     // The bridge takes nothing from the library before all four readers of
     // the poses are there, and counts from its first record on.
-    orvtest::Process bridge({ORVBRIDGE, "--ini", sim.ini(), "--domain", d, "--reliable", "--duration", "4",
-                             "--horizon-ms", "25", "--wait-subscribers", std::to_string(kSubscribers + 1),
+    orvtest::Process bridge({ORVBRIDGE, "--ini", sim.ini(), "--domain", d, "--reliable", "--uplink", "--duration",
+                             "4", "--horizon-ms", "25", "--wait-subscribers", std::to_string(kSubscribers + 1),
                              "--wait-timeout", "60"},
                             (dir.path() / "bridge.out").string(), (dir.path() / "bridge.err").string());
 

@@ -238,6 +238,7 @@ TEST(IniCheck, ValuesAreTheLibrarysOwn) {
         EXPECT_EQ(real("TipOffsetXM"), c.tipOffsetM[0]);
         EXPECT_EQ(real("TipOffsetYM"), c.tipOffsetM[1]);
         EXPECT_EQ(real("TipOffsetZM"), c.tipOffsetM[2]);
+        EXPECT_EQ(text_("udpAllowedSenders"), c.udpAllowedSenders);
         // Whatever the library silently replaced by its default is flagged.
         for (const KeyValue& v : r.values) {
             if (!v.fellBack) continue;
@@ -349,3 +350,29 @@ TEST(Check, HeldPortsAndWhetherOrvRxAnswers) {
     EXPECT_NE(findingAt(r.findings, "unresolved", 0), nullptr);
     EXPECT_NE(findingAt(r.findings, "uplink-host", 0), nullptr);
 }
+
+namespace {
+
+// The extension keys: a sender list that would make open() fail and a mode
+// a producer refuses are warnings; a list in force and a mode that lets
+// every user write the image are notes.
+TEST(IniCheck, SenderListAndImageModeAreCheckedAsTheLibraryReadsThem) {
+    orvtest::TempDir dir;
+    const IniReport bad = checkIni(dir.write("bad.ini", "[Communication]\nudpAllowedSenders = 10.0.0.5, 10.0.0/24\n"
+                                                         "sMemImgMode = 0668\n"));
+    const Finding* senders = findingAt(bad.findings, "bad-senders", 2);
+    ASSERT_NE(senders, nullptr);
+    EXPECT_NE(senders->message.find("\"10.0.0/24\""), std::string::npos) << senders->message;
+    EXPECT_NE(senders->message.find("open() fails"), std::string::npos) << senders->message;
+    EXPECT_NE(findingAt(bad.findings, "bad-mode", 3), nullptr);
+
+    const IniReport good = checkIni(dir.write("good.ini", "[Communication]\nudpAllowedSenders = 10.0.0.5 10.0.1.0/24\n"
+                                                           "sMemImgMode = 0666\n"));
+    EXPECT_NE(findingAt(good.findings, "senders", 2), nullptr);
+    EXPECT_NE(findingAt(good.findings, "world-writable", 3), nullptr);
+    EXPECT_EQ(good.value("udpAllowedSenders").integer, 2);
+    EXPECT_EQ(good.value("sMemImgMode").integer, 0666);
+    for (const Finding& f : good.findings) EXPECT_NE(f.severity, Severity::Warning) << f.message;
+}
+
+}  // namespace

@@ -25,7 +25,8 @@ if [ -n "$bad" ]; then
   exit 1
 fi
 
-# The C interface: the 43 functions every application has, waitUdp, and
+# The C interface: the 43 functions every application has, waitUdp and
+# getSenderDrops (extensions), and
 # the two clock helpers.
 c_functions="create destroy open close setIniPath getVersion getBuildDate getTimeUs getStatus
   getLastError getErrorCode getErrorMessage getTrackingDataLatest getTrackingDataAtTime
@@ -33,13 +34,13 @@ c_functions="create destroy open close setIniPath getVersion getBuildDate getTim
   setPrediction setBoresightRef setTipOffset processMetaPkt processTrackingPkt getImuData
   getImuDataLatest getAuxData getAuxDataLatest getDiagData getDiagDataLatest getGpsData
   getTargetCount setPlatformPoseData setGpsData sendInputData setRegister getRegister
-  setStreaming getStreaming transactImu getFile getImageBufSize getImage getImageInfo waitUdp"
+  setStreaming getStreaming transactImu getFile getImageBufSize getImage getImageInfo waitUdp getSenderDrops"
 count=0
 for f in $c_functions; do
   grep -qw "OrvAccess_$f" <<<"$plain" || { echo "missing export: OrvAccess_$f"; exit 1; }
   count=$((count + 1))
 done
-[ "$count" -eq 44 ] || { echo "expected 44 C functions, checked $count"; exit 1; }
+[ "$count" -eq 45 ] || { echo "expected 45 C functions, checked $count"; exit 1; }
 for sym in OrvosiUtil_snoozeMs OrvosiUtil_getTimeMs; do
   grep -qw "$sym" <<<"$plain" || { echo "missing export: $sym"; exit 1; }
 done

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -106,4 +107,48 @@ TEST(Semaphore, TimedTakeOwnerJoinerAndUnnamed) {
     EXPECT_FALSE(OrvosiSemaphore(name.c_str()).isOk());  // the owner removed it
     OrvosiSemaphore unnamed, counted(nullptr, 1);
     EXPECT_TRUE(!unnamed.trytake() && counted.trytake() && !counted.trytake());
+}
+
+// The bits of a file below /dev/shm, where the region and glibc's named
+// semaphores live; -1 when it is not there.
+int modeOf(const std::string& file) {
+    struct stat st {};
+    return stat(("/dev/shm/" + file).c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 0777) : -1;
+}
+
+// The region and its semaphore get no permission beyond the mode asked for:
+// fresh ones, and ones an earlier creator left readable and writable by
+// everyone, which are narrowed before anything is written into them. The
+// owner still uses them as before.
+TEST(SharedMem, RegionAndSemaphoreGetNoWiderPermissionsThanAsked) {
+    const Name fresh("ModeFresh"), left("ModeLeft");
+    {
+        OrvosiSharedMem producer(fresh.c_str(), 512, 0600), reader(fresh.c_str());
+        ASSERT_TRUE(producer.isOk() && reader.isOk());
+        EXPECT_EQ(modeOf(fresh) & ~0600, 0) << std::oct << modeOf(fresh);
+        ASSERT_NE(modeOf("sem." + fresh + "Sem"), -1);
+        EXPECT_EQ(modeOf("sem." + fresh + "Sem") & ~0600, 0) << std::oct << modeOf("sem." + fresh + "Sem");
+        ASSERT_NE(reader.get(), nullptr);
+        EXPECT_TRUE(reader.release());
+    }
+
+    // Left behind wide open (fchmod and chmod are not narrowed by the umask).
+    const int fd = shm_open(("/" + left).c_str(), O_CREAT | O_RDWR, 0666);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(fchmod(fd, 0666), 0);
+    close(fd);
+    sem_t* sem = sem_open(("/" + left + "Sem").c_str(), O_CREAT, 0666, 1);
+    ASSERT_NE(sem, SEM_FAILED);
+    sem_close(sem);
+    ASSERT_EQ(chmod(("/dev/shm/sem." + left + "Sem").c_str(), 0666), 0);
+    ASSERT_EQ(modeOf(left), 0666);
+
+    OrvosiSharedMem producer(left.c_str(), 512, 0640), reader(left.c_str());
+    ASSERT_TRUE(producer.isOk() && reader.isOk());
+    EXPECT_EQ(modeOf(left), 0640);
+    EXPECT_EQ(modeOf("sem." + left + "Sem"), 0640);
+    // The default keeps what a creator always made.
+    OrvosiSharedMem again(left.c_str(), 512);
+    EXPECT_TRUE(again.isOk());
+    EXPECT_EQ(modeOf(left), 0640);
 }
