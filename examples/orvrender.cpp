@@ -45,8 +45,8 @@ void render(const OrvPoseFeed& feed, const std::atomic<bool>& running, FrameStat
             stats.lastTag = pose.data.packetTag;
             stats.lastYawDeg = pose.data.euler[2] * kRadToDeg;
             stats.lastPredictionMs = pose.predictionS * 1000.0;
+            if (pose.stale) stats.stale += 1;  // an old pose: the tracker has gone quiet
         }
-        if (pose.stale) stats.stale += 1;
         stats.frames += 1;  // ... draw the scene with pose.data.cbn and pose.data.position
     }
 }

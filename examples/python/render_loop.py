@@ -29,8 +29,8 @@ def render(feed, stop, stats):
         display_us = round(orvaccess.get_time_ms() * 1000) + FRAME_TO_DISPLAY_US
         frame = reader.at_time(display_us)
         stats["frames"] += 1
-        stats["stale"] += frame.stale
         if frame.pose is not None:
+            stats["stale"] += frame.stale  # an old pose: the tracker has gone quiet
             stats["new"] += frame.sequence != last_sequence
             last_sequence = frame.sequence
             stats["last"] = frame
