@@ -239,8 +239,22 @@ typedef struct s_OrvAccessHubData {
     uint8_t lastByte; /* passed through */
 } s_OrvAccessHubData;
 
+/* One pose handed out by a pose feed (OrvPoseFeed, OrvPoseFeed_...): the
+ * newest tracking record, adjusted or predicted, with what a renderer needs
+ * to judge it. 488 bytes. */
+typedef struct s_OrvPoseFeedPose {
+    s_OrvAccessTrkDataExt data; /* the record, adjusted (and predicted) as the access object's getters do; untouched while valid is 0 */
+    uint64_t sequence;          /* tracking records the feed has taken since it was made (data is the last); 0 = none yet */
+    uint64_t receivedUs;        /* library clock when the service thread published the record, us; 0 = none yet */
+    uint64_t ageUs;             /* now minus receivedUs at the call, us; 0 when none yet or the clock went back */
+    double predictionS;         /* the interval the attitude was extrapolated by, s */
+    int32_t valid;              /* 1 when data holds a record, 0 before the first */
+    int32_t stale;              /* 1 when no record came for longer than the stale time (always before the first) */
+} s_OrvPoseFeedPose;
+
 #if defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L && !defined(__cplusplus)
 _Static_assert(sizeof(s_OrvAccessTrkDataExt) == 448, "the tracking record is 448 bytes");
+_Static_assert(sizeof(s_OrvPoseFeedPose) == 488, "the feed pose is 488 bytes");
 #endif
 
 /* ---- enumerations ------------------------------------------------------- */
@@ -283,10 +297,16 @@ typedef enum e_OrvAccessImageFormat {
 /* Opaque handle to an access object (the C++ class OrvAccess). */
 #ifdef __cplusplus
 class OrvAccess;
+class OrvPoseFeed;
 extern "C" {
 #else
 typedef struct OrvAccess OrvAccess;
+/* Opaque handle to a pose feed (the C++ class OrvPoseFeed). */
+typedef struct OrvPoseFeed OrvPoseFeed;
 #endif
+/* Opaque handle to one render thread's reader of a feed (in C++ an
+ * OrvPoseFeed::Reader behind this name). */
+typedef struct OrvPoseFeedReader OrvPoseFeedReader;
 
 /* @name Lifecycle
  * open() reads the configuration file and opens every enabled channel; it
@@ -451,6 +471,60 @@ ORVACCESS_EXPORT int OrvAccess_getImage(OrvAccess* handle, int* percent, e_OrvAc
 /* Same as OrvAccess::getImageInfo(); 1 or 0. */
 ORVACCESS_EXPORT int OrvAccess_getImageInfo(OrvAccess* handle, e_OrvAccessImageFormat format,
                                             unsigned long* size, int* width, int* height, int* bytesPerPixel);
+/* @} */
+
+/* @name Pose feed for render threads
+ * A feed owns an open access object and a service thread that publishes
+ * the newest pose; any number of threads read it without a system call, a
+ * lock, an allocation or waiting (OrvPoseFeed_getLatest(),
+ * OrvPoseFeedReader_getAtTime()). Everything else the access object offers
+ * is used between OrvPoseFeed_lockAccess() and OrvPoseFeed_unlockAccess().
+ * Each function does what the C++ method of the same name does (class
+ * OrvPoseFeed in OrvPoseFeed.hpp); none lets an exception through.
+ * @{ */
+/* Opens an access object with the configuration file iniPath (NULL:
+ * "orvaccess.ini") and starts the service thread.
+ * @return the feed, or NULL with the reason copied into why (at most len
+ * bytes; why may be NULL), e.g. "Unable to open any connections". */
+ORVACCESS_EXPORT OrvPoseFeed* OrvPoseFeed_create(const char* iniPath, char* why, size_t len);
+/* Stops the thread, closes the access object and frees the feed. Readers
+ * must be destroyed first. NULL does nothing. */
+ORVACCESS_EXPORT void OrvPoseFeed_destroy(OrvPoseFeed* feed);
+/* Same as OrvPoseFeed::start(); 1 or 0 (reason: OrvPoseFeed_getLastError()). */
+ORVACCESS_EXPORT int OrvPoseFeed_start(OrvPoseFeed* feed);
+/* Same as OrvPoseFeed::stop(): joins the thread within a bounded time; 1. */
+ORVACCESS_EXPORT int OrvPoseFeed_stop(OrvPoseFeed* feed);
+/* Same as OrvPoseFeed::isRunning(); 1 or 0. */
+ORVACCESS_EXPORT int OrvPoseFeed_isRunning(const OrvPoseFeed* feed);
+/* Same as OrvPoseFeed::getLastError(), copied into buf (len bytes at most). */
+ORVACCESS_EXPORT char* OrvPoseFeed_getLastError(const OrvPoseFeed* feed, char* buf, size_t len);
+/* Same as OrvPoseFeed::getServiceError(), copied into buf (len bytes at most). */
+ORVACCESS_EXPORT char* OrvPoseFeed_getServiceError(const OrvPoseFeed* feed, char* buf, size_t len);
+/* Same as OrvPoseFeed::setStaleTimeUs(): us without a new pose after which
+ * a pose is stale; any thread. */
+ORVACCESS_EXPORT void OrvPoseFeed_setStaleTimeUs(OrvPoseFeed* feed, unsigned long staleUs);
+/* Same as OrvPoseFeed::getLatest(): any thread, lock-free; 1 when a pose
+ * was delivered (pose->valid), else 0. */
+ORVACCESS_EXPORT int OrvPoseFeed_getLatest(const OrvPoseFeed* feed, s_OrvPoseFeedPose* pose);
+/* A reader for one render thread (OrvPoseFeed::Reader); NULL when out of
+ * memory. */
+ORVACCESS_EXPORT OrvPoseFeedReader* OrvPoseFeedReader_create(const OrvPoseFeed* feed);
+/* Frees a reader; NULL does nothing. */
+ORVACCESS_EXPORT void OrvPoseFeedReader_destroy(OrvPoseFeedReader* reader);
+/* Same as OrvPoseFeed::Reader::getAtTime(): the pose predicted to
+ * displayTimeUs (us, library clock); lock-free; 1 when delivered, else 0. */
+ORVACCESS_EXPORT int OrvPoseFeedReader_getAtTime(OrvPoseFeedReader* reader, unsigned long displayTimeUs,
+                                                 s_OrvPoseFeedPose* pose);
+/* Same as OrvPoseFeed::Reader::resetDisplayClock(). */
+ORVACCESS_EXPORT void OrvPoseFeedReader_resetDisplayClock(OrvPoseFeedReader* reader);
+/* Takes the feed's lock (the service thread finishes its pass first) and
+ * lends its access object: pass it to any OrvAccess_ function but
+ * OrvAccess_open, OrvAccess_close and OrvAccess_destroy until
+ * OrvPoseFeed_unlockAccess(). Never on a render thread. NULL only when the
+ * lock could not be taken. */
+ORVACCESS_EXPORT OrvAccess* OrvPoseFeed_lockAccess(OrvPoseFeed* feed);
+/* Publishes the pose settings again and releases the lock. */
+ORVACCESS_EXPORT void OrvPoseFeed_unlockAccess(OrvPoseFeed* feed);
 /* @} */
 
 /* @name The library clock for applications
