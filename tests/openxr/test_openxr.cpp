@@ -135,16 +135,16 @@ TEST(Mount, TrackerFramesBecomeOpenXrs) {
         EXPECT_VEC(h.p, 1, 1.2, 0);
     }
     {
-        // Relative to the platform: a platform yawed by 90 degrees carrying
-        // a head yawed by 90 degrees and 1 m east leaves the head facing the
-        // platform's forward, 1 m to its left... of the platform's right.
+        // Relative to the platform: a platform yawed by 90 degrees (facing
+        // east) carrying a head that faces east 1 m east of the origin: the
+        // head faces the platform's forward, 1 m ahead of its origin.
         const double pe[3] = {0, 0, kPi / 2};
         double platform[3][3];
         OrvosiMath::euler2Cbn(pe, platform);
         const Rigid h = Mount().headPose(recordOf(0, 0, kPi / 2, 0, 1, 0), platform);
         axesOf(h, fwd, right, up);
         EXPECT_VEC(fwd, 0, 0, -1);
-        EXPECT_VEC(h.p, 0, 0, -1);  // east is the platform's forward
+        EXPECT_VEC(h.p, 0, 0, -1);
     }
     // Composition and inversion round-trip through OpenXR's pose type.
     const Rigid a = fromXr(rt::kHead), b = fromXr(rt::kEyes[0]);
@@ -494,8 +494,6 @@ TEST(Layer, ViewsAreTheTrackersPosePredictedToTheDisplayTime) {
     for (;;) {
         s_OrvAccessTrkDataExt rec;
         const XrPosef want = toXr(expected(last.poseTime + 10000, &rec));
-        XrView v[2];
-        app.views(app.view_, app.xrTimeOf(last.poseTime + 10000), v);
         const XrSpaceLocation head = app.locate(app.view_, app.local_, app.xrTimeOf(last.poseTime + 10000));
         if (std::fabs(head.pose.position.x - want.position.x) < 2e-5 &&
             std::fabs(std::fabs(head.pose.orientation.y) - std::fabs(want.orientation.y)) < 2e-5)
