@@ -268,8 +268,15 @@ private:
     std::vector<unsigned char> last_;
 };
 
+// The tracking datagrams go through the relay; the NFT source, whose poses
+// share the tracking record, stays silent, so that muting the relay
+// silences every pose.
 int gRelayPort = 0;
-void toRelay(orvsim::SimConfig& c) { c.corePort = gRelayPort; }
+void toRelay(orvsim::SimConfig& c) {
+    c.corePort = gRelayPort;
+    c.nftPort = 0;
+    c.rates.nft = 0.0;
+}
 
 constexpr const char* kProcessing =
     "[Processing]\nvirtualSyncCtrl = 2\npredictionS = 0.004\nBoresightRefYawRad = 0.1\nTipOffsetXM = 0.05\n";
