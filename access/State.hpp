@@ -145,6 +145,14 @@ struct OrvAccess::State {
     unsigned char openPorts[5] = {};
     size_t openPortCount = 0;
 
+    // Set by a pose feed, which owns the object: a descriptor that wakes its
+    // service thread from waitUdp() (joined to the ready set at open; -1:
+    // none), and the most passes one serviceUdp() makes (0: no limit), so
+    // that a flood cannot keep the thread from publishing or stopping.
+    // Whatever a limited call leaves pending waits for the next call.
+    int wakeFd = -1;
+    size_t passLimit = 0;
+
     // The meta packet being parsed, for its IMU subpacket.
     uint32_t metaTag = 0;
     uint64_t metaTimeUs = 0;
@@ -168,6 +176,12 @@ struct OrvAccess::State {
     void addErrorCode(unsigned short code, unsigned int value);
     // Stores the reason of a failure; echoed as "ORVAERR: " under bit 0x4 when asked.
     void fail(const std::string& text, bool echo);
+};
+
+// The library's own way to an object's state from outside its members (the
+// C wrappers' refusals, the pose feed).
+struct OrvAccessWrapperAccess {
+    static OrvAccess::State& state(OrvAccess& access) { return *access.st_; }
 };
 
 // The shape of every queue getter: service the ports (unless the manual

@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 #include <type_traits>
 
 #include "access/State.hpp"
 #include "orvaccess/OrvAccess.hpp"
+#include "orvaccess/OrvPoseFeed.hpp"
 #include "osi/OrvosiUtil.hpp"
 
 namespace {
@@ -86,10 +88,6 @@ constexpr unsigned int kImageFormatValues = 64;
 static_assert(ORVACCESS_IMG_1280x960_3 < kImageFormatValues, "a format code beyond six bits");
 
 }  // namespace
-
-struct OrvAccessWrapperAccess {
-    static OrvAccess::State& state(OrvAccess& access) { return *access.st_; }
-};
 
 namespace {
 
@@ -385,6 +383,75 @@ int OrvAccess_getImageInfo(OrvAccess* handle, e_OrvAccessImageFormat format, uns
     }
     const auto legalOrNot = static_cast<e_OrvAccessImageFormat>(code);
     return status([&] { return handle->getImageInfo(legalOrNot, size, width, height, bytesPerPixel); });
+}
+
+// ---- the pose feed ------------------------------------------------------------------
+
+namespace {
+OrvPoseFeed::Reader* reader(OrvPoseFeedReader* handle) { return reinterpret_cast<OrvPoseFeed::Reader*>(handle); }
+}  // namespace
+
+OrvPoseFeed* OrvPoseFeed_create(const char* iniPath, char* why, size_t len) {
+    std::string reason = kExceptionText;
+    OrvPoseFeed* feed = guarded(static_cast<OrvPoseFeed*>(nullptr), [&]() -> OrvPoseFeed* {
+        std::unique_ptr<OrvPoseFeed> made(new OrvPoseFeed(iniPath != nullptr ? iniPath : "orvaccess.ini"));
+        reason = made->getLastError();
+        return made->isRunning() ? made.release() : nullptr;
+    });
+    if (feed == nullptr) copyText(reason, why, len);
+    return feed;
+}
+
+void OrvPoseFeed_destroy(OrvPoseFeed* feed) {
+    quietly([&] { delete feed; });
+}
+
+int OrvPoseFeed_start(OrvPoseFeed* feed) {
+    return status([&] { return feed->start(); });
+}
+
+int OrvPoseFeed_stop(OrvPoseFeed* feed) {
+    return status([&] { return feed->stop(); });
+}
+
+int OrvPoseFeed_isRunning(const OrvPoseFeed* feed) {
+    return status([&] { return feed->isRunning(); });
+}
+
+char* OrvPoseFeed_getLastError(const OrvPoseFeed* feed, char* buf, size_t len) {
+    return text(buf, len, [&] { return feed->getLastError(); });
+}
+
+char* OrvPoseFeed_getServiceError(const OrvPoseFeed* feed, char* buf, size_t len) {
+    return text(buf, len, [&] { return feed->getServiceError(); });
+}
+
+void OrvPoseFeed_setStaleTimeUs(OrvPoseFeed* feed, unsigned long staleUs) { feed->setStaleTimeUs(staleUs); }
+
+int OrvPoseFeed_getLatest(const OrvPoseFeed* feed, s_OrvPoseFeedPose* pose) {
+    return feed->getLatest(pose) ? 1 : 0;
+}
+
+OrvPoseFeedReader* OrvPoseFeedReader_create(const OrvPoseFeed* feed) {
+    return guarded(static_cast<OrvPoseFeedReader*>(nullptr), [&] {
+        return reinterpret_cast<OrvPoseFeedReader*>(new OrvPoseFeed::Reader(*feed));
+    });
+}
+
+void OrvPoseFeedReader_destroy(OrvPoseFeedReader* handle) { delete reader(handle); }
+
+int OrvPoseFeedReader_getAtTime(OrvPoseFeedReader* handle, unsigned long displayTimeUs, s_OrvPoseFeedPose* pose) {
+    return reader(handle)->getAtTime(displayTimeUs, pose) ? 1 : 0;
+}
+
+void OrvPoseFeedReader_resetDisplayClock(OrvPoseFeedReader* handle) { reader(handle)->resetDisplayClock(); }
+
+OrvAccess* OrvPoseFeed_lockAccess(OrvPoseFeed* feed) {
+    return guarded(static_cast<OrvAccess*>(nullptr), [&] { return feed->lockAccess(); });
+}
+
+void OrvPoseFeed_unlockAccess(OrvPoseFeed* feed) {
+    quietly([&] { feed->unlockAccess(); });
 }
 
 // ---- the library clock --------------------------------------------------------------

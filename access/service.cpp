@@ -202,10 +202,12 @@ bool OrvAccess::serviceUdp(bool startStreaming) {
     bool imageBusy = false;  // the image port's last read brought a piece
     size_t held = s.heldDatagrams();
     bool ok = true;
-    for (bool dispatched = true; dispatched && ok;) {
+    size_t passes = 0;
+    for (bool dispatched = true; dispatched && ok && (s.passLimit == 0 || passes < s.passLimit); ++passes) {
         dispatched = false;
         const bool holding = held > 0;
-        bool readyNow[orvwire::kPortCount] = {};
+        // Room for a wake descriptor beside the ports; it is never read here.
+        bool readyNow[OrvosiReadySet::kMaxMembers] = {};
         int ready = 0;
         if (!holding) {
             // Without a ready set (or should it fail) every open socket is read.
@@ -289,7 +291,7 @@ bool OrvAccess::waitUdp(int timeoutMs, bool* ready) {
         return true;
     }
     // Without the set (it could not be made at open) this fails with the reason.
-    bool readyNow[orvwire::kPortCount] = {};
+    bool readyNow[OrvosiReadySet::kMaxMembers] = {};
     const int n = s.readySet.wait(readyNow, timeoutMs);
     if (n < 0) {
         s.fail("Unable to wait for UDP: " + s.readySet.getLastError(), true);
@@ -300,7 +302,7 @@ bool OrvAccess::waitUdp(int timeoutMs, bool* ready) {
 }
 
 void OrvAccess::State::prepareReadAhead() {
-    int fds[orvwire::kPortCount];
+    int fds[orvwire::kPortCount + 1];
     openPortCount = 0;
     for (int p = 0; p < orvwire::kPortCount; ++p) {
         ahead[p].clear();
@@ -311,7 +313,10 @@ void OrvAccess::State::prepareReadAhead() {
         openPorts[openPortCount++] = static_cast<unsigned char>(p);
     }
     // Without the set the loop still works, reading every socket each pass.
-    if (!readySet.open(fds, openPortCount)) OrvUtil::logLine(cfg.verbosity, readySet.getLastError());
+    // A wake descriptor joins last, so that member i is still port openPorts[i].
+    size_t members = openPortCount;
+    if (wakeFd >= 0 && openPortCount > 0) fds[members++] = wakeFd;
+    if (!readySet.open(fds, members)) OrvUtil::logLine(cfg.verbosity, readySet.getLastError());
 }
 
 // The hub port is left alone: hub packets survive a flush.

@@ -29,8 +29,7 @@ bool OrvAccess::getTrackingData(bool* valid, s_OrvAccessTrkDataExt* data) {
 // computes its own.
 void OrvAccess::updateExports(double predictionS, s_OrvAccessTrkDataExt* data) {
     const State& s = *st_;
-    if (s.neutralAdjustment && predictionS == 0.0 && OrvPose::adjustNeutral(data)) return;
-    OrvPose::adjust(predictionS, s.boresight, s.tipOffset, data);
+    OrvPose::exportRecord(predictionS, s.neutralAdjustment, s.boresight, s.tipOffset, data);
 }
 
 bool OrvAccess::setPrediction(float seconds) {

@@ -23,4 +23,13 @@ bool isNeutral(const double ref[3][3], const double tip[3]);
 // depends on which NaN the hardware propagates, so the caller runs adjust().
 bool adjustNeutral(s_OrvAccessTrkDataExt* rec);
 
+// The adjustment every handed-out record goes through: the shortcut when
+// the parameters are neutral (`neutral` is isNeutral(ref, tip), decided when
+// they change) and dt is 0 and it applies, else the full path.
+inline void exportRecord(double dt, bool neutral, const double ref[3][3], const double tip[3],
+                         s_OrvAccessTrkDataExt* rec) {
+    if (neutral && dt == 0.0 && adjustNeutral(rec)) return;
+    adjust(dt, ref, tip, rec);
+}
+
 }  // namespace OrvPose

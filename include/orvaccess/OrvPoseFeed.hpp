@@ -66,7 +66,8 @@ public:
     // What the service thread last ran into, "" while all is well: a failed
     // service pass or wait (the access object's text, e.g. "Error receiving
     // from orvCore: ..."), or, while running, "No pose for N ms (stale after
-    // M ms): ..." when the tracker has gone quiet. Takes the lock briefly.
+    // M ms): ..." when the tracker has gone quiet. "" when stopped. Never
+    // waits for the service thread.
     std::string getServiceError() const;
 
     // ---- settings ----

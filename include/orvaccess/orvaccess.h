@@ -230,7 +230,7 @@ typedef struct s_OrvAccessHubData {
  * to judge it. 488 bytes. */
 typedef struct s_OrvPoseFeedPose {
     s_OrvAccessTrkDataExt data; /* the record, adjusted (and predicted) as the access object's getters do; untouched while valid is 0 */
-    uint64_t sequence;          /* tracking records the feed has published since it was made; 0 = none yet */
+    uint64_t sequence;          /* tracking records the feed has taken since it was made (data is the last); 0 = none yet */
     uint64_t receivedUs;        /* library clock when the service thread published the record, us; 0 = none yet */
     uint64_t ageUs;             /* now minus receivedUs at the call, us; 0 when none yet or the clock went back */
     double predictionS;         /* the interval the attitude was extrapolated by, s */
