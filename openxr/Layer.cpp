@@ -124,7 +124,8 @@ struct SpaceState {
     SessionState* session = nullptr;
     bool reference = false;
     XrReferenceSpaceType type = XR_REFERENCE_SPACE_TYPE_VIEW;
-    Rigid offset;  // the space's origin in its reference frame
+    Rigid offset;   // the space's origin in its reference frame
+    Rigid inverse;  // and the way back, made once
 };
 
 HandleTable<InstanceState, 8> gInstances;
@@ -268,6 +269,7 @@ void remember(SessionState* s, XrSpace space, bool reference, XrReferenceSpaceTy
     sp->reference = reference;
     sp->type = type;
     sp->offset = fromXr(pose);
+    sp->inverse = orvxr::inverse(sp->offset);
     if (!gSpaces.add(key(space), sp)) delete sp;  // unknown to the layer: passes through
 }
 
@@ -346,7 +348,7 @@ XrResult XRAPI_CALL hookLocateViews(XrSession session, const XrViewLocateInfo* i
         state->viewStateFlags = 0;
         return r;
     }
-    const Rigid world = compose(inverse(base->offset), head);
+    const Rigid world = compose(base->inverse, head);
     const uint32_t n = *count < capacity ? *count : capacity;
     for (uint32_t i = 0; i < n; ++i) views[i].pose = toXr(compose(world, fromXr(views[i].pose)));
     state->viewStateFlags = kViewValid | (h == Head::Tracked ? kViewTracked : 0);
@@ -379,7 +381,7 @@ XrResult XRAPI_CALL hookLocateSpace(XrSpace space, XrSpace baseSpace, XrTime tim
         location->locationFlags = 0;
         return r;
     }
-    const Rigid pose = isView(a) ? compose(inverse(b->offset), compose(head, a->offset))
+    const Rigid pose = isView(a) ? compose(b->inverse, compose(head, a->offset))
                                  : compose(inverse(compose(head, b->offset)), a->offset);
     location->pose = toXr(pose);
     location->locationFlags = kValid | (h == Head::Tracked ? kTracked : 0);

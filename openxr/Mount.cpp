@@ -14,10 +14,6 @@ void mul(const double a[3][3], const double b[3][3], double out[3][3]) {
     OrvosiMath::matrixMult(3, 3, 3, &a[0][0], &b[0][0], &out[0][0]);
 }
 
-void mulT(const double a[3][3], const double b[3][3], double out[3][3]) {
-    OrvosiMath::matrixMultTrans(3, 3, 3, &a[0][0], &b[0][0], &out[0][0]);
-}
-
 void apply(const double a[3][3], const double v[3], double out[3]) {
     OrvosiMath::matrixMult(3, 3, 1, &a[0][0], v, out);
 }
@@ -61,9 +57,15 @@ XrPosef toXr(const Rigid& t) {
 }
 
 Mount::Mount(const MountSettings& s) {
-    OrvosiMath::euler2Cbn(s.mountRpyRad, mount_);
-    OrvosiMath::euler2Cbn(s.displayRpyRad, display_);
-    OrvosiMath::matrixCopy(3, 1, s.mountXyzM, mountT_);
+    // The constant ends of the product are made once: A * M on the left,
+    // D * A^T on the right, and A * t.
+    double m[3][3], d[3][3], axesT[3][3];
+    OrvosiMath::euler2Cbn(s.mountRpyRad, m);
+    OrvosiMath::euler2Cbn(s.displayRpyRad, d);
+    OrvosiMath::matrixTrans(3, 3, &kAxes[0][0], &axesT[0][0]);
+    mul(kAxes, m, left_);
+    mul(d, axesT, right_);
+    apply(kAxes, s.mountXyzM, mountT_);
     OrvosiMath::matrixCopy(3, 1, s.displayXyzM, displayT_);
 }
 
@@ -78,26 +80,20 @@ Rigid Mount::headPose(const s_OrvAccessTrkDataExt& rec, const double (*platformC
     apply(cbn, displayT_, arm);
     OrvosiMath::matrixAdd(3, 1, pos, arm, pos);
     if (platformCbn != nullptr) {
-        double t[3][3], v[3];
+        // P^T * cbn and P^T * pos.
+        double c[3][3], v[3], t[3][3];
         OrvosiMath::matrixTrans(3, 3, &platformCbn[0][0], &t[0][0]);
-        double c[3][3];
         mul(t, cbn, c);
         OrvosiMath::matrixCopy(3, 3, &c[0][0], &cbn[0][0]);
         apply(t, pos, v);
         OrvosiMath::matrixCopy(3, 1, v, pos);
     }
-    double head[3][3], world[3][3], worldPos[3];
-    mul(cbn, display_, head);
-    mul(mount_, head, world);
-    apply(mount_, pos, worldPos);
-    OrvosiMath::matrixAdd(3, 1, worldPos, mountT_, worldPos);
-
-    // Into OpenXR's axes: A * world * A^T for the attitude, A * p for points.
     Rigid out;
     double tmp[3][3];
-    mul(kAxes, world, tmp);
-    mulT(tmp, kAxes, out.r);
-    apply(kAxes, worldPos, out.p);
+    mul(left_, cbn, tmp);
+    mul(tmp, right_, out.r);
+    apply(left_, pos, out.p);
+    OrvosiMath::matrixAdd(3, 1, out.p, mountT_, out.p);
     return out;
 }
 

@@ -56,10 +56,10 @@ public:
     Rigid headPose(const s_OrvAccessTrkDataExt& rec, const double (*platformCbn)[3] = nullptr) const;
 
 private:
-    double mount_[3][3];
-    double mountT_[3];
-    double display_[3][3];
-    double displayT_[3];
+    double left_[3][3];   // A * M
+    double right_[3][3];  // D * A^T
+    double mountT_[3];    // A * t
+    double displayT_[3];  // d, body axes
 };
 
 }  // namespace orvxr
