@@ -20,6 +20,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -146,6 +147,14 @@ OrvPoseFeed* acquireFeed(const LayerConfig& cfg, uint64_t* generation) {
     FeedHolder& h = feedHolder();
     std::lock_guard<std::mutex> lock(h.mutex);
     if (!h.feed) {
+        // The library takes a missing file for all defaults; here it is
+        // surely a wrong path.
+        std::error_code ec;
+        if (!std::filesystem::is_regular_file(cfg.iniPath, ec)) {
+            say("the library's configuration file " + cfg.iniPath +
+                " does not exist; the runtime's poses pass through (set ORVACCESS_XR_INI or [Layer] ini)");
+            return nullptr;
+        }
         auto feed = std::make_unique<OrvPoseFeed>(cfg.iniPath);
         if (!feed->isRunning()) {
             say("the tracker's feed did not start with " + cfg.iniPath + ": " + feed->getLastError() +

@@ -116,9 +116,12 @@ int main(int argc, char** argv) {
         if (good && count == 2) {
             const XrVector3f& l = views[0].pose.position;
             const XrVector3f& r = views[1].pose.position;
-            std::printf("%5d  %17lld   %s  (%+.3f, %+.3f, %+.3f)   (%+.3f, %+.3f, %+.3f)\n", f + 1,
-                        static_cast<long long>(fs.predictedDisplayTime), flagsText(vs.viewStateFlags), l.x, l.y, l.z,
-                        r.x, r.y, r.z);
+            std::printf("%5d  %17lld   %s", f + 1, static_cast<long long>(fs.predictedDisplayTime),
+                        flagsText(vs.viewStateFlags));
+            if (vs.viewStateFlags & XR_VIEW_STATE_POSITION_VALID_BIT)
+                std::printf("  (%+.3f, %+.3f, %+.3f)   (%+.3f, %+.3f, %+.3f)\n", l.x, l.y, l.z, r.x, r.y, r.z);
+            else
+                std::printf("  -                          -\n");
             if (std::strncmp(flagsText(vs.viewStateFlags), "tracked", 7) == 0) ++tracked;
         }
         auto fei = xrStruct<XrFrameEndInfo>(XR_TYPE_FRAME_END_INFO);

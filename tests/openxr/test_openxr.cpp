@@ -605,6 +605,14 @@ TEST(Layer, UnmodifiedApplicationWithTheValidationLayerAroundIt) {
         EXPECT_NE(r.out.find(" tracked "), std::string::npos) << r.out;
         EXPECT_EQ(r.out.find("with 0 tracked views"), std::string::npos) << r.out;
     }
+    // A wrong path to the library's file is named, and the application runs
+    // on with the runtime's own head.
+    setenv("ORVACCESS_XR_INI", (tracker.dir.path() / "nosuch.ini").c_str(), 1);
+    const orvtest::Ran r = orvtest::run({ORVXR_APP, "--frames", "3"}, tracker.dir.path().string(), 60.0);
+    unsetenv("ORVACCESS_XR_INI");
+    EXPECT_EQ(r.code, 0) << r.out << r.err;
+    EXPECT_NE(r.err.find("nosuch.ini does not exist; the runtime's poses pass through"), std::string::npos) << r.err;
+    EXPECT_NE(r.out.find("(+0.069, +1.600, -0.191)"), std::string::npos) << r.out;
 }
 
 }  // namespace
