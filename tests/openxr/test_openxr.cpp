@@ -271,9 +271,10 @@ private:
 // The tracking datagrams go through the relay; the NFT source, whose poses
 // share the tracking record, stays silent, so that muting the relay
 // silences every pose.
-int gRelayPort = 0;
+int gRelayPort = 0, gMetaRelayPort = 0;
 void toRelay(orvsim::SimConfig& c) {
     c.corePort = gRelayPort;
+    c.metaPort = gMetaRelayPort;
     c.nftPort = 0;
     c.rates.nft = 0.0;
 }
@@ -292,21 +293,22 @@ MountSettings testMount() {
     return s;
 }
 
-// The simulator, the relay, and the reference access object on ports of
-// their own with the same processing settings.
+// The simulator, the relays of its tracking and meta datagrams (the meta
+// ones carry the platform's pose), and the reference access object on
+// ports of their own with the same processing settings.
 struct Tracker {
     orvtest::TempDir dir;
     orvtest::SimRunner sim{dir, kProcessing};
-    Relay relay;
+    Relay relay, metaRelay;
     OrvAccess reference;
-    int referencePort = orvtest::freePort();
+    int referencePort = orvtest::freePort(), referenceMetaPort = orvtest::freePort();
 
     bool start() {
         const std::string ini = dir.write(
-            "reference.ini", std::string("[Communication]\ntcpOrvRxEnabled = false\nudpOrvRxPort = 0\n"
-                                         "udpOrvRxImgPort = 0\nudpOrvRxInputPort = 0\nudpNftPort = 0\n"
-                                         "sMemImgName =\nudpOrvCorePort = ") +
-                                 std::to_string(referencePort) + "\nudpOrvHubPort = " +
+            "reference.ini", std::string("[Communication]\ntcpOrvRxEnabled = false\nudpOrvRxImgPort = 0\n"
+                                         "udpOrvRxInputPort = 0\nudpNftPort = 0\nsMemImgName =\n") +
+                                 "udpOrvRxPort = " + std::to_string(referenceMetaPort) +
+                                 "\nudpOrvCorePort = " + std::to_string(referencePort) + "\nudpOrvHubPort = " +
                                  std::to_string(orvtest::freePort()) + "\n" + kProcessing);
         reference.setIniPath(ini);
         if (!reference.open()) {
@@ -314,8 +316,23 @@ struct Tracker {
             return false;
         }
         relay.start(sim.port("udpOrvCorePort"), referencePort);
+        metaRelay.start(sim.port("udpOrvRxPort"), referenceMetaPort);
         gRelayPort = relay.port();
+        gMetaRelayPort = metaRelay.port();
         return sim.start(toRelay);
+    }
+    // Stops the simulator and the relays once they have passed on all it
+    // sent: the layer and the reference then hold the same datagrams.
+    void stop() {
+        sim.stop();
+        for (Relay* r : {&relay, &metaRelay}) {
+            uint64_t seen = r->relayed();
+            do {
+                seen = r->relayed();
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            } while (r->relayed() != seen);
+            r->stop();
+        }
     }
     // The layer's settings file.
     std::string layerConfig(const std::string& name, const std::string& layerKeys) {
@@ -476,13 +493,7 @@ TEST(Layer, ViewsAreTheTrackersPosePredictedToTheDisplayTime) {
     ASSERT_TRUE(framesUntil(app, kAllViewBits)) << "the views never became tracked";
 
     // The tracker stops; its last record is the one both sides hold.
-    tracker.sim.stop();
-    const uint64_t relayed = tracker.relay.relayed();
-    while (true) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (tracker.relay.relayed() == relayed) break;
-    }
-    tracker.relay.stop();
+    tracker.stop();
     const Mount mount(testMount());
     bool valid = false;
     s_OrvAccessTrkDataExt last{};
@@ -584,6 +595,58 @@ TEST(Layer, FlagsFollowATrackerThatStopsAndRestarts) {
             return f == kAllViewBits && std::fabs(views[0].pose.position.y - runtimeEye.position.y) > 1e-3;
         })) << "not tracked again after the tracker came back";
         app.close();
+    }
+}
+
+// Relative to the platform: the head is turned into the frame of the newest
+// platform pose the tracker reported, which the layer takes in xrWaitFrame.
+TEST(Layer, RelativeToThePlatform) {
+    Tracker tracker;
+    ASSERT_TRUE(tracker.start());
+    setLayerEnvironment(tracker.layerConfig("layer.ini", "staleMs = 600000\nrelativeToPlatform = true\n"),
+                        "XR_APILAYER_ORV_head_pose", false);
+    App app;
+    ASSERT_TRUE(app.open());
+    bool valid = false;
+    s_OrvAccessPlatPoseData platform{}, p{};
+    const auto newestPlatform = [&] {
+        while (tracker.reference.getPlatformPoseData(&valid, &p) && valid) platform = p;
+    };
+    ASSERT_TRUE(framesUntil(app, [&](XrViewStateFlags f, const XrView*) {
+        newestPlatform();
+        return f == kAllViewBits && platform.tag != 0;
+    })) << "no tracked views with a platform pose";
+    tracker.stop();
+    newestPlatform();
+    s_OrvAccessTrkDataExt last{};
+    ASSERT_TRUE(tracker.reference.getTrackingDataLatest(&valid, &last));
+    ASSERT_TRUE(valid);
+    const double rpy[3] = {platform.pose[0], platform.pose[1], platform.pose[2]};
+    double platformCbn[3][3];
+    OrvosiMath::euler2Cbn(rpy, platformCbn);
+    ASSERT_GT(std::fabs(rpy[2]), 1e-3) << "a platform that is not turned tests nothing";
+
+    const Mount mount(testMount());
+    const uint64_t displayUs = last.poseTime + 10000;
+    const auto end = Clock::now() + std::chrono::seconds(20);
+    for (;;) {
+        app.frame();  // the layer takes the platform's pose here
+        s_OrvAccessTrkDataExt rec;
+        ASSERT_TRUE(tracker.relay.resendLast());
+        ASSERT_TRUE(tracker.reference.getTrackingDataAtTime(displayUs, &valid, &rec) && valid);
+        const XrPosef want = toXr(mount.headPose(rec, platformCbn));
+        const XrSpaceLocation head = app.locate(app.view_, app.local_, app.xrTimeOf(displayUs));
+        if (std::fabs(head.pose.position.x - want.position.x) < 2e-5 &&
+            std::fabs(std::fabs(head.pose.orientation.y) - std::fabs(want.orientation.y)) < 2e-5) {
+            expectPose(head.pose, want, 2e-5, "VIEW in LOCAL, relative to the platform");
+            // Without the platform the pose would be another one.
+            const XrPosef world = toXr(mount.headPose(rec));
+            EXPECT_GT(std::fabs(world.orientation.y - want.orientation.y) +
+                          std::fabs(world.orientation.w - want.orientation.w),
+                      1e-3);
+            break;
+        }
+        ASSERT_LT(Clock::now(), end) << "the layer's pose never became the reference's relative to the platform";
     }
 }
 
