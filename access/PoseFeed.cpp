@@ -72,6 +72,10 @@ struct OrvPoseFeed::Impl {
     std::atomic<bool> stopping{false};
     std::thread thread;
     int wakeFd = -1;
+    // Wakes written and read back: the thread reads the descriptor only
+    // when one is outstanding, not once per pose.
+    std::atomic<uint64_t> wakesSent{0};
+    uint64_t wakesTaken = 0;
 
     // Caller's thread only (start/stop are not concurrent).
     bool running = false;
@@ -135,14 +139,19 @@ void OrvPoseFeed::Impl::publishSettings() {
 }
 
 void OrvPoseFeed::Impl::wake() {
+    if (wakeFd < 0) return;
+    wakesSent.fetch_add(1);
     const uint64_t one = 1;
     // A full counter already wakes the thread; nothing else can fail here.
-    if (wakeFd >= 0) (void)!::write(wakeFd, &one, sizeof one);
+    (void)!::write(wakeFd, &one, sizeof one);
 }
 
+// A wake counted but not yet written is read on a later turn: the
+// descriptor stays ready until then, so the thread comes back for it.
 void OrvPoseFeed::Impl::drainWake() {
+    if (wakeFd < 0 || wakesSent.load() == wakesTaken) return;
     uint64_t count = 0;
-    if (wakeFd >= 0) (void)!::read(wakeFd, &count, sizeof count);
+    if (::read(wakeFd, &count, sizeof count) == sizeof count) wakesTaken += count;
 }
 
 bool OrvPoseFeed::Impl::open() {

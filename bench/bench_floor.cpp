@@ -10,6 +10,7 @@
 //   orvfloor [rounds]        the table (5 rounds unless given)
 //   orvfloor --instructions  only the counted workloads, for callgrind
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <linux/perf_event.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -18,22 +19,26 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "orvaccess/OrvAccess.hpp"
+#include "orvaccess/OrvPoseFeed.hpp"
 #include "orvaccess/orvwire.h"
 #include "osi/OrvosiUtil.hpp"
 #include "support/Loopback.hpp"
@@ -271,6 +276,7 @@ struct Figures {
     std::vector<double> latLib50, latLib99, latFloor50, latFloor99, latEpoll50, latEpoll99;
     std::vector<double> imageLib, imageFloor;
     std::vector<double> insnBurst, insnDrain, insnDecode;
+    std::vector<double> renderLib, renderFloor, feedLat50, feedLat99, plainLat50, plainLat99, feedCpu, plainCpu;
     std::string problems;
 };
 
@@ -495,6 +501,272 @@ void instructionRows(Library& lib, InstructionCounter& counter, const std::vecto
     fig.insnDecode.push_back(static_cast<double>(counter.stop()) / kCounted);
 }
 
+// ---- the pose feed -------------------------------------------------------------------
+
+// What a render thread reads through a sequence lock: the newest record and
+// the settings its adjustment needs, the same 600 bytes the feed publishes.
+struct PlainPose {
+    s_OrvAccessTrkDataExt rec;
+    uint64_t sequence, receivedUs, nat, imuBiasNs;
+    int64_t ctrl;
+    double predictionS, ref[9], tip[3];
+    float imuDtS;
+    uint32_t neutral;
+};
+static_assert(sizeof(PlainPose) == 600, "the bytes the feed publishes");
+constexpr size_t kPlainWords = sizeof(PlainPose) / 8;
+
+// One copy under one sequence word, written by one thread.
+struct PlainSeqlock {
+    std::atomic<uint64_t> seq{0};
+    std::atomic<uint64_t> words[kPlainWords] = {};
+};
+
+void plainPublish(PlainSeqlock* l, const PlainPose* p) {
+    uint64_t w[kPlainWords];
+    std::memcpy(w, p, sizeof w);
+    const uint64_t s = l->seq.load(std::memory_order_relaxed);
+    l->seq.store(s + 1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    for (size_t i = 0; i < kPlainWords; ++i) l->words[i].store(w[i], std::memory_order_relaxed);
+    l->seq.store(s + 2, std::memory_order_release);
+}
+
+void plainRead(const PlainSeqlock* l, PlainPose* p) {
+    uint64_t w[kPlainWords];
+    for (;;) {
+        const uint64_t s = l->seq.load(std::memory_order_acquire);
+        if (s & 1) continue;
+        for (size_t i = 0; i < kPlainWords; ++i) w[i] = l->words[i].load(std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (l->seq.load(std::memory_order_relaxed) == s) break;
+    }
+    std::memcpy(p, w, sizeof w);
+}
+
+// The adjustment maths in plain C: Rodrigues' rotation of both attitudes by
+// rate * dt, the lever arm along the turned attitude, the boresight from the
+// right on the attitudes and from the left on five vectors, Euler angles.
+void plainRotate(double dt, const float rate[3], float cbn[9]) {
+    const double w[3] = {rate[0] * dt, rate[1] * dt, rate[2] * dt};
+    const double q = w[0] * w[0] + w[1] * w[1] + w[2] * w[2];
+    if (q < 1e-12) return;
+    const double t = sqrt(q), a = sin(t) / t, b = (1.0 - cos(t)) / q;
+    const double r[9] = {1 + b * (w[0] * w[0] - q), -a * w[2] + b * w[0] * w[1], a * w[1] + b * w[0] * w[2],
+                         a * w[2] + b * w[1] * w[0], 1 + b * (w[1] * w[1] - q), -a * w[0] + b * w[1] * w[2],
+                         -a * w[1] + b * w[2] * w[0], a * w[0] + b * w[2] * w[1], 1 + b * (w[2] * w[2] - q)};
+    double c[9];
+    for (int i = 0; i < 9; ++i) c[i] = cbn[i];
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            cbn[i * 3 + j] = (float)(c[i * 3] * r[j] + c[i * 3 + 1] * r[3 + j] + c[i * 3 + 2] * r[6 + j]);
+}
+
+void plainBoresightM(const double ref[9], float m[9]) {
+    double c[9];
+    for (int i = 0; i < 9; ++i) c[i] = m[i];
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            m[i * 3 + j] = (float)(c[i * 3] * ref[j * 3] + c[i * 3 + 1] * ref[j * 3 + 1] + c[i * 3 + 2] * ref[j * 3 + 2]);
+}
+
+void plainBoresightV(const double ref[9], float v[3]) {
+    const double x = v[0], y = v[1], z = v[2];
+    for (int i = 0; i < 3; ++i) v[i] = (float)(ref[i * 3] * x + ref[i * 3 + 1] * y + ref[i * 3 + 2] * z);
+}
+
+// A render thread's predicted pose, plain: the read, the clock, the age from
+// the record's time stamp plus the interval within its bounds, the adjustment.
+extern "C" __attribute__((noinline)) void orvfloor_floor_predict(const PlainSeqlock* l, uint64_t tdispUs,
+                                                               PlainPose* p, s_OrvAccessTrkDataExt* out) {
+    plainRead(l, p);
+    timeval tv;
+    gettimeofday(&tv, nullptr);  // the pose's age, which the feed reports too
+    p->receivedUs = (uint64_t)tv.tv_sec * 1000000u + (uint64_t)tv.tv_usec - p->receivedUs;
+    double total = (tdispUs > p->rec.poseTime ? (double)(tdispUs - p->rec.poseTime) : 0.0) / 1e6 + p->predictionS;
+    if (total < -0.005) total = -0.005;
+    if (total > 0.2) total = 0.2;
+    s_OrvAccessTrkDataExt* r = out;
+    *r = p->rec;
+    plainRotate(total, r->angularRate, r->cbn[0]);
+    plainRotate(total, r->angularRate, r->cbn2[0]);
+    for (int i = 0; i < 3; ++i)
+        r->position[i] = (float)((double)r->position[i] + r->cbn[i][0] * p->tip[0] + (double)r->cbn[i][1] * p->tip[1] +
+                                 (double)r->cbn[i][2] * p->tip[2]);
+    plainBoresightM(p->ref, r->cbn[0]);
+    plainBoresightM(p->ref, r->cbn2[0]);
+    for (float* v : {r->angularRate, r->vecJ, r->vecA, r->vecL, r->vecM}) plainBoresightV(p->ref, v);
+    const double s = r->cbn[2][0] > 1.0f ? 1.0 : r->cbn[2][0] < -1.0f ? -1.0 : r->cbn[2][0];
+    r->euler[0] = (float)atan2(r->cbn[2][1], r->cbn[2][2]);
+    r->euler[1] = (float)-asin(s);
+    r->euler[2] = (float)atan2(r->cbn[1][0], r->cbn[0][0]);
+}
+
+extern "C" __attribute__((noinline)) bool orvfloor_library_predict(OrvPoseFeed::Reader& reader, uint64_t tdispUs,
+                                                                 s_OrvPoseFeedPose* pose) {
+    return reader.getAtTime(tdispUs, pose);
+}
+
+// A feed on the pose a tracker would send, with time stamps for the age, an
+// interval, a tip offset and a boresight: every step of the adjustment works.
+class FeedLibrary {
+public:
+    FeedLibrary() {
+        char dir[] = "/tmp/orvfloor-XXXXXX";
+        if (mkdtemp(dir) != nullptr) dir_ = dir;
+        for (int& p : port) p = orvtest::findFreePort();
+        std::ofstream(dir_ + "/feed.ini") << orvtest::receiverIni(
+            port, "[Processing]\nvirtualSyncCtrl = 2\npredictionS = 0.01\nTipOffsetXM = 0.1\n"
+                  "BoresightRefYawRad = 0.2\n");
+        feed.reset(new OrvPoseFeed(dir_ + "/feed.ini"));
+    }
+    ~FeedLibrary() {
+        feed.reset();
+        std::error_code ec;
+        if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
+    }
+    FeedLibrary(const FeedLibrary&) = delete;
+    FeedLibrary& operator=(const FeedLibrary&) = delete;
+
+    std::unique_ptr<OrvPoseFeed> feed;
+    int port[5] = {};
+
+private:
+    std::string dir_;
+};
+
+// The plain floor of the feed: a thread blocking in recvfrom on one socket
+// that publishes each datagram's record through a sequence lock.
+class PlainFeed {
+public:
+    explicit PlainFeed(int fd) : fd_(fd) {
+        pose_.rec.cbn[0][0] = pose_.rec.cbn[1][1] = pose_.rec.cbn[2][2] = 1;
+        thread_ = std::thread([this] { run(); });
+    }
+    ~PlainFeed() {
+        stop_ = true;
+        orvtest::UdpSender().send(port_, "x", 1);  // ends the blocking read
+        thread_.join();
+    }
+    void setPort(int port) { port_ = port; }
+    const PlainSeqlock& lock() const { return lock_; }
+
+private:
+    void run() {
+        const int flags = fcntl(fd_, F_GETFL);
+        fcntl(fd_, F_SETFL, flags & ~O_NONBLOCK);
+        unsigned char buf[2048];
+        while (!stop_) {
+            const ssize_t n = recvfrom(fd_, buf, sizeof buf, 0, nullptr, nullptr);
+            if (n < 7) continue;
+            pose_.rec.packetTag = OrvosiUtil::word32(buf + 3);
+            pose_.sequence++;
+            plainPublish(&lock_, &pose_);
+        }
+        fcntl(fd_, F_SETFL, flags);
+    }
+    int fd_;
+    int port_ = 0;
+    std::atomic<bool> stop_{false};
+    PlainPose pose_{};
+    PlainSeqlock lock_;
+    std::thread thread_;
+};
+
+// CPU time of the whole process, ns (user and system).
+uint64_t processCpuNs() {
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
+}
+
+uint64_t threadCpuNs() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
+}
+
+void feedRows(FeedLibrary& lib, RawSockets& raw, uint32_t base, Figures& fig) {
+    OrvPoseFeed& feed = *lib.feed;
+    // The render path: the newest pose predicted to a display time.
+    orvtest::UdpSender().send(lib.port[orvtest::kCore], trackingPacket(base));
+    for (s_OrvPoseFeedPose p{}; !feed.getLatest(&p) || p.data.packetTag != base;) std::this_thread::yield();
+    OrvPoseFeed::Reader reader(feed);
+    s_OrvPoseFeedPose pose{};
+    uint64_t tdisp = OrvosiUtil::getTimeSysUs();
+    fig.renderLib.push_back(nsPerCall(kIdleCalls, [&] { orvfloor_library_predict(reader, tdisp += 11, &pose); }));
+    PlainSeqlock plain;
+    PlainPose scratch{};
+    scratch.rec = pose.data;
+    scratch.predictionS = 0.01;
+    scratch.tip[0] = 0.1;
+    const double c = std::cos(0.2), s = std::sin(0.2);
+    const double ref[9] = {c, -s, 0, s, c, 0, 0, 0, 1};
+    std::memcpy(scratch.ref, ref, sizeof ref);
+    plainPublish(&plain, &scratch);
+    s_OrvAccessTrkDataExt out{};
+    fig.renderFloor.push_back(
+        nsPerCall(kIdleCalls, [&] { orvfloor_floor_predict(&plain, tdisp += 11, &scratch, &out); }));
+
+    // Sent to visible: a reader spins on the published pose.
+    const auto latency = [&](uint32_t first, int port, auto&& newestTag, std::vector<double>& p50,
+                             std::vector<double>& p99, const char* who) {
+        Paced paced(first);
+        std::vector<double> us;
+        us.reserve(kLatencySamples);
+        std::thread sender([&] { paced.run(port); });
+        uint32_t last = first;
+        for (const uint64_t deadline = nowNs() + (kLatencySamples + 500) * 1000000ull;
+             last < first + kLatencySamples && nowNs() < deadline;) {
+            const uint32_t tag = newestTag();
+            if (tag <= last) continue;
+            const uint64_t now = nowNs(), sent = paced.stamp(tag);
+            last = tag;
+            if (sent != 0) us.push_back(static_cast<double>(now - sent) / 1000);
+        }
+        sender.join();
+        p50.push_back(percentile(us, 0.50));
+        p99.push_back(percentile(us, 0.99));
+        if (us.size() < kLatencySamples / 2)
+            fig.problems += std::string(who) + " latency: " + std::to_string(us.size()) + " samples\n";
+    };
+    latency(base, lib.port[orvtest::kCore],
+            [&] {
+                s_OrvPoseFeedPose p;
+                return feed.getLatest(&p) ? p.data.packetTag : 0u;
+            },
+            fig.feedLat50, fig.feedLat99, "feed");
+    // CPU of the service thread per pose at 1 kHz, the reader asleep: all
+    // the process spends but the sender's own time.
+    const auto cpuPerPose = [&](uint32_t first, int port) {
+        Paced paced(first);
+        uint64_t senderCpu = 0;
+        const uint64_t before = processCpuNs();
+        std::thread sender([&] {
+            const uint64_t t0 = threadCpuNs();
+            paced.run(port);
+            senderCpu = threadCpuNs() - t0;
+        });
+        sender.join();
+        return static_cast<double>(processCpuNs() - before - senderCpu) / kLatencySamples;
+    };
+    fig.feedCpu.push_back(cpuPerPose(base + kLatencySamples, lib.port[orvtest::kCore]));
+
+    const int fd = raw.fd[orvtest::kCore];
+    while (recvfrom(fd, nullptr, 0, MSG_DONTWAIT, nullptr, nullptr) >= 0) {
+    }
+    PlainFeed plainFeed(fd);
+    plainFeed.setPort(raw.port[orvtest::kCore]);
+    latency(base + 2 * kLatencySamples, raw.port[orvtest::kCore],
+            [&] {
+                PlainPose p;
+                plainRead(&plainFeed.lock(), &p);
+                return p.rec.packetTag;
+            },
+            fig.plainLat50, fig.plainLat99, "plain feed");
+    fig.plainCpu.push_back(cpuPerPose(base + 3 * kLatencySamples, raw.port[orvtest::kCore]));
+}
+
 // ---- the table ---------------------------------------------------------------------
 
 std::string fixed(double v, int decimals) {
@@ -539,6 +811,16 @@ void printTable(const Figures& f, int rounds, const InstructionCounter& counter)
     // Throughput: the ratio is library over floor too, higher is better.
     row("3.7 MB image, 60 pieces, `getImage`", mbs(median(f.imageLib)), "`recv` + copy " + mbs(median(f.imageFloor)),
         median(f.imageLib) / median(f.imageFloor), ">= 0.85");
+    row("render thread: `OrvPoseFeed::Reader::getAtTime`, predicted and adjusted", ns(median(f.renderLib)),
+        "sequence-lock read of the same 600 B + the same maths in plain C " + ns(median(f.renderFloor)),
+        median(f.renderLib) / median(f.renderFloor), "<= 1.2");
+    row("datagram sent to visible in the feed at 1 kHz, p50", us(median(f.feedLat50)),
+        "thread blocking in `recvfrom`, sequence lock " + us(median(f.plainLat50)),
+        median(f.feedLat50) / median(f.plainLat50), "<= 1.1");
+    row("the same, p99", us(median(f.feedLat99)), us(median(f.plainLat99)),
+        median(f.feedLat99) / median(f.plainLat99), "<= 1.25");
+    row("CPU of the service thread per pose at 1 kHz", us(median(f.feedCpu) / 1000),
+        us(median(f.plainCpu) / 1000), median(f.feedCpu) / median(f.plainCpu), "");
     if (counter.ok()) {
         row("user instructions per tracking datagram (`serviceUdp` burst of 1000)", fixed(median(f.insnBurst), 0),
             "check + decode " + fixed(median(f.insnDecode), 0), median(f.insnBurst) / median(f.insnDecode),
@@ -569,6 +851,11 @@ int main(int argc, char** argv) {
     RawSockets raw;
     if (!fresh.ok || !lib.ok) {
         std::fprintf(stderr, "orvfloor: open failed: %s\n", lib.access.getLastError().c_str());
+        return 1;
+    }
+    FeedLibrary feedLib;
+    if (!feedLib.feed->isRunning()) {
+        std::fprintf(stderr, "orvfloor: the pose feed did not start: %s\n", feedLib.feed->getLastError().c_str());
         return 1;
     }
     std::vector<Bytes> counted;
@@ -624,6 +911,7 @@ int main(int argc, char** argv) {
         imageRows(lib, raw, pieces, fig);
         instructionRows(lib, counter, counted, fig);
         latencyRows(lib, raw, static_cast<uint32_t>(r + 1) * 10000000u, fig);
+        feedRows(feedLib, raw, static_cast<uint32_t>(r + 1) * 10000000u + 5000000u, fig);
     }
     printTable(fig, rounds, counter);
     return 0;

@@ -14,6 +14,9 @@ field names, arrays as NumPy views; each drain_... call empties a queue into
 one NumPy structured array with the same field names. A failing call raises
 Error with the library's reason. Times are microseconds on the library
 clock, angles radians, lengths metres; cbn is body to navigation, row-major.
+
+A render loop reads poses from a PoseFeed instead: its own thread services
+the tracker, and latest() or a reader's at_time() never wait for it.
 """
 
 import enum as _enum
@@ -25,6 +28,7 @@ from ._orvaccess import (
     DiagData,
     Error,
     FeatData,
+    FeedPose,
     GpsData,
     HubData,
     Image,
@@ -32,6 +36,8 @@ from ._orvaccess import (
     ImuCrs,
     ImuData,
     PlatPoseData,
+    PoseFeed,
+    PoseFeedReader,
     PoseIterator,
     PoseRecStats,
     QueuedErrorCode,
@@ -70,8 +76,9 @@ for _c_name, _members in _orvaccess._enums.items():
 ErrorCode.message = property(lambda self: error_message(self), doc="The library's message of this code.")
 
 __all__ = [
-    "Access", "AuxData", "DiagData", "Error", "FeatData", "GpsData", "HubData", "Image", "ImageInfo",
-    "ImuCrs", "ImuData", "PlatPoseData", "PoseIterator", "PoseRecStats", "QueuedErrorCode", "Status",
+    "Access", "AuxData", "DiagData", "Error", "FeatData", "FeedPose", "GpsData", "HubData", "Image",
+    "ImageInfo", "ImuCrs", "ImuData", "PlatPoseData", "PoseFeed", "PoseFeedReader", "PoseIterator",
+    "PoseRecStats", "QueuedErrorCode", "Status",
     "TargetCount", "TgtData", "TgtResData", "TrkDataExt", "error_message", "get_time_ms", "snooze_ms",
 ] + [name for name, _ in _ENUMS.values()]
 

@@ -65,6 +65,7 @@ PYBIND11_MODULE(_orvaccess, m) {
     bindError(m);
     bindRecords(m);
     bindAccess(m);
+    bindFeed(m);
 
     py::dict enums;
     for (const EnumTable& t : enumTables()) {

@@ -114,5 +114,7 @@ struct PyAccess {
 };
 
 void bindAccess(py::module_& m);
+// orvaccess.PoseFeed and its reader (feed.cpp).
+void bindFeed(py::module_& m);
 
 }  // namespace orvpy

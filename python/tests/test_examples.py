@@ -26,6 +26,11 @@ def test_examples_run_against_the_simulator(start_sim, tmp_path):
     tag, pose_time, *angles = lines[1].split()
     assert int(tag) > 0 and len(angles) == 6
 
+    lines = run("render_loop.py", "--ini", str(sim.ini), "--duration", "1.2").splitlines()
+    words = lines[-1].split()  # "N frames, M with a new pose, K stale"
+    frames, new, stale = int(words[0]), int(words[2]), int(words[7])
+    assert "frames/s" in lines[0] and frames > 0 and 0 < new <= frames and stale <= frames
+
     out = run("record_imu.py", "--ini", str(sim.ini), "--duration", "0.5", "--out", str(tmp_path / "imu.npz"))
     imu = np.load(tmp_path / "imu.npz")["imu"]
     assert imu.dtype.names == orvaccess.ImuData.fields and len(imu) > 300
