@@ -221,18 +221,23 @@ int main(int argc, char** argv) {
 
     const double vl = median(viewsLayer), vr = median(viewsRuntime), sl = median(spaceLayer),
                  sr = median(spaceRuntime), fr = median(feedRead);
-    std::printf("OpenXR layer on the render thread: %d rounds of %d calls, the thread's CPU time per call, medians\n\n",
-                rounds, kCalls);
+    std::printf(
+        "OpenXR layer on the render thread: %d rounds of %d calls, the thread's CPU time per call, "
+        "medians\n\n",
+        rounds, kCalls);
     std::printf("| path | library | floor | ratio | goal |\n|---|---|---|---|---|\n");
-    std::printf("| `xrLocateViews`, 2 views in LOCAL, through the layer (tracker pose predicted to the display "
-                "time) | %.0f ns | the runtime alone %.0f ns | %.2f (+%.0f ns) | - |\n",
-                vl, vr, vl / vr, vl - vr);
-    std::printf("| `xrLocateSpace`, VIEW in LOCAL, through the layer | %.0f ns | the runtime alone %.0f ns | %.2f "
-                "(+%.0f ns) | - |\n",
-                sl, sr, sl / sr, sl - sr);
+    std::printf(
+        "| `xrLocateViews`, 2 views in LOCAL, through the layer (tracker pose predicted to the display "
+        "time) | %.0f ns | the runtime alone %.0f ns | %.2f (+%.0f ns) | - |\n",
+        vl, vr, vl / vr, vl - vr);
+    std::printf(
+        "| `xrLocateSpace`, VIEW in LOCAL, through the layer | %.0f ns | the runtime alone %.0f ns | %.2f "
+        "(+%.0f ns) | - |\n",
+        sl, sr, sl / sr, sl - sr);
     std::printf("| (the feed's `Reader::getAtTime` alone: the pose the layer reads) | | %.0f ns | | |\n", fr);
-    std::printf("| `xrLocateViews` through the layer against the runtime plus the feed | %.0f ns | %.0f ns | %.2f "
-                "(+%.0f ns) | - |\n",
-                vl, vr + fr, vl / (vr + fr), vl - vr - fr);
+    std::printf(
+        "| `xrLocateViews` through the layer against the runtime plus the feed | %.0f ns | %.0f ns | %.2f "
+        "(+%.0f ns) | - |\n",
+        vl, vr + fr, vl / (vr + fr), vl - vr - fr);
     return 0;
 }

@@ -33,7 +33,8 @@ public:
     T* find(uint64_t handle) const {
         if (handle == 0) return nullptr;
         for (size_t i = 0; i < N; ++i)
-            if (keys_[i].load(std::memory_order_acquire) == handle) return values_[i].load(std::memory_order_relaxed);
+            if (keys_[i].load(std::memory_order_acquire) == handle)
+                return values_[i].load(std::memory_order_relaxed);
         return nullptr;
     }
 

@@ -167,7 +167,8 @@ OrvPoseFeed* acquireFeed(const LayerConfig& cfg, uint64_t* generation) {
         h.iniPath = cfg.iniPath;
         h.generation.fetch_add(1, std::memory_order_acq_rel);
     } else if (h.iniPath != cfg.iniPath) {
-        say("this process already follows the tracker of " + h.iniPath + "; " + cfg.iniPath + " is not opened");
+        say("this process already follows the tracker of " + h.iniPath + "; " + cfg.iniPath +
+            " is not opened");
     }
     ++h.users;
     *generation = h.generation.load(std::memory_order_acquire);
@@ -213,29 +214,36 @@ Head trackerHead(InstanceState& in, XrTime displayTime, Rigid* head) {
     return pose.stale == 0 ? Head::Tracked : Head::Held;
 }
 
-constexpr XrSpaceLocationFlags kValid = XR_SPACE_LOCATION_ORIENTATION_VALID_BIT | XR_SPACE_LOCATION_POSITION_VALID_BIT;
+constexpr XrSpaceLocationFlags kValid =
+    XR_SPACE_LOCATION_ORIENTATION_VALID_BIT | XR_SPACE_LOCATION_POSITION_VALID_BIT;
 constexpr XrSpaceLocationFlags kTracked =
     XR_SPACE_LOCATION_ORIENTATION_TRACKED_BIT | XR_SPACE_LOCATION_POSITION_TRACKED_BIT;
-constexpr XrViewStateFlags kViewValid = XR_VIEW_STATE_ORIENTATION_VALID_BIT | XR_VIEW_STATE_POSITION_VALID_BIT;
-constexpr XrViewStateFlags kViewTracked = XR_VIEW_STATE_ORIENTATION_TRACKED_BIT | XR_VIEW_STATE_POSITION_TRACKED_BIT;
+constexpr XrViewStateFlags kViewValid =
+    XR_VIEW_STATE_ORIENTATION_VALID_BIT | XR_VIEW_STATE_POSITION_VALID_BIT;
+constexpr XrViewStateFlags kViewTracked =
+    XR_VIEW_STATE_ORIENTATION_TRACKED_BIT | XR_VIEW_STATE_POSITION_TRACKED_BIT;
 
 // ---- hooks -----------------------------------------------------------------
 
-XrResult XRAPI_CALL hookGetInstanceProcAddr(XrInstance instance, const char* name, PFN_xrVoidFunction* function);
+XrResult XRAPI_CALL hookGetInstanceProcAddr(XrInstance instance, const char* name,
+                                            PFN_xrVoidFunction* function);
 
 XrResult XRAPI_CALL hookDestroyInstance(XrInstance instance) {
     InstanceState* in = gInstances.find(key(instance));
     if (in == nullptr) return XR_ERROR_HANDLE_INVALID;
     const XrResult r = in->next.destroyInstance(instance);
-    gSpaces.removeIf([in](SpaceState* s) { return s->session->instance == in; }, [](SpaceState* s) { delete s; });
-    gSessions.removeIf([in](SessionState* s) { return s->instance == in; }, [](SessionState* s) { delete s; });
+    gSpaces.removeIf([in](SpaceState* s) { return s->session->instance == in; },
+                     [](SpaceState* s) { delete s; });
+    gSessions.removeIf([in](SessionState* s) { return s->instance == in; },
+                       [](SessionState* s) { delete s; });
     gInstances.remove(key(instance));
     if (in->feed != nullptr) releaseFeed();
     delete in;
     return r;
 }
 
-XrResult XRAPI_CALL hookCreateSession(XrInstance instance, const XrSessionCreateInfo* info, XrSession* session) {
+XrResult XRAPI_CALL hookCreateSession(XrInstance instance, const XrSessionCreateInfo* info,
+                                      XrSession* session) {
     InstanceState* in = gInstances.find(key(instance));
     if (in == nullptr) return XR_ERROR_HANDLE_INVALID;
     const XrResult r = in->next.createSession(instance, info, session);
@@ -271,7 +279,8 @@ XrResult XRAPI_CALL hookDestroySession(XrSession session) {
     return in->next.destroySession(session);
 }
 
-void remember(SessionState* s, XrSpace space, bool reference, XrReferenceSpaceType type, const XrPosef& pose) {
+void remember(SessionState* s, XrSpace space, bool reference, XrReferenceSpaceType type,
+              const XrPosef& pose) {
     auto* sp = new SpaceState;
     sp->handle = space;
     sp->session = s;
@@ -291,7 +300,8 @@ XrResult XRAPI_CALL hookCreateReferenceSpace(XrSession session, const XrReferenc
     return r;
 }
 
-XrResult XRAPI_CALL hookCreateActionSpace(XrSession session, const XrActionSpaceCreateInfo* info, XrSpace* space) {
+XrResult XRAPI_CALL hookCreateActionSpace(XrSession session, const XrActionSpaceCreateInfo* info,
+                                          XrSpace* space) {
     SessionState* s = gSessions.find(key(session));
     if (s == nullptr) return XR_ERROR_HANDLE_INVALID;
     const XrResult r = s->instance->next.createActionSpace(session, info, space);
@@ -342,8 +352,8 @@ XrResult XRAPI_CALL hookLocateViews(XrSession session, const XrViewLocateInfo* i
     if (s == nullptr) return XR_ERROR_HANDLE_INVALID;
     InstanceState& in = *s->instance;
     const SpaceState* base = info != nullptr ? gSpaces.find(key(info->space)) : nullptr;
-    if (in.feed == nullptr || s->runtimeView == XR_NULL_HANDLE || !tracksAgainst(base) || base->session != s ||
-        capacity == 0 || views == nullptr || state == nullptr)
+    if (in.feed == nullptr || s->runtimeView == XR_NULL_HANDLE || !tracksAgainst(base) ||
+        base->session != s || capacity == 0 || views == nullptr || state == nullptr)
         return in.next.locateViews(session, info, state, capacity, count, views);
 
     Rigid head;
@@ -364,7 +374,8 @@ XrResult XRAPI_CALL hookLocateViews(XrSession session, const XrViewLocateInfo* i
     return r;
 }
 
-XrResult XRAPI_CALL hookLocateSpace(XrSpace space, XrSpace baseSpace, XrTime time, XrSpaceLocation* location) {
+XrResult XRAPI_CALL hookLocateSpace(XrSpace space, XrSpace baseSpace, XrTime time,
+                                    XrSpaceLocation* location) {
     const SpaceState* a = gSpaces.find(key(space));
     const SpaceState* b = gSpaces.find(key(baseSpace));
     const SpaceState* known = a != nullptr ? a : b;
@@ -405,8 +416,8 @@ bool fetch(PFN_xrGetInstanceProcAddr gipa, XrInstance instance, const char* name
     return true;
 }
 
-XrResult XRAPI_CALL createApiLayerInstance(const XrInstanceCreateInfo* info, const XrApiLayerCreateInfo* layerInfo,
-                                           XrInstance* instance) {
+XrResult XRAPI_CALL createApiLayerInstance(const XrInstanceCreateInfo* info,
+                                           const XrApiLayerCreateInfo* layerInfo, XrInstance* instance) {
     if (info == nullptr || instance == nullptr || layerInfo == nullptr ||
         layerInfo->structType != kLoaderStructApiLayerCreateInfo || layerInfo->nextInfo == nullptr ||
         layerInfo->nextInfo->structType != kLoaderStructApiLayerNextInfo ||
@@ -441,7 +452,8 @@ XrResult XRAPI_CALL createApiLayerInstance(const XrInstanceCreateInfo* info, con
     XrResult r = next->nextCreateApiLayerInstance(&mine, &down, instance);
     bool convertible = configured;
     if (r == XR_ERROR_EXTENSION_NOT_PRESENT && added) {
-        say("the runtime lacks XR_KHR_convert_timespec_time, without which display times cannot be converted; "
+        say("the runtime lacks XR_KHR_convert_timespec_time, without which display times cannot be "
+            "converted; "
             "the runtime's poses pass through");
         convertible = false;
         r = next->nextCreateApiLayerInstance(info, &down, instance);
@@ -453,15 +465,15 @@ XrResult XRAPI_CALL createApiLayerInstance(const XrInstanceCreateInfo* info, con
     f.getInstanceProcAddr = next->nextGetInstanceProcAddr;
     gLastNextGetProcAddr.store(f.getInstanceProcAddr);
     const PFN_xrGetInstanceProcAddr g = f.getInstanceProcAddr;
-    const bool complete =
-        fetch(g, *instance, "xrDestroyInstance", &f.destroyInstance) &&
-        fetch(g, *instance, "xrCreateSession", &f.createSession) &&
-        fetch(g, *instance, "xrDestroySession", &f.destroySession) &&
-        fetch(g, *instance, "xrCreateReferenceSpace", &f.createReferenceSpace) &&
-        fetch(g, *instance, "xrCreateActionSpace", &f.createActionSpace) &&
-        fetch(g, *instance, "xrDestroySpace", &f.destroySpace) &&
-        fetch(g, *instance, "xrLocateViews", &f.locateViews) && fetch(g, *instance, "xrLocateSpace", &f.locateSpace) &&
-        fetch(g, *instance, "xrWaitFrame", &f.waitFrame);
+    const bool complete = fetch(g, *instance, "xrDestroyInstance", &f.destroyInstance) &&
+                          fetch(g, *instance, "xrCreateSession", &f.createSession) &&
+                          fetch(g, *instance, "xrDestroySession", &f.destroySession) &&
+                          fetch(g, *instance, "xrCreateReferenceSpace", &f.createReferenceSpace) &&
+                          fetch(g, *instance, "xrCreateActionSpace", &f.createActionSpace) &&
+                          fetch(g, *instance, "xrDestroySpace", &f.destroySpace) &&
+                          fetch(g, *instance, "xrLocateViews", &f.locateViews) &&
+                          fetch(g, *instance, "xrLocateSpace", &f.locateSpace) &&
+                          fetch(g, *instance, "xrWaitFrame", &f.waitFrame);
     if (!complete) {
         // Without its own next functions the layer cannot pass calls on.
         PFN_xrDestroyInstance destroy = f.destroyInstance;
@@ -477,8 +489,10 @@ XrResult XRAPI_CALL createApiLayerInstance(const XrInstanceCreateInfo* info, con
     if (convertible) in->feed = acquireFeed(in->cfg, &in->feedGeneration);
     if (in->feed != nullptr) {
         say(std::string("head pose from the tracker of ") + in->cfg.iniPath + " (" +
-            (in->cfg.configPath.empty() ? std::string("no layer settings file") : "settings " + in->cfg.configPath) +
-            "; stale after " + std::to_string(in->cfg.staleUs / 1000) + " ms: " + whenStaleName(in->cfg.whenStale) +
+            (in->cfg.configPath.empty() ? std::string("no layer settings file")
+                                        : "settings " + in->cfg.configPath) +
+            "; stale after " + std::to_string(in->cfg.staleUs / 1000) +
+            " ms: " + whenStaleName(in->cfg.whenStale) +
             (in->cfg.relativeToPlatform ? "; relative to the platform" : "") + ")");
     }
     InstanceState* raw = in.release();
@@ -493,13 +507,15 @@ XrResult XRAPI_CALL createApiLayerInstance(const XrInstanceCreateInfo* info, con
     return r;
 }
 
-XrResult XRAPI_CALL hookGetInstanceProcAddr(XrInstance instance, const char* name, PFN_xrVoidFunction* function) {
+XrResult XRAPI_CALL hookGetInstanceProcAddr(XrInstance instance, const char* name,
+                                            PFN_xrVoidFunction* function) {
     if (name == nullptr || function == nullptr) return XR_ERROR_VALIDATION_FAILURE;
     struct Hook {
         const char* name;
         PFN_xrVoidFunction function;
     };
-#define ORVXR_HOOK(fn, hook) {#fn, reinterpret_cast<PFN_xrVoidFunction>(hook)}
+#define ORVXR_HOOK(fn, hook) \
+    { #fn, reinterpret_cast < PFN_xrVoidFunction>(hook) }
     static const Hook hooks[] = {
         ORVXR_HOOK(xrGetInstanceProcAddr, hookGetInstanceProcAddr),
         ORVXR_HOOK(xrDestroyInstance, hookDestroyInstance),
@@ -523,7 +539,8 @@ XrResult XRAPI_CALL hookGetInstanceProcAddr(XrInstance instance, const char* nam
             return XR_SUCCESS;
         }
     }
-    const PFN_xrGetInstanceProcAddr next = in != nullptr ? in->next.getInstanceProcAddr : gLastNextGetProcAddr.load();
+    const PFN_xrGetInstanceProcAddr next =
+        in != nullptr ? in->next.getInstanceProcAddr : gLastNextGetProcAddr.load();
     if (next == nullptr) {
         *function = nullptr;
         return XR_ERROR_HANDLE_INVALID;
@@ -534,9 +551,9 @@ XrResult XRAPI_CALL hookGetInstanceProcAddr(XrInstance instance, const char* nam
 }  // namespace
 }  // namespace orvxr
 
-extern "C" __attribute__((visibility("default"))) XrResult XRAPI_CALL xrNegotiateLoaderApiLayerInterface(
-    const orvxr::XrNegotiateLoaderInfo* loaderInfo, const char* layerName,
-    orvxr::XrNegotiateApiLayerRequest* request) {
+extern "C" __attribute__((visibility("default"))) XrResult XRAPI_CALL
+xrNegotiateLoaderApiLayerInterface(const orvxr::XrNegotiateLoaderInfo* loaderInfo, const char* layerName,
+                                   orvxr::XrNegotiateApiLayerRequest* request) {
     using namespace orvxr;
     if (!loaderOfferFits(loaderInfo, kLoaderApiLayerInterfaceVersion) || layerName == nullptr ||
         std::strcmp(layerName, kLayerName) != 0 || request == nullptr ||

@@ -26,12 +26,10 @@ struct Key {
 
 // Every key the layer knows, so that a misspelt one is named, not ignored.
 constexpr Key kKeys[] = {
-    {"Layer", "ini"},          {"Layer", "staleMs"},      {"Layer", "whenStale"},
-    {"Layer", "relativeToPlatform"},
-    {"Mount", "rollRad"},      {"Mount", "pitchRad"},     {"Mount", "yawRad"},
-    {"Mount", "xM"},           {"Mount", "yM"},           {"Mount", "zM"},
-    {"Display", "rollRad"},    {"Display", "pitchRad"},   {"Display", "yawRad"},
-    {"Display", "xM"},         {"Display", "yM"},         {"Display", "zM"},
+    {"Layer", "ini"},      {"Layer", "staleMs"},  {"Layer", "whenStale"}, {"Layer", "relativeToPlatform"},
+    {"Mount", "rollRad"},  {"Mount", "pitchRad"}, {"Mount", "yawRad"},    {"Mount", "xM"},
+    {"Mount", "yM"},       {"Mount", "zM"},       {"Display", "rollRad"}, {"Display", "pitchRad"},
+    {"Display", "yawRad"}, {"Display", "xM"},     {"Display", "yM"},      {"Display", "zM"},
 };
 
 bool known(const char* section, const char* name) {
@@ -42,7 +40,8 @@ bool known(const char* section, const char* name) {
 
 class Reader {
 public:
-    Reader(const IniFile& ini, const std::string& path, std::string& error) : ini_(ini), path_(path), error_(error) {}
+    Reader(const IniFile& ini, const std::string& path, std::string& error)
+        : ini_(ini), path_(path), error_(error) {}
 
     bool real(const char* section, const char* key, double& out) {
         const char* v = ini_.GetValue(section, key, nullptr);
@@ -83,9 +82,12 @@ std::string defaultConfigPath() {
 
 const char* whenStaleName(WhenStale w) {
     switch (w) {
-        case WhenStale::Hold: return "hold";
-        case WhenStale::Runtime: return "runtime";
-        case WhenStale::Untracked: break;
+        case WhenStale::Hold:
+            return "hold";
+        case WhenStale::Runtime:
+            return "runtime";
+        case WhenStale::Untracked:
+            break;
     }
     return "untracked";
 }
@@ -97,7 +99,8 @@ bool readLayerConfigFile(const std::string& path, const std::string& iniOverride
         IniFile ini(false, false, false);
         std::FILE* f = std::fopen(path.c_str(), "rb");
         if (f == nullptr) {
-            error = path + ": " + std::strerror(errno) + " (set ORVACCESS_XR_CONFIG to the layer's settings file)";
+            error = path + ": " + std::strerror(errno) +
+                    " (set ORVACCESS_XR_CONFIG to the layer's settings file)";
             return false;
         }
         const SI_Error rc = ini.LoadFile(f);
@@ -113,9 +116,10 @@ bool readLayerConfigFile(const std::string& path, const std::string& iniOverride
             ini.GetAllKeys(s.pItem, keys);
             for (const auto& k : keys) {
                 if (!known(s.pItem, k.pItem)) {
-                    error = path + ": unknown key [" + s.pItem + "] " + k.pItem +
-                            " (known: [Layer] ini, staleMs, whenStale, relativeToPlatform; [Mount] and [Display] "
-                            "rollRad, pitchRad, yawRad, xM, yM, zM)";
+                    error =
+                        path + ": unknown key [" + s.pItem + "] " + k.pItem +
+                        " (known: [Layer] ini, staleMs, whenStale, relativeToPlatform; [Mount] and [Display] "
+                        "rollRad, pitchRad, yawRad, xM, yM, zM)";
                     return false;
                 }
             }
@@ -130,15 +134,22 @@ bool readLayerConfigFile(const std::string& path, const std::string& iniOverride
             return r.fail("Layer", "staleMs", ini.GetValue("Layer", "staleMs", ""), "a time above 0 ms");
         out.staleUs = static_cast<unsigned long>(std::llround(staleMs * 1000.0));
         if (!when.empty()) {
-            if (strcasecmp(when.c_str(), "untracked") == 0) out.whenStale = WhenStale::Untracked;
-            else if (strcasecmp(when.c_str(), "hold") == 0) out.whenStale = WhenStale::Hold;
-            else if (strcasecmp(when.c_str(), "runtime") == 0) out.whenStale = WhenStale::Runtime;
-            else return r.fail("Layer", "whenStale", when.c_str(), "untracked, hold or runtime");
+            if (strcasecmp(when.c_str(), "untracked") == 0)
+                out.whenStale = WhenStale::Untracked;
+            else if (strcasecmp(when.c_str(), "hold") == 0)
+                out.whenStale = WhenStale::Hold;
+            else if (strcasecmp(when.c_str(), "runtime") == 0)
+                out.whenStale = WhenStale::Runtime;
+            else
+                return r.fail("Layer", "whenStale", when.c_str(), "untracked, hold or runtime");
         }
         if (const char* v = ini.GetValue("Layer", "relativeToPlatform", nullptr); v != nullptr) {
-            if (strcasecmp(v, "true") == 0 || strcmp(v, "1") == 0) out.relativeToPlatform = true;
-            else if (strcasecmp(v, "false") == 0 || strcmp(v, "0") == 0) out.relativeToPlatform = false;
-            else return r.fail("Layer", "relativeToPlatform", v, "true or false");
+            if (strcasecmp(v, "true") == 0 || strcmp(v, "1") == 0)
+                out.relativeToPlatform = true;
+            else if (strcasecmp(v, "false") == 0 || strcmp(v, "0") == 0)
+                out.relativeToPlatform = false;
+            else
+                return r.fail("Layer", "relativeToPlatform", v, "true or false");
         }
         const char* names[] = {"rollRad", "pitchRad", "yawRad", "xM", "yM", "zM"};
         for (int i = 0; i < 6; ++i) {
@@ -149,7 +160,8 @@ bool readLayerConfigFile(const std::string& path, const std::string& iniOverride
         if (!iniPath.empty()) {
             // A relative path belongs to the folder of the file that names it.
             const std::filesystem::path p(iniPath);
-            out.iniPath = p.is_absolute() ? iniPath : (std::filesystem::path(path).parent_path() / p).string();
+            out.iniPath =
+                p.is_absolute() ? iniPath : (std::filesystem::path(path).parent_path() / p).string();
         }
     }
     if (!iniOverride.empty()) out.iniPath = iniOverride;

@@ -88,7 +88,8 @@ struct XrApiLayerCreateInfo {
 static_assert(sizeof(LoaderStruct) == 4, "the loader's structure type is a 32-bit enum");
 static_assert(sizeof(XrNegotiateLoaderInfo) == 40, "XrNegotiateLoaderInfo is 40 bytes to the loader");
 static_assert(sizeof(XrNegotiateRuntimeRequest) == 40, "XrNegotiateRuntimeRequest is 40 bytes to the loader");
-static_assert(sizeof(XrNegotiateApiLayerRequest) == 48, "XrNegotiateApiLayerRequest is 48 bytes to the loader");
+static_assert(sizeof(XrNegotiateApiLayerRequest) == 48,
+              "XrNegotiateApiLayerRequest is 48 bytes to the loader");
 static_assert(sizeof(XrApiLayerCreateInfo) == 544, "XrApiLayerCreateInfo is 544 bytes to the loader");
 static_assert(offsetof(XrApiLayerCreateInfo, nextInfo) == 536, "nextInfo follows the 512-byte settings path");
 static_assert(sizeof(XrApiLayerNextInfo) == 296, "XrApiLayerNextInfo is 296 bytes to the loader");
@@ -102,7 +103,8 @@ using PFN_xrNegotiateLoaderRuntimeInterface = XrResult(XRAPI_PTR*)(const XrNegot
 // Whether the loader's offer covers what this code speaks.
 inline bool loaderOfferFits(const XrNegotiateLoaderInfo* info, uint32_t interfaceVersion) {
     return info != nullptr && info->structType == kLoaderStructLoaderInfo &&
-           info->structVersion == kLoaderInfoStructVersion && info->structSize == sizeof(XrNegotiateLoaderInfo) &&
+           info->structVersion == kLoaderInfoStructVersion &&
+           info->structSize == sizeof(XrNegotiateLoaderInfo) &&
            info->minInterfaceVersion <= interfaceVersion && info->maxInterfaceVersion >= interfaceVersion &&
            info->minApiVersion <= XR_CURRENT_API_VERSION && info->maxApiVersion >= XR_MAKE_VERSION(1, 0, 0);
 }

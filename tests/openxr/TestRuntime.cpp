@@ -112,8 +112,10 @@ XrResult XRAPI_CALL createInstance(const XrInstanceCreateInfo* info, XrInstance*
     auto* in = new Instance;
     for (uint32_t i = 0; i < info->enabledExtensionCount; ++i) {
         const char* e = info->enabledExtensionNames[i];
-        if (std::strcmp(e, XR_KHR_CONVERT_TIMESPEC_TIME_EXTENSION_NAME) == 0) in->timespec = true;
-        else if (std::strcmp(e, XR_MND_HEADLESS_EXTENSION_NAME) == 0) in->headless = true;
+        if (std::strcmp(e, XR_KHR_CONVERT_TIMESPEC_TIME_EXTENSION_NAME) == 0)
+            in->timespec = true;
+        else if (std::strcmp(e, XR_MND_HEADLESS_EXTENSION_NAME) == 0)
+            in->headless = true;
         else {
             delete in;
             return XR_ERROR_EXTENSION_NOT_PRESENT;
@@ -157,8 +159,9 @@ XrResult XRAPI_CALL enumerateViewConfigurations(XrInstance, XrSystemId, uint32_t
     return XR_SUCCESS;
 }
 
-XrResult XRAPI_CALL enumerateViewConfigurationViews(XrInstance, XrSystemId, XrViewConfigurationType, uint32_t cap,
-                                                    uint32_t* count, XrViewConfigurationView* views) {
+XrResult XRAPI_CALL enumerateViewConfigurationViews(XrInstance, XrSystemId, XrViewConfigurationType,
+                                                    uint32_t cap, uint32_t* count,
+                                                    XrViewConfigurationView* views) {
     *count = 2;
     if (cap == 0) return XR_SUCCESS;
     if (cap < 2) return XR_ERROR_SIZE_INSUFFICIENT;
@@ -233,7 +236,8 @@ XrResult XRAPI_CALL waitFrame(XrSession session, const XrFrameWaitInfo*, XrFrame
 XrResult XRAPI_CALL beginFrame(XrSession, const XrFrameBeginInfo*) { return XR_SUCCESS; }
 XrResult XRAPI_CALL endFrame(XrSession, const XrFrameEndInfo*) { return XR_SUCCESS; }
 
-XrResult XRAPI_CALL enumerateReferenceSpaces(XrSession, uint32_t cap, uint32_t* count, XrReferenceSpaceType* t) {
+XrResult XRAPI_CALL enumerateReferenceSpaces(XrSession, uint32_t cap, uint32_t* count,
+                                             XrReferenceSpaceType* t) {
     *count = 3;
     if (cap == 0) return XR_SUCCESS;
     if (cap < 3) return XR_ERROR_SIZE_INSUFFICIENT;
@@ -243,7 +247,8 @@ XrResult XRAPI_CALL enumerateReferenceSpaces(XrSession, uint32_t cap, uint32_t* 
     return XR_SUCCESS;
 }
 
-XrResult XRAPI_CALL createReferenceSpace(XrSession session, const XrReferenceSpaceCreateInfo* info, XrSpace* out) {
+XrResult XRAPI_CALL createReferenceSpace(XrSession session, const XrReferenceSpaceCreateInfo* info,
+                                         XrSpace* out) {
     if (info->referenceSpaceType != XR_REFERENCE_SPACE_TYPE_VIEW &&
         info->referenceSpaceType != XR_REFERENCE_SPACE_TYPE_LOCAL &&
         info->referenceSpaceType != XR_REFERENCE_SPACE_TYPE_STAGE)
@@ -262,7 +267,8 @@ XrResult XRAPI_CALL destroySpace(XrSpace s) {
 }
 
 XrResult XRAPI_CALL locateSpace(XrSpace space, XrSpace base, XrTime, XrSpaceLocation* loc) {
-    const XrPosef p = compose(invert(worldPose(reinterpret_cast<Space*>(base))), worldPose(reinterpret_cast<Space*>(space)));
+    const XrPosef p = compose(invert(worldPose(reinterpret_cast<Space*>(base))),
+                              worldPose(reinterpret_cast<Space*>(space)));
     loc->pose = p;
     loc->locationFlags = XR_SPACE_LOCATION_ORIENTATION_VALID_BIT | XR_SPACE_LOCATION_POSITION_VALID_BIT |
                          XR_SPACE_LOCATION_ORIENTATION_TRACKED_BIT | XR_SPACE_LOCATION_POSITION_TRACKED_BIT;
@@ -314,7 +320,8 @@ XrResult XRAPI_CALL getInstanceProcAddr(XrInstance, const char* name, PFN_xrVoid
         const char* name;
         PFN_xrVoidFunction function;
     };
-#define ORVXR_FN(n, f) {#n, reinterpret_cast<PFN_xrVoidFunction>(f)}
+#define ORVXR_FN(n, f) \
+    { #n, reinterpret_cast < PFN_xrVoidFunction>(f) }
     static const Entry table[] = {
         ORVXR_FN(xrGetInstanceProcAddr, getInstanceProcAddr),
         ORVXR_FN(xrEnumerateInstanceExtensionProperties, enumerateExtensions),
@@ -362,7 +369,8 @@ XrResult XRAPI_CALL getInstanceProcAddr(XrInstance, const char* name, PFN_xrVoid
 extern "C" __attribute__((visibility("default"))) XrResult XRAPI_CALL xrNegotiateLoaderRuntimeInterface(
     const XrNegotiateLoaderInfo* loaderInfo, XrNegotiateRuntimeRequest* request) {
     if (!loaderOfferFits(loaderInfo, kLoaderRuntimeInterfaceVersion) || request == nullptr ||
-        request->structType != kLoaderStructRuntimeRequest || request->structSize != sizeof(XrNegotiateRuntimeRequest))
+        request->structType != kLoaderStructRuntimeRequest ||
+        request->structSize != sizeof(XrNegotiateRuntimeRequest))
         return XR_ERROR_INITIALIZATION_FAILED;
     request->runtimeInterfaceVersion = kLoaderRuntimeInterfaceVersion;
     request->runtimeApiVersion = XR_CURRENT_API_VERSION;

@@ -10,7 +10,7 @@ namespace orvxr::testruntime {
 
 // XrTime = CLOCK_MONOTONIC in ns plus this.
 constexpr int64_t kXrTimeOffsetNs = 123456789012;
-constexpr int64_t kFramePeriodNs = 11111111;    // 90 Hz
+constexpr int64_t kFramePeriodNs = 11111111;     // 90 Hz
 constexpr int64_t kDisplayLatencyNs = 20000000;  // predicted display time after the frame's wait
 
 // The runtime's own head: off the origin and turned, so that a layer that

@@ -32,7 +32,8 @@ bool ok(XrResult r, const char* what) {
 
 const char* flagsText(XrViewStateFlags f) {
     const bool valid = (f & XR_VIEW_STATE_ORIENTATION_VALID_BIT) && (f & XR_VIEW_STATE_POSITION_VALID_BIT);
-    const bool tracked = (f & XR_VIEW_STATE_ORIENTATION_TRACKED_BIT) && (f & XR_VIEW_STATE_POSITION_TRACKED_BIT);
+    const bool tracked =
+        (f & XR_VIEW_STATE_ORIENTATION_TRACKED_BIT) && (f & XR_VIEW_STATE_POSITION_TRACKED_BIT);
     return tracked && valid ? "tracked  " : valid ? "valid    " : "not valid";
 }
 
@@ -85,7 +86,8 @@ int main(int argc, char** argv) {
         auto event = xrStruct<XrEventDataBuffer>(XR_TYPE_EVENT_DATA_BUFFER);
         if (xrPollEvent(instance, &event) != XR_SUCCESS) continue;
         if (event.type == XR_TYPE_EVENT_DATA_SESSION_STATE_CHANGED)
-            ready = reinterpret_cast<XrEventDataSessionStateChanged*>(&event)->state == XR_SESSION_STATE_READY;
+            ready =
+                reinterpret_cast<XrEventDataSessionStateChanged*>(&event)->state == XR_SESSION_STATE_READY;
     }
     if (good && !ready) {
         std::fprintf(stderr, "orvxrapp: the session never became ready\n");
@@ -97,7 +99,9 @@ int main(int argc, char** argv) {
         good = ok(xrBeginSession(session, &sbi), "xrBeginSession");
     }
     int tracked = 0;
-    if (good) std::printf("frame  display time (ns)   views      left eye position (m)        right eye position (m)\n");
+    if (good)
+        std::printf(
+            "frame  display time (ns)   views      left eye position (m)        right eye position (m)\n");
     for (int f = 0; good && f < frames; ++f) {
         auto fs = xrStruct<XrFrameState>(XR_TYPE_FRAME_STATE);
         auto fwi = xrStruct<XrFrameWaitInfo>(XR_TYPE_FRAME_WAIT_INFO);
@@ -119,7 +123,8 @@ int main(int argc, char** argv) {
             std::printf("%5d  %17lld   %s", f + 1, static_cast<long long>(fs.predictedDisplayTime),
                         flagsText(vs.viewStateFlags));
             if (vs.viewStateFlags & XR_VIEW_STATE_POSITION_VALID_BIT)
-                std::printf("  (%+.3f, %+.3f, %+.3f)   (%+.3f, %+.3f, %+.3f)\n", l.x, l.y, l.z, r.x, r.y, r.z);
+                std::printf("  (%+.3f, %+.3f, %+.3f)   (%+.3f, %+.3f, %+.3f)\n", l.x, l.y, l.z, r.x, r.y,
+                            r.z);
             else
                 std::printf("  -                          -\n");
             if (std::strncmp(flagsText(vs.viewStateFlags), "tracked", 7) == 0) ++tracked;

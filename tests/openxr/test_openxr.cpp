@@ -78,8 +78,8 @@ void axesOf(const Rigid& t, double fwd[3], double right[3], double up[3]) {
     }
 }
 
-#define EXPECT_VEC(v, a, b, c)               \
-    do {                                     \
+#define EXPECT_VEC(v, a, b, c)                \
+    do {                                      \
         EXPECT_NEAR((v)[0], (a), 1e-6) << #v; \
         EXPECT_NEAR((v)[1], (b), 1e-6) << #v; \
         EXPECT_NEAR((v)[2], (c), 1e-6) << #v; \
@@ -249,7 +249,8 @@ private:
             const ssize_t n = recv(fd_, buf, sizeof buf, 0);
             if (n <= 0 || muted_) continue;
             for (const sockaddr_in* to : {&layer_, &reference_})
-                sendto(fd_, buf, static_cast<size_t>(n), 0, reinterpret_cast<const sockaddr*>(to), sizeof *to);
+                sendto(fd_, buf, static_cast<size_t>(n), 0, reinterpret_cast<const sockaddr*>(to),
+                       sizeof *to);
             if (buf[0] == 10) {  // a tracking packet, not a PRA one
                 std::lock_guard<std::mutex> lock(mutex_);
                 last_.assign(buf, buf + n);
@@ -281,7 +282,8 @@ void toRelay(orvsim::SimConfig& c) {
 
 constexpr const char* kProcessing =
     "[Processing]\nvirtualSyncCtrl = 2\npredictionS = 0.004\nBoresightRefYawRad = 0.1\nTipOffsetXM = 0.05\n";
-constexpr const char* kMount = "[Mount]\nyawRad = 0.7\nxM = 0.5\nzM = -1.1\n[Display]\nxM = 0.08\nzM = -0.06\n";
+constexpr const char* kMount =
+    "[Mount]\nyawRad = 0.7\nxM = 0.5\nzM = -1.1\n[Display]\nxM = 0.08\nzM = -0.06\n";
 
 MountSettings testMount() {
     MountSettings s;
@@ -304,12 +306,13 @@ struct Tracker {
     int referencePort = orvtest::freePort(), referenceMetaPort = orvtest::freePort();
 
     bool start() {
-        const std::string ini = dir.write(
-            "reference.ini", std::string("[Communication]\ntcpOrvRxEnabled = false\nudpOrvRxImgPort = 0\n"
-                                         "udpOrvRxInputPort = 0\nudpNftPort = 0\nsMemImgName =\n") +
-                                 "udpOrvRxPort = " + std::to_string(referenceMetaPort) +
-                                 "\nudpOrvCorePort = " + std::to_string(referencePort) + "\nudpOrvHubPort = " +
-                                 std::to_string(orvtest::freePort()) + "\n" + kProcessing);
+        const std::string ini =
+            dir.write("reference.ini",
+                      std::string("[Communication]\ntcpOrvRxEnabled = false\nudpOrvRxImgPort = 0\n"
+                                  "udpOrvRxInputPort = 0\nudpNftPort = 0\nsMemImgName =\n") +
+                          "udpOrvRxPort = " + std::to_string(referenceMetaPort) +
+                          "\nudpOrvCorePort = " + std::to_string(referencePort) +
+                          "\nudpOrvHubPort = " + std::to_string(orvtest::freePort()) + "\n" + kProcessing);
         reference.setIniPath(ini);
         if (!reference.open()) {
             ADD_FAILURE() << reference.getLastError();
@@ -364,7 +367,8 @@ public:
         ici.enabledExtensionNames = ext;
         if (!check(xrCreateInstance(&ici, &instance_), "xrCreateInstance")) return false;
         PFN_xrVoidFunction f = nullptr;
-        if (!check(xrGetInstanceProcAddr(instance_, "xrConvertTimespecTimeToTimeKHR", &f), "get the conversion"))
+        if (!check(xrGetInstanceProcAddr(instance_, "xrConvertTimespecTimeToTimeKHR", &f),
+                   "get the conversion"))
             return false;
         toXrTime_ = reinterpret_cast<PFN_xrConvertTimespecTimeToTimeKHR>(f);
         auto sgi = xrStruct<XrSystemGetInfo>(XR_TYPE_SYSTEM_GET_INFO);
@@ -459,10 +463,11 @@ private:
     PFN_xrConvertTimespecTimeToTimeKHR toXrTime_ = nullptr;
 };
 
-constexpr XrViewStateFlags kAllViewBits = XR_VIEW_STATE_ORIENTATION_VALID_BIT | XR_VIEW_STATE_POSITION_VALID_BIT |
-                                          XR_VIEW_STATE_ORIENTATION_TRACKED_BIT |
-                                          XR_VIEW_STATE_POSITION_TRACKED_BIT;
-constexpr XrViewStateFlags kValidBits = XR_VIEW_STATE_ORIENTATION_VALID_BIT | XR_VIEW_STATE_POSITION_VALID_BIT;
+constexpr XrViewStateFlags kAllViewBits =
+    XR_VIEW_STATE_ORIENTATION_VALID_BIT | XR_VIEW_STATE_POSITION_VALID_BIT |
+    XR_VIEW_STATE_ORIENTATION_TRACKED_BIT | XR_VIEW_STATE_POSITION_TRACKED_BIT;
+constexpr XrViewStateFlags kValidBits =
+    XR_VIEW_STATE_ORIENTATION_VALID_BIT | XR_VIEW_STATE_POSITION_VALID_BIT;
 
 // Frames until the views in LOCAL satisfy `done`; false after 20 s of frames.
 template <typename F>
@@ -487,7 +492,8 @@ bool framesUntil(App& app, XrViewStateFlags want) {
 TEST(Layer, ViewsAreTheTrackersPosePredictedToTheDisplayTime) {
     Tracker tracker;
     ASSERT_TRUE(tracker.start());
-    setLayerEnvironment(tracker.layerConfig("layer.ini", "staleMs = 600000\n"), "XR_APILAYER_ORV_head_pose", false);
+    setLayerEnvironment(tracker.layerConfig("layer.ini", "staleMs = 600000\n"), "XR_APILAYER_ORV_head_pose",
+                        false);
     App app;
     ASSERT_TRUE(app.open());
     ASSERT_TRUE(framesUntil(app, kAllViewBits)) << "the views never became tracked";
@@ -537,7 +543,8 @@ TEST(Layer, ViewsAreTheTrackersPosePredictedToTheDisplayTime) {
         }
         ASSERT_EQ(app.views(app.stage_, t, v), kAllViewBits) << at;
         for (int i = 0; i < 2; ++i) {
-            const XrPosef want = toXr(compose(inverse(fromXr(stageOffset)), compose(head, fromXr(rt::kEyes[i]))));
+            const XrPosef want =
+                toXr(compose(inverse(fromXr(stageOffset)), compose(head, fromXr(rt::kEyes[i]))));
             expectPose(v[i].pose, want, 2e-5, at + ", STAGE with an offset, eye " + std::to_string(i));
         }
         const XrSpaceLocation h = app.locate(app.view_, app.local_, t);
@@ -549,7 +556,8 @@ TEST(Layer, ViewsAreTheTrackersPosePredictedToTheDisplayTime) {
     // The eyes keep their distance whatever the head does.
     XrView v[2];
     app.views(app.local_, app.frame(), v);
-    const double dx = v[0].pose.position.x - v[1].pose.position.x, dy = v[0].pose.position.y - v[1].pose.position.y,
+    const double dx = v[0].pose.position.x - v[1].pose.position.x,
+                 dy = v[0].pose.position.y - v[1].pose.position.y,
                  dz = v[0].pose.position.z - v[1].pose.position.z;
     EXPECT_NEAR(std::sqrt(dx * dx + dy * dy + dz * dz), 0.064, 1e-5);
 }
@@ -565,9 +573,10 @@ TEST(Layer, FlagsFollowATrackerThatStopsAndRestarts) {
     };
     for (const Case& c : {Case{"untracked", 0}, Case{"hold", kValidBits}, Case{"runtime", kAllViewBits}}) {
         SCOPED_TRACE(c.whenStale);
-        setLayerEnvironment(tracker.layerConfig(std::string(c.whenStale) + ".ini",
-                                                std::string("staleMs = 150\nwhenStale = ") + c.whenStale + "\n"),
-                            "XR_APILAYER_ORV_head_pose", false);
+        setLayerEnvironment(
+            tracker.layerConfig(std::string(c.whenStale) + ".ini",
+                                std::string("staleMs = 150\nwhenStale = ") + c.whenStale + "\n"),
+            "XR_APILAYER_ORV_head_pose", false);
         App app;
         ASSERT_TRUE(app.open());
         tracker.relay.mute(false);
@@ -575,7 +584,8 @@ TEST(Layer, FlagsFollowATrackerThatStopsAndRestarts) {
         XrView v[2];
         app.views(app.local_, app.frame(), v);
         const XrPosef runtimeEye = toXr(compose(fromXr(rt::kHead), fromXr(rt::kEyes[0])));
-        EXPECT_GT(std::fabs(v[0].pose.position.y - runtimeEye.position.y), 1e-3) << "the runtime's pose, not ours";
+        EXPECT_GT(std::fabs(v[0].pose.position.y - runtimeEye.position.y), 1e-3)
+            << "the runtime's pose, not ours";
 
         tracker.relay.mute(true);
         const bool runtime = std::string(c.whenStale) == "runtime";
@@ -646,7 +656,8 @@ TEST(Layer, RelativeToThePlatform) {
                       1e-3);
             break;
         }
-        ASSERT_LT(Clock::now(), end) << "the layer's pose never became the reference's relative to the platform";
+        ASSERT_LT(Clock::now(), end)
+            << "the layer's pose never became the reference's relative to the platform";
     }
 }
 
@@ -664,7 +675,8 @@ TEST(Layer, UnmodifiedApplicationWithTheValidationLayerAroundIt) {
         const orvtest::Ran r = orvtest::run({ORVXR_APP, "--frames", "60"}, tracker.dir.path().string(), 60.0);
         EXPECT_EQ(r.code, 0) << r.out << r.err;
         EXPECT_EQ(r.out.find("VALID_ERROR"), std::string::npos) << r.out;
-        EXPECT_NE(r.err.find("orvaccess OpenXR layer: head pose from the tracker of"), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find("orvaccess OpenXR layer: head pose from the tracker of"), std::string::npos)
+            << r.err;
         EXPECT_NE(r.out.find(" tracked "), std::string::npos) << r.out;
         EXPECT_EQ(r.out.find("with 0 tracked views"), std::string::npos) << r.out;
     }
@@ -674,7 +686,8 @@ TEST(Layer, UnmodifiedApplicationWithTheValidationLayerAroundIt) {
     const orvtest::Ran r = orvtest::run({ORVXR_APP, "--frames", "3"}, tracker.dir.path().string(), 60.0);
     unsetenv("ORVACCESS_XR_INI");
     EXPECT_EQ(r.code, 0) << r.out << r.err;
-    EXPECT_NE(r.err.find("nosuch.ini does not exist; the runtime's poses pass through"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("nosuch.ini does not exist; the runtime's poses pass through"), std::string::npos)
+        << r.err;
     EXPECT_NE(r.out.find("(+0.069, +1.600, -0.191)"), std::string::npos) << r.out;
 }
 
