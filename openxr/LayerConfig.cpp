@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <initializer_list>
 #include <list>
 
 namespace orvxr {
@@ -144,12 +145,18 @@ bool readLayerConfigFile(const std::string& path, const std::string& iniOverride
                 return r.fail("Layer", "whenStale", when.c_str(), "untracked, hold or runtime");
         }
         if (const char* v = ini.GetValue("Layer", "relativeToPlatform", nullptr); v != nullptr) {
-            if (strcasecmp(v, "true") == 0 || strcmp(v, "1") == 0)
+            // The words the library's own file takes for a switch.
+            const auto is = [v](std::initializer_list<const char*> words) {
+                for (const char* w : words)
+                    if (strcasecmp(v, w) == 0) return true;
+                return false;
+            };
+            if (is({"true", "1", "yes", "on"}))
                 out.relativeToPlatform = true;
-            else if (strcasecmp(v, "false") == 0 || strcmp(v, "0") == 0)
+            else if (is({"false", "0", "no", "off"}))
                 out.relativeToPlatform = false;
             else
-                return r.fail("Layer", "relativeToPlatform", v, "true or false");
+                return r.fail("Layer", "relativeToPlatform", v, "true or false (or yes, no, on, off, 1, 0)");
         }
         const char* names[] = {"rollRad", "pitchRad", "yawRad", "xM", "yM", "zM"};
         for (int i = 0; i < 6; ++i) {

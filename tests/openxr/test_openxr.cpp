@@ -164,7 +164,7 @@ TEST(LayerConfig, KeysPathsAndRefusals) {
 
     const std::string path = dir.write("layer.ini",
                                        "[layer]\nini = conf/orv.ini\nstaleMs = 2.5\nwhenStale = Hold\n"
-                                       "relativeToPlatform = true\n[Mount]\nyawRad = 1.5\nzM = -1.2\n"
+                                       "relativeToPlatform = on\n[Mount]\nyawRad = 1.5\nzM = -1.2\n"
                                        "[Display]\nxM = 0.1\npitchRad = -0.2\n");
     ASSERT_TRUE(readLayerConfigFile(path, "", c, error)) << error;
     EXPECT_EQ(c.iniPath, (dir.path() / "conf/orv.ini").string());
