@@ -65,7 +65,10 @@ FeedHolder& feedHolder() {
 }
 
 // The newest platform attitude (roll, pitch, yaw), for poses relative to the
-// platform: written by xrWaitFrame's thread, read by render threads.
+// platform: written by xrWaitFrame's thread, read by render threads. A
+// sequence count around three atomic values; each value is stored with
+// release and loaded with acquire, so that a reader that sees a new value
+// also sees the count it was written under, and tries again.
 struct PlatformAttitude {
     std::atomic<uint32_t> sequence{0};
     std::atomic<double> rpy[3] = {};
@@ -73,7 +76,7 @@ struct PlatformAttitude {
 
     void publish(const float rpyIn[3]) {
         sequence.fetch_add(1, std::memory_order_acq_rel);
-        for (int i = 0; i < 3; ++i) rpy[i].store(rpyIn[i], std::memory_order_relaxed);
+        for (int i = 0; i < 3; ++i) rpy[i].store(rpyIn[i], std::memory_order_release);
         sequence.fetch_add(1, std::memory_order_release);
         known.store(true, std::memory_order_release);
     }
@@ -81,8 +84,7 @@ struct PlatformAttitude {
         if (!known.load(std::memory_order_acquire)) return false;
         for (;;) {
             const uint32_t s0 = sequence.load(std::memory_order_acquire);
-            for (int i = 0; i < 3; ++i) out[i] = rpy[i].load(std::memory_order_relaxed);
-            std::atomic_thread_fence(std::memory_order_acquire);
+            for (int i = 0; i < 3; ++i) out[i] = rpy[i].load(std::memory_order_acquire);
             if ((s0 & 1u) == 0 && sequence.load(std::memory_order_relaxed) == s0) return true;
         }
     }
