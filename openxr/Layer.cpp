@@ -134,8 +134,12 @@ struct SpaceState {
 HandleTable<InstanceState, 8> gInstances;
 HandleTable<SessionState, 16> gSessions;
 HandleTable<SpaceState, 512> gSpaces;
-// The next layer's xrGetInstanceProcAddr for calls without a known instance.
+// The newest instance's next functions, for calls that name no handle the
+// layer knows: spaces made by extensions' functions, which it does not hook.
+// The loader allows one instance at a time.
 std::atomic<PFN_xrGetInstanceProcAddr> gLastNextGetProcAddr{nullptr};
+std::atomic<PFN_xrLocateSpace> gLastNextLocateSpace{nullptr};
+std::atomic<PFN_xrDestroySpace> gLastNextDestroySpace{nullptr};
 
 bool tracksAgainst(const SpaceState* s) {
     return s != nullptr && s->reference &&
@@ -263,9 +267,13 @@ XrResult XRAPI_CALL hookCreateSession(XrInstance instance, const XrSessionCreate
         }
     }
     if (!gSessions.add(key(*session), s)) {
-        say("too many sessions at once: a new one's poses pass through");
+        // A session the layer does not know could not be used through it.
+        say("too many sessions at once");
         if (s->runtimeView != XR_NULL_HANDLE) in->next.destroySpace(s->runtimeView);
+        in->next.destroySession(*session);
+        *session = XR_NULL_HANDLE;
         delete s;
+        return XR_ERROR_LIMIT_REACHED;
     }
     return r;
 }
@@ -281,7 +289,9 @@ XrResult XRAPI_CALL hookDestroySession(XrSession session) {
     return in->next.destroySession(session);
 }
 
-void remember(SessionState* s, XrSpace space, bool reference, XrReferenceSpaceType type,
+// False when the table is full: the caller then gives the space back, as the
+// layer could not pass its calls on.
+bool remember(SessionState* s, XrSpace space, bool reference, XrReferenceSpaceType type,
               const XrPosef& pose) {
     auto* sp = new SpaceState;
     sp->handle = space;
@@ -290,7 +300,11 @@ void remember(SessionState* s, XrSpace space, bool reference, XrReferenceSpaceTy
     sp->type = type;
     sp->offset = fromXr(pose);
     sp->inverse = orvxr::inverse(sp->offset);
-    if (!gSpaces.add(key(space), sp)) delete sp;  // unknown to the layer: passes through
+    if (gSpaces.add(key(space), sp)) return true;
+    delete sp;
+    s->instance->next.destroySpace(space);
+    say("too many spaces at once");
+    return false;
 }
 
 XrResult XRAPI_CALL hookCreateReferenceSpace(XrSession session, const XrReferenceSpaceCreateInfo* info,
@@ -298,7 +312,10 @@ XrResult XRAPI_CALL hookCreateReferenceSpace(XrSession session, const XrReferenc
     SessionState* s = gSessions.find(key(session));
     if (s == nullptr) return XR_ERROR_HANDLE_INVALID;
     const XrResult r = s->instance->next.createReferenceSpace(session, info, space);
-    if (XR_SUCCEEDED(r)) remember(s, *space, true, info->referenceSpaceType, info->poseInReferenceSpace);
+    if (XR_SUCCEEDED(r) && !remember(s, *space, true, info->referenceSpaceType, info->poseInReferenceSpace)) {
+        *space = XR_NULL_HANDLE;
+        return XR_ERROR_LIMIT_REACHED;
+    }
     return r;
 }
 
@@ -307,19 +324,19 @@ XrResult XRAPI_CALL hookCreateActionSpace(XrSession session, const XrActionSpace
     SessionState* s = gSessions.find(key(session));
     if (s == nullptr) return XR_ERROR_HANDLE_INVALID;
     const XrResult r = s->instance->next.createActionSpace(session, info, space);
-    if (XR_SUCCEEDED(r)) remember(s, *space, false, XR_REFERENCE_SPACE_TYPE_VIEW, info->poseInActionSpace);
+    if (XR_SUCCEEDED(r) &&
+        !remember(s, *space, false, XR_REFERENCE_SPACE_TYPE_VIEW, info->poseInActionSpace)) {
+        *space = XR_NULL_HANDLE;
+        return XR_ERROR_LIMIT_REACHED;
+    }
     return r;
 }
 
 XrResult XRAPI_CALL hookDestroySpace(XrSpace space) {
     SpaceState* sp = gSpaces.remove(key(space));
     if (sp == nullptr) {
-        // A space the table had no room for: any instance's chain reaches it.
-        PFN_xrGetInstanceProcAddr gipa = gLastNextGetProcAddr.load();
-        PFN_xrVoidFunction f = nullptr;
-        if (gipa == nullptr || XR_FAILED(gipa(XR_NULL_HANDLE, "xrDestroySpace", &f)) || f == nullptr)
-            return XR_ERROR_HANDLE_INVALID;
-        return reinterpret_cast<PFN_xrDestroySpace>(f)(space);
+        const PFN_xrDestroySpace next = gLastNextDestroySpace.load();
+        return next != nullptr ? next(space) : XR_ERROR_HANDLE_INVALID;
     }
     InstanceState* in = sp->session->instance;
     delete sp;
@@ -382,11 +399,8 @@ XrResult XRAPI_CALL hookLocateSpace(XrSpace space, XrSpace baseSpace, XrTime tim
     const SpaceState* b = gSpaces.find(key(baseSpace));
     const SpaceState* known = a != nullptr ? a : b;
     if (known == nullptr) {
-        PFN_xrGetInstanceProcAddr gipa = gLastNextGetProcAddr.load();
-        PFN_xrVoidFunction f = nullptr;
-        if (gipa == nullptr || XR_FAILED(gipa(XR_NULL_HANDLE, "xrLocateSpace", &f)) || f == nullptr)
-            return XR_ERROR_HANDLE_INVALID;
-        return reinterpret_cast<PFN_xrLocateSpace>(f)(space, baseSpace, time, location);
+        const PFN_xrLocateSpace next = gLastNextLocateSpace.load();
+        return next != nullptr ? next(space, baseSpace, time, location) : XR_ERROR_HANDLE_INVALID;
     }
     InstanceState& in = *known->session->instance;
     const XrResult r = in.next.locateSpace(space, baseSpace, time, location);
@@ -487,6 +501,8 @@ XrResult XRAPI_CALL createApiLayerInstance(const XrInstanceCreateInfo* info,
         say("the runtime offers no xrConvertTimeToTimespecTimeKHR; the runtime's poses pass through");
         convertible = false;
     }
+    gLastNextLocateSpace.store(f.locateSpace);
+    gLastNextDestroySpace.store(f.destroySpace);
     in->mount = Mount(in->cfg.mount);
     if (convertible) in->feed = acquireFeed(in->cfg, &in->feedGeneration);
     if (in->feed != nullptr) {
