@@ -77,8 +77,10 @@ struct OrvPoseFeed::Impl {
     std::atomic<uint64_t> wakesSent{0};
     uint64_t wakesTaken = 0;
 
-    // Caller's thread only (start/stop are not concurrent).
-    bool running = false;
+    // Written by start() and stop() (not concurrent with each other), read
+    // from any thread.
+    std::atomic<bool> running{false};
+    // Caller's thread only.
     std::string startError;
     // What the thread last ran into, under a lock of its own that is never
     // held for long (the thread holds the main lock while it sleeps).
@@ -163,13 +165,12 @@ bool OrvPoseFeed::Impl::open() {
     }
     OrvAccess::State& s = state();
     s.wakeFd = wakeFd;
+    s.passLimit = kPassLimit;
     object->setIniPath(iniPath);
     if (!object->open()) {
         startError = object->getLastError();
         return false;
     }
-    // open() reads the configuration and so resets the limit.
-    s.passLimit = kPassLimit;
     // The records queued before the thread runs are its to take.
     publishSettings();
     return true;

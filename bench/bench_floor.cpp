@@ -516,7 +516,8 @@ struct PlainPose {
 static_assert(sizeof(PlainPose) == 600, "the bytes the feed publishes");
 constexpr size_t kPlainWords = sizeof(PlainPose) / 8;
 
-// One copy under one sequence word, written by one thread.
+// One copy under one sequence word, written by one thread; the same
+// orderings as the feed's (release stores, acquire loads, no fences).
 struct PlainSeqlock {
     std::atomic<uint64_t> seq{0};
     std::atomic<uint64_t> words[kPlainWords] = {};
@@ -527,8 +528,7 @@ void plainPublish(PlainSeqlock* l, const PlainPose* p) {
     std::memcpy(w, p, sizeof w);
     const uint64_t s = l->seq.load(std::memory_order_relaxed);
     l->seq.store(s + 1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    for (size_t i = 0; i < kPlainWords; ++i) l->words[i].store(w[i], std::memory_order_relaxed);
+    for (size_t i = 0; i < kPlainWords; ++i) l->words[i].store(w[i], std::memory_order_release);
     l->seq.store(s + 2, std::memory_order_release);
 }
 
@@ -537,8 +537,7 @@ void plainRead(const PlainSeqlock* l, PlainPose* p) {
     for (;;) {
         const uint64_t s = l->seq.load(std::memory_order_acquire);
         if (s & 1) continue;
-        for (size_t i = 0; i < kPlainWords; ++i) w[i] = l->words[i].load(std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
+        for (size_t i = 0; i < kPlainWords; ++i) w[i] = l->words[i].load(std::memory_order_acquire);
         if (l->seq.load(std::memory_order_relaxed) == s) break;
     }
     std::memcpy(p, w, sizeof w);

@@ -32,6 +32,8 @@
 #include "orvaccess/OrvAccess.hpp"
 #include "orvaccess/orvaccess.h"
 
+// A pose feed: an open access object, a service thread that publishes its
+// newest tracking record, and lock-free reads of that record (see above).
 class ORVACCESS_EXPORT OrvPoseFeed {
 public:
     // Default time without a new pose after which a pose counts as stale, us.
@@ -45,7 +47,9 @@ public:
     // Stops the thread (stop()) and closes the access object. Readers must
     // be gone before the feed.
     ~OrvPoseFeed();
+    // Not copyable: the feed owns a thread and an access object.
     OrvPoseFeed(const OrvPoseFeed&) = delete;
+    // Not copyable either.
     OrvPoseFeed& operator=(const OrvPoseFeed&) = delete;
 
     // ---- life cycle (any thread but a reader's; not concurrently) ----
@@ -75,6 +79,7 @@ public:
     // thread, lock-free; readers see it from their next call.
     // @param staleUs us; default kDefaultStaleUs.
     void setStaleTimeUs(unsigned long staleUs);
+    // The stale time, us; any thread, lock-free.
     unsigned long getStaleTimeUs() const;
 
     // ---- the render path: any thread, any rate, lock-free ----
@@ -94,6 +99,7 @@ public:
     // nothing after construction and must not outlive its feed.
     class ORVACCESS_EXPORT Reader {
     public:
+        // A reader of feed with no display clock learnt yet.
         explicit Reader(const OrvPoseFeed& feed);
         // The newest tracking record predicted to displayTimeUs: the same
         // clock alignment, age, bounds and adjustment as
@@ -134,12 +140,19 @@ public:
     // Do not call open() or close() through it; use start() and stop().
     class ORVACCESS_EXPORT Access {
     public:
+        // Takes over other's lock; other lends nothing afterwards.
         Access(Access&& other) noexcept;
+        // Not copyable: one lock, one holder.
         Access(const Access&) = delete;
+        // Not assignable.
         Access& operator=(const Access&) = delete;
+        // Not assignable.
         Access& operator=(Access&&) = delete;
+        // Releases the lock (see unlockAccess()).
         ~Access();
+        // The lent access object.
         OrvAccess* operator->() const { return object_; }
+        // The lent access object.
         OrvAccess& operator*() const { return *object_; }
 
     private:
@@ -151,8 +164,10 @@ public:
     // Waits for the service thread to finish its pass (it wakes from its
     // sleep at once), then lends the access object. Not on a render thread.
     Access access();
-    // The same as a lock and an unlock, for the C interface.
+    // What access() does, in two calls, for the C interface: takes the lock
+    // and lends the object until unlockAccess().
     OrvAccess* lockAccess();
+    // Publishes the pose settings again and releases the lock of lockAccess().
     void unlockAccess();
 
     // Internal state; its definition is private to the library.

@@ -126,6 +126,38 @@ int main(void) {
     OrvAccess_destroy(h);
     OrvAccess_destroy(NULL);
 
+    /* The pose feed on the same port: its own thread, its object lent under its lock. */
+    {
+        OrvPoseFeed* feed = OrvPoseFeed_create(ini, text, sizeof text);
+        OrvPoseFeedReader* reader;
+        OrvAccess* lent;
+        s_OrvPoseFeedPose pose;
+        check(feed != NULL, "OrvPoseFeed_create");
+        if (feed != NULL) {
+            check(OrvPoseFeed_isRunning(feed) == 1, "OrvPoseFeed_isRunning");
+            check(OrvPoseFeed_getLatest(feed, &pose) == 0 && pose.valid == 0 && pose.stale == 1 && pose.sequence == 0,
+                  "OrvPoseFeed_getLatest before any pose");
+            lent = OrvPoseFeed_lockAccess(feed);
+            check(lent != NULL && OrvAccess_getStatus(lent, &status) == 1 &&
+                      (status.connections & ORVACCESS_CONN_ORVCORE) != 0,
+                  "OrvPoseFeed_lockAccess lends the open object");
+            OrvPoseFeed_unlockAccess(feed);
+            reader = OrvPoseFeedReader_create(feed);
+            check(reader != NULL && OrvPoseFeedReader_getAtTime(reader, 1000, &pose) == 0, "a reader before any pose");
+            OrvPoseFeedReader_destroy(reader);
+            check(OrvPoseFeed_stop(feed) == 1 && OrvPoseFeed_isRunning(feed) == 0, "OrvPoseFeed_stop");
+            check(OrvPoseFeed_start(feed) == 1 && OrvPoseFeed_isRunning(feed) == 1, "OrvPoseFeed_start again");
+            OrvPoseFeed_destroy(feed);
+        }
+        f = fopen(ini, "w");
+        if (f == NULL) return 2;
+        fprintf(f, "[Communication]\ntcpOrvRxEnabled = 0\nudpOrvRxPort = 0\nudpOrvRxImgPort = 0\n"
+                   "udpOrvRxInputPort = 0\nudpOrvCorePort = 0\nudpOrvHubPort = 0\nudpNftPort = 0\nsMemImgName =\n");
+        fclose(f);
+        check(OrvPoseFeed_create(ini, text, sizeof text) == NULL && strcmp(text, "Unable to open any connections") == 0,
+              "OrvPoseFeed_create says why it cannot open");
+    }
+
     remove(ini);
     rmdir(dir);
     if (failures == 0) printf("c_interface: ok\n");

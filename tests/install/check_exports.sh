@@ -11,9 +11,9 @@ if [ "$soname" != "liborvaccess.so.1" ]; then
 fi
 
 # Every defined dynamic symbol must belong to the public interface: the C
-# functions, the class and the two image helpers offered to applications.
+# functions, the classes and the two image helpers offered to applications.
 # Weak symbols are template and inline instances the compiler may emit.
-public='^(OrvAccess_[A-Za-z]+|OrvosiUtil_(snoozeMs|getTimeMs)|OrvAccess::.*|OrvosiUtil::GetImageResolution\(.*|OrvosiMath::DownsampleImage\(.*|typeinfo (name )?for OrvAccess|vtable for OrvAccess)$'
+public='^(OrvAccess_[A-Za-z]+|OrvPoseFeed(Reader)?_[A-Za-z]+|OrvosiUtil_(snoozeMs|getTimeMs)|OrvAccess::.*|OrvPoseFeed::.*|OrvosiUtil::GetImageResolution\(.*|OrvosiMath::DownsampleImage\(.*|typeinfo (name )?for OrvAccess|vtable for OrvAccess)$'
 # Read the tables once: grep -q on a live pipe would end nm early, and
 # pipefail would take that for a failure.
 plain=$(nm -D --defined-only "$lib")
@@ -43,5 +43,13 @@ done
 for sym in OrvosiUtil_snoozeMs OrvosiUtil_getTimeMs; do
   grep -qw "$sym" <<<"$plain" || { echo "missing export: $sym"; exit 1; }
 done
+# The pose feed's C functions.
+for f in OrvPoseFeed_create OrvPoseFeed_destroy OrvPoseFeed_start OrvPoseFeed_stop OrvPoseFeed_isRunning \
+  OrvPoseFeed_getLastError OrvPoseFeed_getServiceError OrvPoseFeed_setStaleTimeUs OrvPoseFeed_getLatest \
+  OrvPoseFeedReader_create OrvPoseFeedReader_destroy OrvPoseFeedReader_getAtTime \
+  OrvPoseFeedReader_resetDisplayClock OrvPoseFeed_lockAccess OrvPoseFeed_unlockAccess; do
+  grep -qw "$f" <<<"$plain" || { echo "missing export: $f"; exit 1; }
+done
 grep -q 'OrvAccess::getVersion' <<<"$demangled" || { echo "class not exported"; exit 1; }
+grep -q 'OrvPoseFeed::Reader::getAtTime' <<<"$demangled" || { echo "pose feed not exported"; exit 1; }
 echo "exports ok: $(awk '$2 ~ /^[TDBR]$/' <<<"$plain" | wc -l) public symbols, SONAME $soname"
