@@ -214,9 +214,13 @@ Head trackerHead(InstanceState& in, XrTime displayTime, Rigid* head) {
     if (!usable) return in.cfg.whenStale == WhenStale::Runtime ? Head::Runtime : Head::Untracked;
     double platform[3][3];
     double rpy[3];
-    const bool relative = in.cfg.relativeToPlatform && in.platform.read(rpy);
-    if (relative) OrvosiMath::euler2Cbn(rpy, platform);
-    *head = in.mount.headPose(pose.data, relative ? platform : nullptr);
+    if (in.cfg.relativeToPlatform) {
+        // Without the platform's attitude the pose would be in another frame.
+        if (!in.platform.read(rpy))
+            return in.cfg.whenStale == WhenStale::Runtime ? Head::Runtime : Head::Untracked;
+        OrvosiMath::euler2Cbn(rpy, platform);
+    }
+    *head = in.mount.headPose(pose.data, in.cfg.relativeToPlatform ? platform : nullptr);
     return pose.stale == 0 ? Head::Tracked : Head::Held;
 }
 
