@@ -1,5 +1,7 @@
 #include "Convert.hpp"
 
+#include "osi/OrvosiMath.hpp"
+
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -24,47 +26,17 @@ geometry_msgs_msg_dds__Vector3_ vector3(const float v[3]) { return {v[0], v[1], 
 }  // namespace
 
 Quaternion quaternionOf(const float m[3][3]) {
-    // Shepperd's method: start from the largest of w, x, y, z so that the
-    // division is by the largest of the four roots, never by a small one.
-    const double m00 = m[0][0], m11 = m[1][1], m22 = m[2][2];
-    const double trace = m00 + m11 + m22;
-    Quaternion q;
-    if (trace > 0.0) {
-        const double s = 2.0 * std::sqrt(1.0 + trace);
-        q.w = 0.25 * s;
-        q.x = (m[2][1] - m[1][2]) / s;
-        q.y = (m[0][2] - m[2][0]) / s;
-        q.z = (m[1][0] - m[0][1]) / s;
-    } else if (m00 > m11 && m00 > m22) {
-        const double s = 2.0 * std::sqrt(1.0 + m00 - m11 - m22);
-        q.w = (m[2][1] - m[1][2]) / s;
-        q.x = 0.25 * s;
-        q.y = (m[0][1] + m[1][0]) / s;
-        q.z = (m[0][2] + m[2][0]) / s;
-    } else if (m11 > m22) {
-        const double s = 2.0 * std::sqrt(1.0 + m11 - m00 - m22);
-        q.w = (m[0][2] - m[2][0]) / s;
-        q.x = (m[0][1] + m[1][0]) / s;
-        q.y = 0.25 * s;
-        q.z = (m[1][2] + m[2][1]) / s;
-    } else {
-        const double s = 2.0 * std::sqrt(1.0 + m22 - m00 - m11);
-        q.w = (m[1][0] - m[0][1]) / s;
-        q.x = (m[0][2] + m[2][0]) / s;
-        q.y = (m[1][2] + m[2][1]) / s;
-        q.z = 0.25 * s;
-    }
-    // A float matrix is only nearly orthonormal: normalise, and keep w >= 0
-    // so that one attitude always gives the same four numbers.
-    const double n = std::sqrt(q.w * q.w + q.x * q.x + q.y * q.y + q.z * q.z);
-    const double sign = q.w < 0.0 ? -1.0 : 1.0;
-    if (n > 0.0 && std::isfinite(n)) {
-        q.w *= sign / n;
-        q.x *= sign / n;
-        q.y *= sign / n;
-        q.z *= sign / n;
-    }
-    return q;
+    double c[3][3];
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j) c[i][j] = m[i][j];
+    double q[4];
+    OrvosiMath::cbn2Quat(c, q);
+    Quaternion out;
+    out.x = q[0];
+    out.y = q[1];
+    out.z = q[2];
+    out.w = q[3];
+    return out;
 }
 
 builtin_interfaces_msg_dds__Time_ rosTime(uint64_t timeUs) {

@@ -75,6 +75,67 @@ void OrvosiMath::euler2Cbn(const double* euler, double cbn[3][3]) {
     cbn[2][2] = cp * cr;
 }
 
+void OrvosiMath::cbn2Quat(const double cbn[3][3], double q[4]) {
+    // Shepperd's method: start from the largest of w, x, y, z so that the
+    // division is by the largest of the four roots, never by a small one.
+    const double m00 = cbn[0][0], m11 = cbn[1][1], m22 = cbn[2][2];
+    const double trace = m00 + m11 + m22;
+    double x, y, z, w;
+    if (trace > 0.0) {
+        const double s = 2.0 * std::sqrt(1.0 + trace);
+        w = 0.25 * s;
+        x = (cbn[2][1] - cbn[1][2]) / s;
+        y = (cbn[0][2] - cbn[2][0]) / s;
+        z = (cbn[1][0] - cbn[0][1]) / s;
+    } else if (m00 > m11 && m00 > m22) {
+        const double s = 2.0 * std::sqrt(1.0 + m00 - m11 - m22);
+        w = (cbn[2][1] - cbn[1][2]) / s;
+        x = 0.25 * s;
+        y = (cbn[0][1] + cbn[1][0]) / s;
+        z = (cbn[0][2] + cbn[2][0]) / s;
+    } else if (m11 > m22) {
+        const double s = 2.0 * std::sqrt(1.0 + m11 - m00 - m22);
+        w = (cbn[0][2] - cbn[2][0]) / s;
+        x = (cbn[0][1] + cbn[1][0]) / s;
+        y = 0.25 * s;
+        z = (cbn[1][2] + cbn[2][1]) / s;
+    } else {
+        const double s = 2.0 * std::sqrt(1.0 + m22 - m00 - m11);
+        w = (cbn[1][0] - cbn[0][1]) / s;
+        x = (cbn[0][2] + cbn[2][0]) / s;
+        y = (cbn[1][2] + cbn[2][1]) / s;
+        z = 0.25 * s;
+    }
+    const double n = std::sqrt(w * w + x * x + y * y + z * z);
+    const double sign = w < 0.0 ? -1.0 : 1.0;
+    if (n > 0.0 && std::isfinite(n)) {
+        x *= sign / n;
+        y *= sign / n;
+        z *= sign / n;
+        w *= sign / n;
+    }
+    q[0] = x;
+    q[1] = y;
+    q[2] = z;
+    q[3] = w;
+}
+
+void OrvosiMath::quat2Cbn(const double q[4], double cbn[3][3]) {
+    const double n2 = q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3];
+    // 2 / |q|^2 scales a quaternion of any length to its rotation.
+    const double s = n2 > 0.0 ? 2.0 / n2 : 0.0;
+    const double x = q[0], y = q[1], z = q[2], w = q[3];
+    cbn[0][0] = 1.0 - s * (y * y + z * z);
+    cbn[0][1] = s * (x * y - z * w);
+    cbn[0][2] = s * (x * z + y * w);
+    cbn[1][0] = s * (x * y + z * w);
+    cbn[1][1] = 1.0 - s * (x * x + z * z);
+    cbn[1][2] = s * (y * z - x * w);
+    cbn[2][0] = s * (x * z - y * w);
+    cbn[2][1] = s * (y * z + x * w);
+    cbn[2][2] = 1.0 - s * (x * x + y * y);
+}
+
 void OrvosiMath::cbn2Euler(const double cbn[3][3], double* euler) {
     double s = cbn[2][0];
     if (s > 1.0) s = 1.0;

@@ -37,6 +37,14 @@ public:
     // stays finite even when rounding pushes |c[6]| past 1.
     static void cbn2Euler(const double cbn[3][3], double* euler);
 
+    // The unit quaternion (x, y, z, w) of a rotation matrix, with w >= 0 so
+    // that one attitude always gives the same four numbers; a nearly
+    // orthonormal matrix (a float one widened) is normalised on the way.
+    static void cbn2Quat(const double cbn[3][3], double q[4]);
+    // The rotation matrix of a quaternion (x, y, z, w); q need not be unit
+    // length, a zero one gives the identity.
+    static void quat2Cbn(const double q[4], double cbn[3][3]);
+
     // cbn = cbn * R(rotVec), R the rotation by |rotVec| about rotVec (body
     // axes). Angles below 1e-6 rad leave cbn untouched.
     static void rotateCbn(const double* rotVec, double* cbn);

@@ -27,6 +27,11 @@ packages=(
   python3-numpy
   python3-pytest
   python3-matplotlib
+  # The OpenXR API layer: the SDK's headers, the loader its tests run, and
+  # Khronos's validation layer the tests stack around it.
+  libopenxr-dev
+  libopenxr-loader1
+  openxr-layer-corevalidation
   # The fuzz harnesses.
   clang-14
   libclang-rt-14-dev

@@ -151,3 +151,32 @@ TEST(Inversion, ResultsAndRefusals) {
 }
 
 }  // namespace
+
+// Quaternions against the axis and angle they are made of: q = (axis *
+// sin(a/2), cos(a/2)) for rotations whose matrices take every branch of the
+// conversion (trace positive, and each diagonal element the largest).
+TEST(Attitude, QuaternionsOfRotationsAndBack) {
+    const double axes[][3] = {{0, 0, 1}, {1, 0, 0}, {0, 1, 0}, {0.48, -0.6, 0.64}, {0.6, 0.0, -0.8}};
+    const double angles[] = {0.3, 3.0, -2.9, 1.7};
+    for (const auto& axis : axes) {
+        for (double a : angles) {
+            double rotVec[3] = {axis[0] * a, axis[1] * a, axis[2] * a};
+            double c[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+            M::rotateCbn(rotVec, &c[0][0]);
+            double q[4];
+            M::cbn2Quat(c, q);
+            const double s = std::sin(a / 2.0) * (std::cos(a / 2.0) < 0.0 ? -1.0 : 1.0);
+            const double want[4] = {axis[0] * s, axis[1] * s, axis[2] * s, std::fabs(std::cos(a / 2.0))};
+            expectNear(q, want, 4, 1e-12);
+            // Any length of quaternion gives the same rotation.
+            const double scaled[4] = {3 * q[0], 3 * q[1], 3 * q[2], 3 * q[3]};
+            double back[3][3];
+            M::quat2Cbn(scaled, back);
+            expectNear(&back[0][0], &c[0][0], 9, 1e-12);
+        }
+    }
+    const double zero[4] = {0, 0, 0, 0};
+    double id[3][3];
+    M::quat2Cbn(zero, id);
+    expectNear(&id[0][0], kI3, 9, 0.0);
+}
