@@ -100,6 +100,8 @@ void Bridge::pass(uint64_t nowUs) {
         writeStatus(nowUs);
         nextStatusUs_ = nowUs + kStatusPeriodUs;
     }
+    // Last: a reopen drops whatever the library still holds.
+    if (watchdog_ != nullptr) watchdog_->step(nowUs);
 }
 
 template <typename R, typename Get, typename Each>
@@ -223,6 +225,14 @@ void Bridge::writeStatus(uint64_t nowUs) {
     s_OrvAccessStatus st{};
     const bool ok = access_.getStatus(&st);
     if (!ok) fail("getStatus");
+    std::string stream, recovery;
+    if (watchdog_ != nullptr) {
+        // The watchdog reads the status between these reads: its bits count too.
+        if (ok) watchdog_->observe(nowUs, st);
+        st.received |= watchdog_->takeReceived();
+        stream = watchdog_->stateText(nowUs);
+        recovery = watchdog_->countsText();
+    }
     uint8_t level = kOk;
     std::string message = "tracking arriving";
     if (!ok) {
@@ -230,9 +240,11 @@ void Bridge::writeStatus(uint64_t nowUs) {
         message = counts_.lastFailure;
     } else if ((st.received & ORVACCESS_RECV_TRACKING) == 0) {
         level = kWarn;
-        message = "no tracking in the last second";
+        message = stream.empty() ? "no tracking in the last second" : "no tracking in the last second: " + stream;
     }
     const std::pair<std::string, std::string> values[] = {
+        {"stream", stream},
+        {"recovery", recovery},
         {"connections", hex(st.connections)},
         {"received", hex(st.received)},
         {"new error", std::to_string(st.newError)},

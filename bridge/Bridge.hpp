@@ -14,6 +14,7 @@
 
 #include "Convert.hpp"
 #include "Topics.hpp"
+#include "Watchdog.hpp"
 
 namespace orvbridge {
 
@@ -61,6 +62,9 @@ public:
     void wait(int64_t timeoutUs);
 
     const Counts& counts() const { return counts_; }
+    // Gets the streams back when they stop; its state and counts go out in
+    // the diagnostics. Null: none.
+    void setWatchdog(orvwatch::Watchdog* watchdog) { watchdog_ = watchdog; }
 
 private:
     bool write(Topic t, const void* sample);
@@ -80,6 +84,7 @@ private:
     dds_entity_t readers_[kTopicCount] = {};
     dds_entity_t waitset_ = 0;
     uint64_t nextStatusUs_ = 0;
+    orvwatch::Watchdog* watchdog_ = nullptr;
 };
 
 }  // namespace orvbridge
