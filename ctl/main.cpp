@@ -15,8 +15,11 @@ constexpr const char* kFooter =
     "Exit status: 0 success; 1 the command failed (orvRx refused or did not answer, a channel did not open, "
     "check found problems, errors arrived); 2 bad arguments or unreadable configuration file; 3 no connection "
     "(the library could not open, or orvRx's command channel is not up).\n"
-    "Every command opens the library, and opening switches orvRx's streaming off; 'orvctl stream on' switches "
-    "it on again. Commands other than status and errors leave the data ports alone.";
+    "Every command opens the library, and opening switches orvRx's streaming off for every receiver. When a "
+    "program on this machine receives orvRx's streams (orvmon, orvbridge), the commands reg, imu, get and put "
+    "switch streaming back on afterwards and say so (reg set of register 0 and stream off leave it as asked); "
+    "'orvctl stream on' switches it on for receivers elsewhere, whose watchdog also asks again by itself. "
+    "Commands other than status and errors leave the data ports alone.";
 
 }  // namespace
 
