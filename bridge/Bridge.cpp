@@ -97,6 +97,7 @@ void Bridge::pass(uint64_t nowUs) {
     drainLibrary();
     takeUplink();
     if (nowUs >= nextStatusUs_) {
+        discardUnpublished();
         writeStatus(nowUs);
         nextStatusUs_ = nowUs + kStatusPeriodUs;
     }
@@ -169,6 +170,28 @@ void Bridge::drainLibrary() {
         orv_msgs_msg_dds__ErrorCode_ s{e.code, e.value, const_cast<char*>(message.c_str())};
         write(Topic::Errors, &s);
     }
+}
+
+void Bridge::discardUnpublished() {
+    // A queue nobody takes fills up to its bound (10,000 records by default)
+    // and keeps its grown ring: the bridge's memory would creep up for
+    // minutes. Once a second keeps them short at the cost of one call each.
+    OrvAccess& a = access_;
+    const auto count = [this](const auto&) { ++counts_.unpublished; };
+    drain<s_OrvAccessImuData>(
+        "getImuData", [&](bool* v, s_OrvAccessImuData* r) { return a.getImuData(ORVACCESS_IMU_PLATFORM, v, r); },
+        count);
+    drain<s_OrvAccessAuxData>("getAuxData", [&](bool* v, s_OrvAccessAuxData* r) { return a.getAuxData(v, r); },
+                              count);
+    drain<OrvAccess::s_TgtData>(
+        "getTargetData", [&](bool* v, OrvAccess::s_TgtData* r) { return a.getTargetData(v, r); }, count);
+    drain<s_OrvAccessDiagData>("getDiagData", [&](bool* v, s_OrvAccessDiagData* r) { return a.getDiagData(v, r); },
+                               count);
+    drain<s_OrvAccessPoseRecStats>(
+        "getPoseRecoveryStats", [&](bool* v, s_OrvAccessPoseRecStats* r) { return a.getPoseRecoveryStats(v, r); },
+        count);
+    drain<OrvAccess::s_FeatData>(
+        "getFeatureData", [&](bool* v, OrvAccess::s_FeatData* r) { return a.getFeatureData(v, r); }, count);
 }
 
 void Bridge::writePredicted() {

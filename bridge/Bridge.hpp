@@ -37,6 +37,7 @@ struct Counts {
     uint64_t uplinkSent = 0;      // uplink samples the library sent to orvRx
     uint64_t uplinkFailed = 0;    // ... that the library could not send
     uint64_t libraryFailures = 0; // getters that returned false
+    uint64_t unpublished = 0;     // records of kinds without a topic, taken so that their queues stay empty
     std::string lastFailure;      // the latest of either kind of failure
 
     uint64_t of(Topic t) const { return written[static_cast<int>(t)]; }
@@ -71,6 +72,7 @@ private:
     template <typename R, typename Get, typename Each>
     void drain(const char* getter, Get get, Each each);
     void drainLibrary();
+    void discardUnpublished();
     void writePredicted();
     void takeUplink();
     void writeStatus(uint64_t nowUs);

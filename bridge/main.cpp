@@ -56,6 +56,9 @@ void printSummary(const orvbridge::Counts& c, const orvwatch::Watchdog& w, const
                 static_cast<unsigned long long>(c.writeFailures),
                 static_cast<unsigned long long>(c.libraryFailures));
     if (!c.lastFailure.empty()) std::printf("  last failure: %s\n", c.lastFailure.c_str());
+    std::printf("  records without a topic (platform IMU, aux, targets, diagnostics, pose recovery, features) "
+                "taken and dropped: %llu\n",
+                static_cast<unsigned long long>(c.unpublished));
     std::printf("  recovery: %s\n", w.countsText().c_str());
     if (!w.lastReason().empty()) std::printf("  recovery, last reason: %s\n", w.lastReason().c_str());
 }

@@ -266,20 +266,44 @@ int runGet(const Options& o, const std::string& remote, std::string local, unsig
         std::cerr << "orvctl: name the local file: \"" << remote << "\" has no last part to use\n";
         return kExitUsage;
     }
+    // The library writes as it receives and leaves a broken transfer's part
+    // behind: it fetches into a file of its own beside the target, which
+    // takes the target's name only when the whole file has arrived.
+    std::filesystem::path target(local);
+    std::string temp = (target.parent_path() / ("." + target.filename().string() + ".orvctl-XXXXXX")).string();
+    const int fd = mkstemp(temp.data());
+    if (fd < 0) {
+        std::cerr << "orvctl: cannot create a file beside " << local << ": " << std::strerror(errno)
+                  << "; name a local file in a folder you can write\n";
+        return kExitFailed;
+    }
+    ::close(fd);
+    struct TempFile {
+        std::string path;
+        ~TempFile() {
+            std::error_code ec;
+            if (!path.empty()) std::filesystem::remove(path, ec);
+        }
+    } partial{temp};
     OrvAccess access;
     StreamKeeper keeper(o, access);
     if (const int rc = openKeeping(o, access, keeper)) return rc;
+    TransferProgress progress(TransferProgress::Direction::Get, "get " + remote, local, -1, isTerminal(STDERR_FILENO));
+    const bool ok = access.getFile(remote, static_cast<e_OrvAccessFileLoc>(location), temp);
+    const double seconds = progress.stop();
     std::error_code ec;
     const bool existed = std::filesystem::exists(local, ec);
-    TransferProgress progress(TransferProgress::Direction::Get, "get " + remote, local, -1, isTerminal(STDERR_FILENO));
-    const bool ok = access.getFile(remote, static_cast<e_OrvAccessFileLoc>(location), local);
-    const double seconds = progress.stop();
     if (!ok) {
-        // The library leaves a partial file behind; a half file is no file.
-        if (!existed && std::filesystem::remove(local, ec))
-            std::cerr << "orvctl: removed the partial " << local << "\n";
-        return commandFailed(access, "get " + remote);
+        const int rc = commandFailed(access, "get " + remote);
+        if (existed) std::cerr << "orvctl: " << local << " is left as it was\n";
+        return rc;
     }
+    if (std::rename(temp.c_str(), local.c_str()) != 0) {
+        std::cerr << "orvctl: got " << remote << " but cannot name it " << local << ": " << std::strerror(errno)
+                  << "; " << (existed ? local + " is left as it was" : "nothing was written") << "\n";
+        return kExitFailed;
+    }
+    partial.path.clear();
     const auto size = static_cast<double>(std::filesystem::file_size(local, ec));
     std::printf("got %s (location %u) into %s: %.0f bytes in %.2f s, %s/s\n", remote.c_str(), location, local.c_str(),
                 size, seconds, byteText(seconds > 0 ? size / seconds : 0.0).c_str());

@@ -10,6 +10,7 @@
 #include <random>
 #include <regex>
 
+#include "support/FakeOrvRx.hpp"
 #include "support/Process.hpp"
 #include "support/SimRunner.hpp"
 
@@ -155,6 +156,26 @@ TEST_F(Orvctl, FilesTravelByteForByte) {
               std::string::npos)
         << r.err;
     EXPECT_FALSE(std::filesystem::exists(none));
+    // A file that was there before a failed get keeps its content, and no
+    // part of the transfer stays beside it.
+    const std::string kept = dir_.write("kept.bin", "precious");
+    r = ctl({"get", "missing.bin", kept});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("orvctl: " + kept + " is left as it was\n"), std::string::npos) << r.err;
+    EXPECT_EQ(orvtest::readText(kept), "precious");
+    // orvRx stops sending after the first chunk: the library has written 512
+    // bytes of its file by then.
+    orvtest::FakeOrvRx fake;
+    fake.serve(orvtest::randomBytes(2000, 7));
+    fake.fault(2, [](orvtest::Bytes& chunk) { chunk.clear(); });
+    const int noPorts[5] = {};
+    r = ctl({"get", "remote.bin", kept},
+            dir_.write("fake.ini", orvtest::receiverIni(noPorts, orvtest::commandIni(fake.port()))));
+    EXPECT_EQ(r.code, 1) << r.out;
+    EXPECT_NE(r.err.find("No/bad data packet from server"), std::string::npos) << r.err;
+    EXPECT_EQ(orvtest::readText(kept), "precious");
+    for (const auto& e : std::filesystem::directory_iterator(dir_.path()))
+        EXPECT_EQ(e.path().filename().string().find(".orvctl-"), std::string::npos) << e.path();
     r = ctl({"put", dir_.prefix() + "absent.bin"});
     EXPECT_EQ(r.code, 2);
 }
