@@ -67,7 +67,7 @@ void Watchdog::observe(uint64_t nowUs, const s_OrvAccessStatus& status) {
     if (inOutage_) {
         inOutage_ = false;
         ++counts_.recoveries;
-        counts_.lastOutageUs = nowUs - outageStartUs_;
+        counts_.lastOutageUs = nowUs > outageStartUs_ ? nowUs - outageStartUs_ : 0;
         counts_.longestOutageUs = std::max(counts_.longestOutageUs, counts_.lastOutageUs);
         event(wantedNames() + " back after " + format("%.1f s", seconds(counts_.lastOutageUs)) + " (recovery " +
               std::to_string(counts_.recoveries) + " of " + std::to_string(counts_.outages) + ")");
@@ -89,7 +89,8 @@ void Watchdog::step(uint64_t nowUs) {
         }
         lastObservedUs_ = nowUs;
     }
-    const uint64_t quiet = nowUs - lastWantedUs_;
+    // A clock that a caller passes out of order never reads as years of quiet.
+    const uint64_t quiet = nowUs > lastWantedUs_ ? nowUs - lastWantedUs_ : 0;
     if (quiet <= (state_ == State::Waiting ? std::max(opt_.quietUs, opt_.startupUs) : opt_.quietUs)) return;
     if (state_ == State::Flowing) {
         inOutage_ = true;

@@ -122,13 +122,13 @@ void Monitor::drain(Call c, Pop&& pop) {
 }
 
 void Monitor::poll(uint64_t nowUs) {
+    lastUs_ = nowUs;  // the status read below is taken at this time
     if (!started_) {
         started_ = true;
         startUs_ = nextImageUs_ = nextStatusUs_ = nextPlatUs_ = nextGpsUs_ = nextInputUs_ = nowUs;
         snapshot(nowUs);
         readStatus();  // whether there is a command channel, before any getter
     }
-    lastUs_ = nowUs;
     // Only the command channel carries the request; without it the library
     // does not ask either.
     if ((status_.connections & orvnames::kConnTcp) && !access_.getStreaming()) requestStreaming();

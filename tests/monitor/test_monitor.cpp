@@ -519,6 +519,42 @@ TEST(MonitorStreaming, StreamedDataAfterAnUnansweredRequestIsNotCalledNeverAckno
     std::filesystem::remove_all(dir);
 }
 
+TEST_F(MonitorLive, TheWatchdogSeesTrackingAtTheMonitorsClockAndCountsWhenItStops) {
+    orvwatch::WatchdogOptions o;
+    o.commandChannel = false;  // no orvRx here: it counts, and cannot ask
+    orvwatch::Watchdog watchdog(access_, [](OrvAccess&, std::string&) { return false; }, o);
+    MonitorOptions options;
+    options.watchdog = &watchdog;
+    Monitor m(access_, options);
+    now_ = 5000000;  // a clock far from zero, as the library's is
+    orvtest::UdpSender tx;
+    orvtest::Bytes pose(332, 0);  // a valid, empty tracking packet
+    pose[0] = 10;
+    pose[1] = 332 & 0xff;
+    pose[2] = 332 >> 8;
+    pose.back() = static_cast<unsigned char>(-(10 + (332 & 0xff) + (332 >> 8)));
+    // Already arriving at the first poll.
+    ASSERT_TRUE(tx.send(ports_[orvtest::kCore], pose));
+    for (int i = 0; i < 2000 && watchdog.state() != orvwatch::Watchdog::State::Flowing; ++i) {
+        pollFor(m, 1);
+        usleep(1000);
+        ASSERT_TRUE(tx.send(ports_[orvtest::kCore], pose));
+    }
+    ASSERT_EQ(watchdog.state(), orvwatch::Watchdog::State::Flowing);
+    EXPECT_EQ(watchdog.counts().outages, 0u);
+    pollFor(m, 120);  // 1.2 s without tracking
+    EXPECT_EQ(watchdog.counts().outages, 1u);
+    const std::vector<std::string> events = watchdog.takeEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].rfind("tracking stopped: nothing for 1.", 0), 0u) << events[0];
+    std::ostringstream line;
+    m.writeLine(line);
+    EXPECT_NE(line.str().find(" stream: tracking quiet for 1."), std::string::npos) << line.str();
+    EXPECT_NE(line.str().find(" outages 1 recovered 0"), std::string::npos) << line.str();
+    const std::string summary = summaryOf(m);
+    EXPECT_NE(summary.find("\nrecovery   outages 1 recovered 0 "), std::string::npos) << summary;
+}
+
 TEST_F(MonitorLive, ChannelsKnowTheirQuietTimesAndGoStale) {
     Monitor m(access_, {});
     orvtest::UdpSender tx;
