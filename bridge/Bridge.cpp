@@ -122,9 +122,12 @@ void Bridge::pass(uint64_t nowUs) {
     drainLibrary();
     if (opt_.uplink) takeUplink(nowUs);
     if (nowUs >= nextStatusUs_) {
+        discardUnpublished();
         writeStatus(nowUs);
         nextStatusUs_ = nowUs + kStatusPeriodUs;
     }
+    // Last: a reopen drops whatever the library still holds.
+    if (watchdog_ != nullptr) watchdog_->step(nowUs);
 }
 
 template <typename R, typename Get, typename Each>
@@ -192,6 +195,28 @@ void Bridge::drainLibrary() {
         orv_msgs_msg_dds__ErrorCode_ s{e.code, e.value, const_cast<char*>(message.c_str())};
         write(Topic::Errors, &s);
     }
+}
+
+void Bridge::discardUnpublished() {
+    // A queue nobody takes fills up to its bound (10,000 records by default)
+    // and keeps its grown ring: the bridge's memory would creep up for
+    // minutes. Once a second keeps them short at the cost of one call each.
+    OrvAccess& a = access_;
+    const auto count = [this](const auto&) { ++counts_.unpublished; };
+    drain<s_OrvAccessImuData>(
+        "getImuData", [&](bool* v, s_OrvAccessImuData* r) { return a.getImuData(ORVACCESS_IMU_PLATFORM, v, r); },
+        count);
+    drain<s_OrvAccessAuxData>("getAuxData", [&](bool* v, s_OrvAccessAuxData* r) { return a.getAuxData(v, r); },
+                              count);
+    drain<OrvAccess::s_TgtData>(
+        "getTargetData", [&](bool* v, OrvAccess::s_TgtData* r) { return a.getTargetData(v, r); }, count);
+    drain<s_OrvAccessDiagData>("getDiagData", [&](bool* v, s_OrvAccessDiagData* r) { return a.getDiagData(v, r); },
+                               count);
+    drain<s_OrvAccessPoseRecStats>(
+        "getPoseRecoveryStats", [&](bool* v, s_OrvAccessPoseRecStats* r) { return a.getPoseRecoveryStats(v, r); },
+        count);
+    drain<OrvAccess::s_FeatData>(
+        "getFeatureData", [&](bool* v, OrvAccess::s_FeatData* r) { return a.getFeatureData(v, r); }, count);
 }
 
 void Bridge::writePredicted() {
@@ -288,6 +313,14 @@ void Bridge::writeStatus(uint64_t nowUs) {
     s_OrvAccessStatus st{};
     const bool ok = access_.getStatus(&st);
     if (!ok) fail("getStatus");
+    std::string stream, recovery;
+    if (watchdog_ != nullptr) {
+        // The watchdog reads the status between these reads: its bits count too.
+        if (ok) watchdog_->observe(nowUs, st);
+        st.received |= watchdog_->takeReceived();
+        stream = watchdog_->stateText(nowUs);
+        recovery = watchdog_->countsText();
+    }
     uint8_t level = kOk;
     std::string message = "tracking arriving";
     if (!ok) {
@@ -295,9 +328,11 @@ void Bridge::writeStatus(uint64_t nowUs) {
         message = counts_.lastFailure;
     } else if ((st.received & ORVACCESS_RECV_TRACKING) == 0) {
         level = kWarn;
-        message = "no tracking in the last second";
+        message = stream.empty() ? "no tracking in the last second" : "no tracking in the last second: " + stream;
     }
     const std::pair<std::string, std::string> values[] = {
+        {"stream", stream},
+        {"recovery", recovery},
         {"connections", hex(st.connections)},
         {"received", hex(st.received)},
         {"new error", std::to_string(st.newError)},

@@ -16,6 +16,7 @@
 #include "Convert.hpp"
 #include "Topics.hpp"
 #include "UplinkGuard.hpp"
+#include "Watchdog.hpp"
 
 namespace orvbridge {
 
@@ -48,6 +49,7 @@ struct Counts {
     uint64_t uplinkRefusedValue = 0;  // samples not sent: a number out of range, NaN or infinite
     uint64_t uplinkRefusedRate = 0;   // samples not sent: above the rate limit
     uint64_t libraryFailures = 0; // getters that returned false
+    uint64_t unpublished = 0;     // records of kinds without a topic, taken so that their queues stay empty
     std::string lastFailure;      // the latest of either kind of failure
 
     uint64_t of(Topic t) const { return written[static_cast<int>(t)]; }
@@ -73,12 +75,16 @@ public:
     void wait(int64_t timeoutUs);
 
     const Counts& counts() const { return counts_; }
+    // Gets the streams back when they stop; its state and counts go out in
+    // the diagnostics. Null: none.
+    void setWatchdog(orvwatch::Watchdog* watchdog) { watchdog_ = watchdog; }
 
 private:
     bool write(Topic t, const void* sample);
     template <typename R, typename Get, typename Each>
     void drain(const char* getter, Get get, Each each);
     void drainLibrary();
+    void discardUnpublished();
     void writePredicted();
     void takeUplink(uint64_t nowUs);
     void countLostUplink(Topic t);
@@ -95,6 +101,7 @@ private:
     dds_entity_t waitset_ = 0;
     std::vector<RateLimit> limits_;  // one per uplink topic, in topic order
     uint64_t nextStatusUs_ = 0;
+    orvwatch::Watchdog* watchdog_ = nullptr;
 };
 
 }  // namespace orvbridge

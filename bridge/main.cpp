@@ -16,6 +16,7 @@
 #include "Bridge.hpp"
 #include "Check.hpp"
 #include "Session.hpp"
+#include "Watchdog.hpp"
 #include "tools/Progress.hpp"
 
 namespace {
@@ -41,7 +42,8 @@ std::string brief(const orvbridge::Counts& c) {
     return text;
 }
 
-void printSummary(const orvbridge::Counts& c, const std::string& ns, bool uplink, double seconds) {
+void printSummary(const orvbridge::Counts& c, const orvwatch::Watchdog& w, const std::string& ns, bool uplink,
+                  double seconds) {
     std::printf("orvbridge: ran %.1f s\n", seconds);
     std::printf("  %-28s %12s\n", "topic", "samples");
     for (int i = 0; i < orvbridge::kTopicCount; ++i) {
@@ -62,6 +64,11 @@ void printSummary(const orvbridge::Counts& c, const std::string& ns, bool uplink
     else
         std::printf("  uplink off: the uplink topics were not read (--uplink reads them)\n");
     if (!c.lastFailure.empty()) std::printf("  last failure: %s\n", c.lastFailure.c_str());
+    std::printf("  records without a topic (platform IMU, aux, targets, diagnostics, pose recovery, features) "
+                "taken and dropped: %llu\n",
+                static_cast<unsigned long long>(c.unpublished));
+    std::printf("  recovery: %s\n", w.countsText().c_str());
+    if (!w.lastReason().empty()) std::printf("  recovery, last reason: %s\n", w.lastReason().c_str());
 }
 
 }  // namespace
@@ -179,6 +186,24 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "orvbridge: %s\n", error.c_str());
         return kExitNoOpen;
     }
+    // Another client's command, or orvRx restarting, stops the streams; the
+    // watchdog asks again, or opens the library again, and counts it.
+    orvwatch::WatchdogOptions watchOptions;
+    watchOptions.commandChannel = opened.channel(orvnames::Channel::Tcp).state != orvsession::ChannelState::Disabled;
+    orvwatch::Watchdog watchdog(
+        access,
+        [&ini](OrvAccess& a, std::string& why) {
+            const orvsession::OpenResult r = orvsession::openLibrary(a, ini, orvsession::Scope::Everything);
+            const orvsession::ChannelResult& tcp = r.channel(orvnames::Channel::Tcp);
+            if (!r.setupError.empty()) why = r.setupError;
+            else if (!r.opened) why = r.lastError;
+            else if (tcp.state == orvsession::ChannelState::Failed) why = tcp.reason;
+            // open() read the file's prediction again; the bridge sets its own.
+            a.setPrediction(0.0f);
+            return r.opened;
+        },
+        watchOptions);
+    bridge.setWatchdog(&watchdog);
     std::fprintf(stderr, "orvbridge: %s on DDS domain %u, topics %s\n", ini.c_str(), opt.domain,
                  orvbridge::topicName(orvbridge::Topic::Pose, opt.ns).c_str());
     if (opt.uplink)
@@ -220,6 +245,10 @@ int main(int argc, char** argv) {
         if (gStop || (end != 0 && now >= end)) break;
         bridge.pass(now);
         const orvbridge::Counts& c = bridge.counts();
+        for (const std::string& event : watchdog.takeEvents()) {
+            line.finish();
+            std::fprintf(stderr, "orvbridge: %s\n", event.c_str());
+        }
         if (c.lastFailure != shownFailure) {
             line.finish();
             std::fprintf(stderr, "orvbridge: %s\n", c.lastFailure.c_str());
@@ -241,7 +270,8 @@ int main(int argc, char** argv) {
     line.finish();
     // Last records that arrived while stopping still go out.
     bridge.pass(access.getTimeUs());
-    printSummary(bridge.counts(), opt.ns, opt.uplink, static_cast<double>(access.getTimeUs() - start) / kUsPerS);
+    printSummary(bridge.counts(), watchdog, opt.ns, opt.uplink,
+                 static_cast<double>(access.getTimeUs() - start) / kUsPerS);
     std::fflush(stdout);
     return 0;
 }

@@ -258,4 +258,19 @@ std::vector<Finding> heldPortFindings(const IniReport& ini, int ownPid) {
     return out;
 }
 
+std::string streamReceivers(const IniReport& ini, int ownPid) {
+    const SocketTable table = SocketTable::read();
+    std::vector<Holder> found;
+    for (const KeyValue* v : receivePorts(ini)) {
+        const std::string key = v->known->key;
+        if (key != "udpOrvRxPort" && key != "udpOrvRxImgPort" && key != "udpOrvCorePort") continue;
+        for (const Holder& h : table.holders(Proto::Udp, static_cast<int>(v->integer), ownPid)) {
+            bool seen = false;
+            for (const Holder& f : found) seen = seen || (f.pid == h.pid && f.socket.uid == h.socket.uid);
+            if (!seen) found.push_back(h);
+        }
+    }
+    return ownerList(found);
+}
+
 }  // namespace orvcheck

@@ -32,6 +32,11 @@ struct OrvRxProbe {
     bool answers = false;
     std::string how;  // "listener" (seen in /proc/net/tcp) or "connect"
     std::string error;
+    // orvctl check also reads a register through the library: a port that
+    // accepts connections may still never answer, or answer garbage.
+    bool asked = false;
+    bool replied = false;
+    std::string replyError;  // the library's, when it did not reply properly
 };
 
 struct CheckOptions {
@@ -59,5 +64,10 @@ CheckReport runCheck(const CheckOptions& options);
 // Only the receive ports held by other processes: the warning the monitor
 // repeats while it runs, because a second receiver may start later.
 std::vector<Finding> heldPortFindings(const IniReport& ini, int ownPid);
+
+// The programs of this machine other than ownPid that receive what orvRx
+// streams (meta, images, orvCore): "orvmon (pid 4242), orvbridge (pid 4243)",
+// or "" when none. They lose their streams when a command switches it off.
+std::string streamReceivers(const IniReport& ini, int ownPid);
 
 }  // namespace orvcheck

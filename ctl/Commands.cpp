@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "Check.hpp"
 #include "CommandSupport.hpp"
 #include "Progress.hpp"
 
@@ -67,7 +68,30 @@ void printRegister(unsigned long address, unsigned long value) {
     std::printf("0x%06lx = 0x%02lx (%lu)\n", address, value, value);
 }
 
+
+// Opens the command channel and arms the keeper; kExitOk or the exit code.
+int openKeeping(const Options& o, OrvAccess& access, StreamKeeper& keeper) {
+    const int rc = openForCommands(o, access);
+    if (rc == kExitOk) keeper.arm();
+    return rc;
+}
+
 }  // namespace
+
+StreamKeeper::StreamKeeper(const Options& o, OrvAccess& access)
+    : o_(o), access_(access), receivers_(orvcheck::streamReceivers(orvcheck::checkIni(o.ini), getpid())) {}
+
+void StreamKeeper::restore() {
+    if (!armed_ || receivers_.empty()) return;
+    armed_ = false;
+    // A session that streamed itself would switch it off again when it closes.
+    if (access_.getStreaming()) access_.setStreaming(false);
+    if (access_.setRegister(o_.timeoutMs, orvnames::kStreamingRegister, 1))
+        std::cerr << "orvctl: streaming switched back on for " << receivers_ << "\n";
+    else
+        std::cerr << "orvctl: could not switch streaming back on for " << receivers_ << ": " << access_.getLastError()
+                  << "; they ask orvRx again by themselves, or run orvctl stream on\n";
+}
 
 bool requireIni(const Options& o) {
     std::FILE* f = std::fopen(o.ini.c_str(), "rb");
@@ -131,7 +155,8 @@ int runRegGet(const Options& o, const std::string& addressText) {
     unsigned long address = 0;
     if (!parseNumber(addressText, kMaxRegister, "register address", address)) return kExitUsage;
     OrvAccess access;
-    if (const int rc = openForCommands(o, access)) return rc;
+    StreamKeeper keeper(o, access);
+    if (const int rc = openKeeping(o, access, keeper)) return rc;
     unsigned char value = 0;
     if (!access.getRegister(o.timeoutMs, static_cast<unsigned int>(address), &value))
         return commandFailed(access, "reg get " + addressText);
@@ -145,7 +170,10 @@ int runRegSet(const Options& o, const std::string& addressText, const std::strin
         !parseNumber(valueText, 0xFF, "register value", value))
         return kExitUsage;
     OrvAccess access;
+    StreamKeeper keeper(o, access);
     if (const int rc = openForCommands(o, access)) return rc;
+    // Writing the streaming register is the user's own switch.
+    if (address != orvnames::kStreamingRegister) keeper.arm();
     if (!access.setRegister(o.timeoutMs, static_cast<unsigned int>(address), static_cast<unsigned char>(value)))
         return commandFailed(access, "reg set " + addressText);
     printRegister(address, value);
@@ -159,7 +187,8 @@ int runRegDump(const Options& o, const std::string& firstText, const std::string
         return kExitUsage;
     count = std::min(count, kMaxRegister + 1 - first);
     OrvAccess access;
-    if (const int rc = openForCommands(o, access)) return rc;
+    StreamKeeper keeper(o, access);
+    if (const int rc = openKeeping(o, access, keeper)) return rc;
     // One line per 16 registers, printed as soon as it is read.
     for (unsigned long row = first - first % 16; row < first + count; row += 16) {
         std::printf("0x%06lx:", row);
@@ -215,7 +244,8 @@ int runImu(const Options& o, bool platform, unsigned int receive, unsigned int i
         return kExitUsage;
     }
     OrvAccess access;
-    if (const int rc = openForCommands(o, access)) return rc;
+    StreamKeeper keeper(o, access);
+    if (const int rc = openKeeping(o, access, keeper)) return rc;
     std::vector<unsigned char> rx(std::max(receive, 1u));
     unsigned long got = 0;
     if (!access.transactImu(platform ? ORVACCESS_IMU_PLATFORM : ORVACCESS_IMU_CAMERA, tx.data(), tx.size(),
@@ -236,19 +266,44 @@ int runGet(const Options& o, const std::string& remote, std::string local, unsig
         std::cerr << "orvctl: name the local file: \"" << remote << "\" has no last part to use\n";
         return kExitUsage;
     }
+    // The library writes as it receives and leaves a broken transfer's part
+    // behind: it fetches into a file of its own beside the target, which
+    // takes the target's name only when the whole file has arrived.
+    std::filesystem::path target(local);
+    std::string temp = (target.parent_path() / ("." + target.filename().string() + ".orvctl-XXXXXX")).string();
+    const int fd = mkstemp(temp.data());
+    if (fd < 0) {
+        std::cerr << "orvctl: cannot create a file beside " << local << ": " << std::strerror(errno)
+                  << "; name a local file in a folder you can write\n";
+        return kExitFailed;
+    }
+    ::close(fd);
+    struct TempFile {
+        std::string path;
+        ~TempFile() {
+            std::error_code ec;
+            if (!path.empty()) std::filesystem::remove(path, ec);
+        }
+    } partial{temp};
     OrvAccess access;
-    if (const int rc = openForCommands(o, access)) return rc;
+    StreamKeeper keeper(o, access);
+    if (const int rc = openKeeping(o, access, keeper)) return rc;
+    TransferProgress progress(TransferProgress::Direction::Get, "get " + remote, local, -1, isTerminal(STDERR_FILENO));
+    const bool ok = access.getFile(remote, static_cast<e_OrvAccessFileLoc>(location), temp);
+    const double seconds = progress.stop();
     std::error_code ec;
     const bool existed = std::filesystem::exists(local, ec);
-    TransferProgress progress(TransferProgress::Direction::Get, "get " + remote, local, -1, isTerminal(STDERR_FILENO));
-    const bool ok = access.getFile(remote, static_cast<e_OrvAccessFileLoc>(location), local);
-    const double seconds = progress.stop();
     if (!ok) {
-        // The library leaves a partial file behind; a half file is no file.
-        if (!existed && std::filesystem::remove(local, ec))
-            std::cerr << "orvctl: removed the partial " << local << "\n";
-        return commandFailed(access, "get " + remote);
+        const int rc = commandFailed(access, "get " + remote);
+        if (existed) std::cerr << "orvctl: " << local << " is left as it was\n";
+        return rc;
     }
+    if (std::rename(temp.c_str(), local.c_str()) != 0) {
+        std::cerr << "orvctl: got " << remote << " but cannot name it " << local << ": " << std::strerror(errno)
+                  << "; " << (existed ? local + " is left as it was" : "nothing was written") << "\n";
+        return kExitFailed;
+    }
+    partial.path.clear();
     const auto size = static_cast<double>(std::filesystem::file_size(local, ec));
     std::printf("got %s (location %u) into %s: %.0f bytes in %.2f s, %s/s\n", remote.c_str(), location, local.c_str(),
                 size, seconds, byteText(seconds > 0 ? size / seconds : 0.0).c_str());
@@ -264,7 +319,8 @@ int runPut(const Options& o, const std::string& local, std::string remote, unsig
         return kExitUsage;
     }
     OrvAccess access;
-    if (const int rc = openForCommands(o, access)) return rc;
+    StreamKeeper keeper(o, access);
+    if (const int rc = openKeeping(o, access, keeper)) return rc;
     TransferProgress progress(TransferProgress::Direction::Put, "put " + local, local, static_cast<int64_t>(size),
                               isTerminal(STDERR_FILENO));
     const bool ok = access.putFile(local, remote, static_cast<e_OrvAccessFileLoc>(location));
@@ -279,7 +335,9 @@ int runPut(const Options& o, const std::string& local, std::string remote, unsig
 int runErrors(const Options& o, double listenS) {
     OrvAccess access;
     OpenResult opened;
+    StreamKeeper keeper(o, access);
     if (const int rc = openEverything(o, access, opened)) return rc;
+    if (opened.channel(Channel::Tcp).state == ChannelState::Open) keeper.arm();
     for (const ChannelResult* c : opened.failures()) std::cerr << "orvctl: warning: " << orvsession::failureText(*c) << "\n";
     std::cerr << "orvctl: receiving for " << listenS << " s\n";
 

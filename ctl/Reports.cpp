@@ -34,6 +34,9 @@ struct Listened {
     double seconds = 0.0;
     s_OrvAccessStatus status{};  // received: every bit seen
     bool streaming = false;
+    bool asked = false;         // streaming was asked for on the command channel
+    bool acknowledged = false;  // ... and orvRx acknowledged it
+    std::string streamError;    // the library's reason when it did not
     uint64_t tracking = 0, imu = 0, diag = 0, hub = 0, errorCodes = 0;
     bool haveDiag = false;
     s_OrvAccessDiagData lastDiag{};
@@ -63,8 +66,15 @@ uint64_t drain(Pop&& pop) {
     return n;
 }
 
-Listened listen(OrvAccess& a, double seconds) {
+Listened listen(OrvAccess& a, double seconds, bool commands) {
     Listened l;
+    if (commands && seconds > 0) {
+        // Asked here rather than by the first getter, which would not say
+        // whether orvRx answered: the library assumes streaming either way.
+        l.asked = true;
+        l.acknowledged = a.setStreaming(true);
+        if (!l.acknowledged) l.streamError = a.getLastError();
+    }
     a.getStatus(&l.status);
     const uint64_t start = a.getTimeUs();
     const auto end = start + static_cast<uint64_t>(seconds * 1e6);
@@ -105,6 +115,25 @@ Listened listen(OrvAccess& a, double seconds) {
     return l;
 }
 
+constexpr uint32_t kStreamedBits =
+    orvnames::kRecvMeta | orvnames::kRecvTracking | orvnames::kRecvImage | orvnames::kRecvPra;
+
+// orvRx never took the request, and nothing it streams came either.
+bool neverAcknowledged(const Listened& l) {
+    return l.asked && !l.acknowledged && (l.status.received & kStreamedBits) == 0;
+}
+
+std::string streamingText(const Listened& l, bool commands) {
+    if (!commands)
+        return std::string(l.streaming ? "on" : "off") +
+               " (as the library assumes: without a command channel it cannot ask orvRx)";
+    if (neverAcknowledged(l))
+        return "never acknowledged by orvRx (" + l.streamError +
+               "): nothing that orvRx streams arrives; is tcpOrvRxPort orvRx's command port, and does orvRx answer?";
+    if (l.asked && !l.acknowledged) return "on (streamed data arrives; the request went unacknowledged)";
+    return l.streaming ? "on" : "off";
+}
+
 std::string rxStateText(const Listened& l) {
     if (!l.haveDiag)
         return "unknown: no diagnostic record arrived (orvRx sends them while it streams; try --listen 1)";
@@ -139,8 +168,7 @@ void printStatusText(const Options& o, OrvAccess& a, const OpenResult& r, const 
     std::printf("received     0x%x %s  (in %.1f s)\n", l.status.received,
                 orvnames::receivedNames(l.status.received).c_str(), l.seconds);
     const bool commands = r.channel(orvnames::Channel::Tcp).state == ChannelState::Open;
-    std::printf("streaming    %s%s\n", l.streaming ? "on" : "off",
-                commands ? "" : " (as the library assumes: without a command channel it cannot ask orvRx)");
+    std::printf("streaming    %s\n", streamingText(l, commands).c_str());
     std::printf("orvRx state  %s\n", rxStateText(l).c_str());
     std::printf("records      tracking %llu  imu %llu  diagnostic %llu  hub %llu  (in %.1f s)\n",
                 static_cast<unsigned long long>(l.tracking), static_cast<unsigned long long>(l.imu),
@@ -164,7 +192,9 @@ void printStatusJson(const Options& o, OrvAccess& a, const OpenResult& r, const 
         out["connections"] = bitList(l.status.connections, orvnames::kConnectionBits);
         out["received"] = bitList(l.status.received, orvnames::kReceivedBits);
         out["newError"] = l.status.newError;
-        out["streaming"] = l.streaming;
+        out["streaming"] = l.streaming && !neverAcknowledged(l);
+        out["streamingAcknowledged"] = l.acknowledged;
+        out["streamingError"] = l.streamError;
         out["listenS"] = l.seconds;
         out["orvRx"] = rx;
         out["records"] = {{"tracking", l.tracking}, {"imu", l.imu}, {"diagnostic", l.diag}, {"hub", l.hub}};
@@ -252,6 +282,8 @@ void printCheckText(const orvcheck::CheckReport& r) {
             std::printf("  command port %s:%d %s\n", x.address.c_str(), x.port,
                         x.answers ? (x.how == "listener" ? "has a listener" : "accepts connections")
                                   : ("does not answer: " + x.error).c_str());
+        if (x.asked)
+            std::printf("  a register read %s\n", x.replied ? "is answered" : ("fails: " + x.replyError).c_str());
     }
     if (!r.findings.empty()) std::printf("findings\n");
     for (const orvcheck::Finding& f : r.findings) {
@@ -294,7 +326,8 @@ void printCheckJson(const orvcheck::CheckReport& r) {
     const json orvRx = {{"host", x.host},       {"port", x.port},     {"enabled", x.enabled},
                         {"resolved", x.resolved}, {"address", x.address}, {"local", x.local},
                         {"probed", x.probed},   {"answers", x.answers}, {"how", x.how},
-                        {"error", x.error}};
+                        {"error", x.error},     {"asked", x.asked},     {"replied", x.replied},
+                        {"replyError", x.replyError}};
     const json out = {{"ini", r.ini.path},
                       {"readable", r.ini.readable},
                       {"readError", r.ini.readError},
@@ -311,6 +344,38 @@ void printCheckJson(const orvcheck::CheckReport& r) {
 
 }  // namespace
 
+namespace {
+
+// Something listens on the command port: whether it is an orvRx that
+// answers. The streaming register is read, which any orvRx has.
+void askOrvRx(const Options& o, orvcheck::CheckReport& r) {
+    orvcheck::OrvRxProbe& x = r.orvRx;
+    OrvAccess access;
+    StreamKeeper keeper(o, access);
+    const OpenResult opened = orvsession::openLibrary(access, o.ini, orvsession::Scope::CommandsOnly);
+    if (!opened.opened || opened.channel(orvnames::Channel::Tcp).state != ChannelState::Open) return;
+    keeper.arm();
+    x.asked = true;
+    unsigned char value = 0;
+    x.replied = access.getRegister(o.timeoutMs, orvnames::kStreamingRegister, &value);
+    if (x.replied) return;
+    x.replyError = access.getLastError();
+    const std::string where = x.address + ":" + std::to_string(x.port);
+    if (x.replyError.find("No response") != std::string::npos)
+        r.findings.push_back({orvcheck::Severity::Error, "no-reply", 0,
+                              "orvRx's command port " + where + " accepts the connection but does not answer a "
+                              "register read within " + std::to_string(o.timeoutMs) + " ms (" + x.replyError +
+                              "): streaming is never switched on, so nothing that orvRx streams arrives; restart "
+                              "orvRx, or check that tcpOrvRxPort is its command port (--timeout MS waits longer)"});
+    else
+        r.findings.push_back({orvcheck::Severity::Error, "bad-reply", 0,
+                              "orvRx's command port " + where + " answers a register read with something else (" +
+                              x.replyError + "): what listens there is not orvRx's command server, or it sends "
+                              "data unasked; check tcpOrvRxPort and the program that holds it"});
+}
+
+}  // namespace
+
 int runStatus(const Options& o, double listenS) {
     if (!requireIni(o)) return kExitUsage;
     OrvAccess access;
@@ -321,14 +386,18 @@ int runStatus(const Options& o, double listenS) {
     }
     if (o.verbose) printConnectionLines(r);
     if (r.opened && listenS > 0 && !o.json) std::cerr << "orvctl: receiving for " << listenS << " s\n";
-    const Listened l = r.opened ? listen(access, listenS) : Listened{};
+    const bool commands = r.channel(orvnames::Channel::Tcp).state == ChannelState::Open;
+    StreamKeeper keeper(o, access);
+    if (r.opened && commands) keeper.arm();
+    const Listened l = r.opened ? listen(access, listenS, commands) : Listened{};
     if (o.json)
         printStatusJson(o, access, r, l);
     else
         printStatusText(o, access, r, l);
+    keeper.restore();
     access.close();
     if (!r.opened) return kExitNoConnection;
-    return r.failures().empty() ? kExitOk : kExitFailed;
+    return r.failures().empty() && !neverAcknowledged(l) ? kExitOk : kExitFailed;
 }
 
 int runCheck(const Options& o, bool probe) {
@@ -336,7 +405,8 @@ int runCheck(const Options& o, bool probe) {
     opt.iniPath = o.ini;
     opt.probe = probe;
     opt.ownPid = getpid();
-    const orvcheck::CheckReport r = orvcheck::runCheck(opt);
+    orvcheck::CheckReport r = orvcheck::runCheck(opt);
+    if (r.ini.readable && r.orvRx.probed && r.orvRx.answers) askOrvRx(o, r);
     if (!r.ini.readable && !o.json) return requireIni(o) ? kExitFailed : kExitUsage;
     if (o.json)
         printCheckJson(r);

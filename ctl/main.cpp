@@ -15,8 +15,11 @@ constexpr const char* kFooter =
     "Exit status: 0 success; 1 the command failed (orvRx refused or did not answer, a channel did not open, "
     "check found problems, errors arrived); 2 bad arguments or unreadable configuration file; 3 no connection "
     "(the library could not open, or orvRx's command channel is not up).\n"
-    "Every command opens the library, and opening switches orvRx's streaming off; 'orvctl stream on' switches "
-    "it on again. Commands other than status and errors leave the data ports alone.";
+    "Every command opens the library, and opening switches orvRx's streaming off for every receiver. When a "
+    "program on this machine receives orvRx's streams (orvmon, orvbridge), every command but stream switches "
+    "streaming back on afterwards and says so (reg set of register 0 leaves it as asked); "
+    "'orvctl stream on' switches it on for receivers elsewhere, whose watchdog also asks again by itself. "
+    "Commands other than status and errors leave the data ports alone.";
 
 }  // namespace
 
@@ -76,7 +79,7 @@ int main(int argc, char** argv) {
 
     std::string remote, local;
     unsigned int location = 0;
-    CLI::App* get = app.add_subcommand("get", "fetch a file from orvRx");
+    CLI::App* get = app.add_subcommand("get", "fetch a file from orvRx; a local file is replaced only by a whole one");
     get->add_option("REMOTE", remote, "name on orvRx")->required();
     get->add_option("LOCAL", local, "where to write it (default: the remote name's last part, here)");
     get->add_option("--location", location, "orvRx's storage location")->capture_default_str()->check(

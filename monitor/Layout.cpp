@@ -141,6 +141,11 @@ void state(Screen& s, const Monitor& m) {
                     d.errorCodes[3]);
     }
     s.add(format("connected %-39s %s", orvnames::connectionNames(st.connections).c_str(), rx.c_str()));
+    if (const orvwatch::Watchdog* w = m.watchdog()) {
+        const orvwatch::Watchdog::Counts& c = w->counts();
+        s.add(format("stream %s  outages %llu recovered %llu", w->stateText(m.lastPollUs()).c_str(), ull(c.outages),
+                     ull(c.recoveries)));
+    }
     const Monitor::ImageView& img = m.image();
     const Monitor::UplinkView& up = m.uplink();
     const std::string image = img.any ? format("image %3d%% #%u %dx%dx%d %s", img.percent, img.sequenceId, img.width,

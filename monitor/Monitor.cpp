@@ -122,13 +122,13 @@ void Monitor::drain(Call c, Pop&& pop) {
 }
 
 void Monitor::poll(uint64_t nowUs) {
+    lastUs_ = nowUs;  // the status read below is taken at this time
     if (!started_) {
         started_ = true;
         startUs_ = nextImageUs_ = nextStatusUs_ = nextPlatUs_ = nextGpsUs_ = nextInputUs_ = nowUs;
         snapshot(nowUs);
         readStatus();  // whether there is a command channel, before any getter
     }
-    lastUs_ = nowUs;
     // Only the command channel carries the request; without it the library
     // does not ask either.
     if ((status_.connections & orvnames::kConnTcp) && !access_.getStreaming()) requestStreaming();
@@ -145,6 +145,8 @@ void Monitor::poll(uint64_t nowUs) {
         snapshot(nowUs);
     }
     if (opt_.uplink) pollUplink(nowUs);
+    // Last: a reopen drops whatever the library still holds.
+    if (opt_.watchdog != nullptr) opt_.watchdog->step(nowUs);
 }
 
 void Monitor::finish() {
@@ -171,8 +173,9 @@ void Monitor::requestStreaming() {
 }
 
 std::string Monitor::streamingText() const {
-    if (streaming_.requests == 0) return "not requested";
-    if (!streaming_.lastFailed) return "acknowledged";
+    if (streaming_.requests == 0) return streaming_.streamed ? "on (asked by the library)" : "not requested";
+    if (!streaming_.lastFailed)
+        return streaming_.acknowledged > 0 ? "acknowledged" : "on (streamed data arrives; the request went unacknowledged)";
     return (streaming_.acknowledged == 0 ? "never acknowledged by orvRx: "
                                          : "last request not acknowledged by orvRx: ") +
            streaming_.reason;
@@ -365,6 +368,7 @@ void Monitor::readStatus() {
     // The received bits are cleared by every read: collect them here so that
     // reads made for the images do not hide them from the view.
     status_.read = true;
+    if (opt_.watchdog != nullptr) opt_.watchdog->observe(lastUs_, st);
     status_.connections = st.connections;
     receivedWindow_ |= st.received;
     receivedPoll_ |= st.received;
@@ -387,6 +391,13 @@ void Monitor::noteActivity(uint64_t nowUs) {
         }
         a.seen = true;
         a.lastUs = nowUs;
+    }
+    // Streamed data arriving is the answer a lost acknowledgement did not give.
+    constexpr uint32_t kStreamed =
+        orvnames::kRecvMeta | orvnames::kRecvTracking | orvnames::kRecvImage | orvnames::kRecvPra;
+    if (receivedPoll_ & kStreamed) {
+        streaming_.streamed = true;
+        streaming_.lastFailed = false;
     }
     receivedPoll_ = 0;
 }
@@ -550,6 +561,11 @@ void Monitor::writeLine(std::ostream& out) const {
     if (failures() > 0) put(out, " failures %llu", ull(failures()));
     if (streaming_.lastFailed) out << " streaming " << streamingText();
     if (status_.sendersDropped() > 0) put(out, " foreign-dropped %llu", ull(status_.sendersDropped()));
+    if (const orvwatch::Watchdog* w = opt_.watchdog) {
+        if (w->state() != orvwatch::Watchdog::State::Flowing) out << " stream: " << w->stateText(lastUs_);
+        if (w->counts().outages > 0)
+            put(out, " outages %llu recovered %llu", ull(w->counts().outages), ull(w->counts().recoveries));
+    }
     out << '\n';
 }
 
@@ -642,6 +658,11 @@ void Monitor::writeSummary(std::ostream& out) const {
     if (streaming_.lastFailed)
         put(out, "note       the getters succeed without streaming, but nothing that orvRx streams arrives\n");
 
+    if (const orvwatch::Watchdog* w = opt_.watchdog) {
+        put(out, "recovery   %s\n", w->countsText().c_str());
+        put(out, "recovery   state %s\n", w->stateText(lastUs_).c_str());
+        if (!w->lastReason().empty()) put(out, "recovery   last reason %s\n", w->lastReason().c_str());
+    }
     put(out, "failures   total %llu\n", ull(failures()));
     for (int c = 0; c < kCallCount; ++c)
         if (failures_[c]) put(out, "failure    %-22s %8llu\n", callName(static_cast<Call>(c)), ull(failures_[c]));

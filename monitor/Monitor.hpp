@@ -17,6 +17,7 @@
 #include "Names.hpp"
 #include "SeqCheck.hpp"
 #include "Settings.hpp"
+#include "Watchdog.hpp"
 
 namespace orvmon {
 
@@ -26,6 +27,8 @@ struct MonitorOptions {
     PredictionSettings prediction;
     // One line per predicted tracking record, once it is measured; null: none.
     std::ostream* csv = nullptr;
+    // Gets the streams back when they stop; null: the monitor only watches.
+    orvwatch::Watchdog* watchdog = nullptr;
 };
 
 class Monitor {
@@ -114,7 +117,8 @@ public:
     struct StreamingView {
         uint64_t requests = 0;      // asked while the library believed it stopped
         uint64_t acknowledged = 0;  // of these, acknowledged by orvRx
-        bool lastFailed = false;    // the newest request went unacknowledged
+        bool lastFailed = false;    // the newest request went unacknowledged, and nothing streamed came since
+        bool streamed = false;      // meta, tracking, image or PRA datagrams arrived at some time
         std::string reason;         // the library's last error at that request
     };
     // Datagram arrivals of one receiving channel, from the status word's
@@ -159,6 +163,8 @@ public:
     // Per second over about the last second.
     double rate(Kind k) const;
     double runTimeS() const;
+    // The library clock of the newest poll.
+    uint64_t lastPollUs() const { return lastUs_; }
 
     const SeqCheck& trackingSeq() const { return trackSeq_; }
     const SeqCheck& imuSeq() const { return imuSeq_; }
@@ -194,6 +200,7 @@ public:
     // "not requested", "acknowledged", "never acknowledged by orvRx: <reason>"
     // or "last request not acknowledged by orvRx: <reason>".
     std::string streamingText() const;
+    const orvwatch::Watchdog* watchdog() const { return opt_.watchdog; }
 
     const std::vector<CodeCount>& errorCodes() const { return codes_; }
     // The newest first; at most kLastErrors.

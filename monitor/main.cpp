@@ -22,6 +22,7 @@
 #include "Monitor.hpp"
 #include "Session.hpp"
 #include "Settings.hpp"
+#include "Watchdog.hpp"
 
 namespace {
 
@@ -187,6 +188,23 @@ int main(int argc, char** argv) {
     }
     opt.prediction = orvmon::fromIni(check.ini);
 
+    // Another client's command, or orvRx restarting, stops the streams; the
+    // watchdog asks again, or opens the library again, and counts it.
+    orvwatch::WatchdogOptions watchOptions;
+    watchOptions.commandChannel = opened.channel(orvnames::Channel::Tcp).state != orvsession::ChannelState::Disabled;
+    orvwatch::Watchdog watchdog(
+        access,
+        [&ini](OrvAccess& a, std::string& why) {
+            const orvsession::OpenResult r = orvsession::openLibrary(a, ini, orvsession::Scope::Everything);
+            const orvsession::ChannelResult& tcp = r.channel(orvnames::Channel::Tcp);
+            if (!r.setupError.empty()) why = r.setupError;
+            else if (!r.opened) why = r.lastError;
+            else if (tcp.state == orvsession::ChannelState::Failed) why = tcp.reason;
+            return r.opened;
+        },
+        watchOptions);
+    opt.watchdog = &watchdog;
+
     orvmon::Monitor monitor(access, opt);
     std::unique_ptr<orvmon::LiveView> view;
     if (!plain && isatty(STDOUT_FILENO)) {
@@ -218,7 +236,11 @@ int main(int argc, char** argv) {
                     nextDraw = now + 200000;
                     view->draw(monitor, text);
                 }
-            } else if (now >= nextLine) {
+            }
+            // The view shows the watchdog's state; a log gets each event.
+            for (const std::string& event : watchdog.takeEvents())
+                if (!view) std::cerr << "orvmon: " << event << "\n";
+            if (!view && now >= nextLine) {
                 nextLine += 1000000;
                 monitor.writeLine(std::cout);
                 std::cout.flush();

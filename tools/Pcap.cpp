@@ -1,6 +1,11 @@
 #include "tools/Pcap.hpp"
 
 #include <pcap/pcap.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 namespace orvtools {
 
@@ -34,37 +39,70 @@ bool PcapWriter::open(const std::string& path, pcap_t* handle, std::string& erro
         return false;
     }
     path_ = path;
-    bytes_ = 24;  // the file header
+    bytes_ = 0;
+    frames_ = 0;
+    error_.clear();
+    errno = 0;
+    // The file header is still in the buffer: a file that cannot take even
+    // that says so now.
+    if (pcap_dump_flush(dumper_) != 0) {
+        const int err = errno != 0 ? errno : EIO;
+        error = "Cannot write " + path + ": " + std::strerror(err) +
+                (err == ENOSPC ? "; free some room, or record into another folder (-o)" : "");
+        pcap_dump_close(dumper_);
+        dumper_ = nullptr;
+        return false;
+    }
+    bytes_ = 24;
     return true;
 }
 
-void PcapWriter::write(uint64_t timeUs, const unsigned char* frame, size_t size) {
+void PcapWriter::fail(const char* what, int err) {
+    FILE* f = pcap_dump_file(dumper_);
+    // Whatever part of the frame got out goes again: the file ends with its
+    // last whole frame and stays readable.
+    const bool cut = ftruncate(fileno(f), static_cast<off_t>(bytes_)) == 0;
+    error_ = std::string(what) + " " + path_ + ": " + std::strerror(err) + "; it " + (cut ? "holds" : "may be cut after") +
+             " the " + std::to_string(frames_) + " frames (" + std::to_string(bytes_) + " bytes) written before" +
+             (err == ENOSPC ? ": free some room, or record into another folder (-o)" : "");
+}
+
+bool PcapWriter::write(uint64_t timeUs, const unsigned char* frame, size_t size) {
     pcap_pkthdr h{};
     h.ts.tv_sec = static_cast<time_t>(timeUs / 1000000);
     h.ts.tv_usec = static_cast<suseconds_t>(timeUs % 1000000);
     h.caplen = h.len = static_cast<bpf_u_int32>(size);
-    write(&h, frame);
+    return write(&h, frame);
 }
 
-void PcapWriter::write(const pcap_pkthdr* header, const unsigned char* frame) {
-    if (dumper_ == nullptr) return;
+bool PcapWriter::write(const pcap_pkthdr* header, const unsigned char* frame) {
+    if (dumper_ == nullptr || failed()) return false;
+    errno = 0;
     pcap_dump(reinterpret_cast<u_char*>(dumper_), header, frame);
+    // One flush per frame: a full disk is found at the frame that did not
+    // fit, and the file is known to end on a whole frame.
+    FILE* f = pcap_dump_file(dumper_);
+    if (std::fflush(f) != 0 || std::ferror(f) != 0) {
+        fail("writing", errno != 0 ? errno : EIO);
+        return false;
+    }
     bytes_ += 16 + header->caplen;
+    ++frames_;
+    return true;
 }
 
 bool PcapWriter::close(std::string& error) {
-    bool ok = true;
     if (dumper_ != nullptr) {
-        if (pcap_dump_flush(dumper_) != 0) {
-            error = "Cannot write " + path_ + " to the end (disk full?)";
-            ok = false;
-        }
+        FILE* f = pcap_dump_file(dumper_);
+        if (!failed() && (std::fflush(f) != 0 || std::ferror(f) != 0 || (fsync(fileno(f)) != 0 && errno != EINVAL)))
+            fail("writing", errno != 0 ? errno : EIO);
         pcap_dump_close(dumper_);
         dumper_ = nullptr;
     }
     if (dead_ != nullptr) pcap_close(dead_);
     dead_ = nullptr;
-    return ok;
+    if (failed()) error = error_;
+    return !failed();
 }
 
 PcapReader::~PcapReader() { close(); }

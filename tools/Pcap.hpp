@@ -22,20 +22,31 @@ public:
     bool open(const std::string& path, int linkType, std::string& error);
     // The same, for frames captured by a live handle (its link type).
     bool open(const std::string& path, pcap_t* live, std::string& error);
-    void write(uint64_t timeUs, const unsigned char* frame, size_t size);
+    // Each frame reaches the file before the call returns. After a failed
+    // write (a full disk, an I/O error) the file is cut back to its last whole
+    // frame, so that it stays readable, and nothing more is written.
+    bool write(uint64_t timeUs, const unsigned char* frame, size_t size);
     // Writes a frame as libpcap handed it over from a live capture.
-    void write(const pcap_pkthdr* header, const unsigned char* frame);
-    // Flushes and closes; false when the file could not be written whole.
+    bool write(const pcap_pkthdr* header, const unsigned char* frame);
+    // Closes; false when a write, the flush or the close failed, with the
+    // reason and what the file still holds.
     bool close(std::string& error);
     bool isOpen() const { return dumper_ != nullptr; }
-    // Bytes written so far.
+    bool failed() const { return !error_.empty(); }
+    const std::string& error() const { return error_; }
+    // Bytes in the file so far.
     uint64_t bytes() const { return bytes_; }
+    uint64_t frames() const { return frames_; }
 
 private:
+    void fail(const char* what, int err);
+
     pcap_t* dead_ = nullptr;
     pcap_dumper_t* dumper_ = nullptr;
     std::string path_;
     uint64_t bytes_ = 0;
+    uint64_t frames_ = 0;
+    std::string error_;
 };
 
 // One frame of a file; `data` stays valid until the next call of next().

@@ -50,6 +50,23 @@ struct Player::Impl {
     }
 };
 
+namespace {
+
+// Keeps the most frequent destination ports of traffic that is no channel.
+void countOtherPort(PlayReport& r, uint16_t port) {
+    PlayReport::Port* least = &r.otherPorts[0];
+    for (PlayReport::Port& p : r.otherPorts) {
+        if (p.count > 0 && p.port == port) {
+            ++p.count;
+            return;
+        }
+        if (p.count < least->count) least = &p;
+    }
+    if (least->count == 0) *least = {port, 1};
+}
+
+}  // namespace
+
 Player::Player(PlayOptions options) : opt_(std::move(options)), impl_(new Impl) {}
 Player::~Player() = default;
 
@@ -58,6 +75,10 @@ bool Player::streaming() const { return !impl_->rx || impl_->rx->streaming(); }
 bool Player::open(std::string& error) {
     if (!(opt_.speed > 0.0)) {
         error = "The speed must be above 0";
+        return false;
+    }
+    if (!(opt_.maxGapS > 0.0)) {
+        error = "The longest gap must be above 0 s";
         return false;
     }
     if (opt_.retime && opt_.fast) {
@@ -193,7 +214,9 @@ bool Player::run(const std::atomic<bool>& stop, const std::function<void(const P
     Impl& m = *impl_;
     if (opt_.retime && !measureLag(error)) return false;
     m.startUs = m.lastProgressUs = OrvosiUtil::getTimeSysUs();
-    uint64_t fileStartUs = 0, windowStartUs = 0, windowEndUs = std::numeric_limits<uint64_t>::max();
+    const uint64_t maxGapUs = static_cast<uint64_t>(opt_.maxGapS * 1e6);
+    const uint64_t startUs = static_cast<uint64_t>(opt_.startS * 1e6);
+    const uint64_t endUs = opt_.endS > 0.0 ? static_cast<uint64_t>(opt_.endS * 1e6) : 0;
     bool known = false;
     for (int pass = 0; opt_.loops == 0 || pass < opt_.loops; ++pass) {
         PcapReader reader;
@@ -201,29 +224,46 @@ bool Player::run(const std::atomic<bool>& stop, const std::function<void(const P
         FrameDecoder decoder(reader.linkType());
         Frame f;
         Segment seg;
-        uint64_t first = 0, last = 0, frames = 0;
-        bool stopped = false;
+        // The replay's own timeline: the first frame at 0, every later one
+        // a step after the frame before it in the file (see PlayReport).
+        uint64_t posUs = 0, prevUs = 0, first = 0, last = 0, frames = 0;
+        bool stopped = false, started = false;
         while (reader.next(f)) {
+            if (started) {
+                if (f.timeUs < prevUs) {
+                    if (pass == 0) ++report_.backwards;
+                } else if (f.timeUs - prevUs > maxGapUs) {
+                    if (pass == 0) {
+                        ++report_.gapsCut;
+                        report_.gapCutS += static_cast<double>(f.timeUs - prevUs - maxGapUs) / 1e6;
+                    }
+                    posUs += maxGapUs;
+                } else {
+                    posUs += f.timeUs - prevUs;
+                }
+            }
+            started = true;
+            prevUs = f.timeUs;
             if (!known) {
                 known = true;
-                fileStartUs = f.timeUs;
-                windowStartUs = fileStartUs + static_cast<uint64_t>(opt_.startS * 1e6);
-                if (opt_.endS > 0.0) windowEndUs = fileStartUs + static_cast<uint64_t>(opt_.endS * 1e6);
-                m.windowStartUs = windowStartUs;
+                m.windowStartUs = f.timeUs + startUs;
             }
-            if (f.timeUs > windowEndUs) break;
+            if (endUs != 0 && posUs > endUs) break;
             // Frames before the start still feed the fragment reassembly.
-            const bool inWindow = f.timeUs >= windowStartUs;
+            const bool inWindow = posUs >= startUs;
             if (!decoder.decode(f.timeUs, f.data, f.captured, seg) || !inWindow) continue;
-            if (frames++ == 0) first = f.timeUs;
-            last = std::max(last, f.timeUs);
+            if (frames++ == 0) first = posUs;
+            last = posUs;
             const ChannelId ch = recorded_.classify(seg);
             if (ch == ChannelId::Count || ch == ChannelId::Uplink || ch == ChannelId::Commands) {
                 // The application's own traffic and the command channel are not replayed.
-                if (pass == 0) ++report_.notReplayed[ch == ChannelId::Uplink ? 0 : ch == ChannelId::Commands ? 1 : 2];
+                if (pass == 0) {
+                    ++report_.notReplayed[ch == ChannelId::Uplink ? 0 : ch == ChannelId::Commands ? 1 : 2];
+                    if (ch == ChannelId::Count && seg.proto == Proto::Udp) countOtherPort(report_, seg.dstPort);
+                }
                 continue;
             }
-            const uint64_t at = f.timeUs - windowStartUs + static_cast<uint64_t>(m.loopOffsetUs);
+            const uint64_t at = posUs - startUs + static_cast<uint64_t>(m.loopOffsetUs);
             if (!waitUntil(static_cast<uint64_t>(static_cast<double>(at) / opt_.speed), stop, progress)) {
                 stopped = true;
                 break;
@@ -240,13 +280,13 @@ bool Player::run(const std::atomic<bool>& stop, const std::function<void(const P
                 error = opt_.file + ": no datagram between the start and the end offset";
                 return false;
             }
-            report_.recordedS = static_cast<double>(last - windowStartUs) / 1e6;
+            report_.recordedS = static_cast<double>(last - startUs) / 1e6;
         }
         if (stopped) break;
         ++report_.loopsDone;
         // The next pass follows one average gap after this one's last frame.
         const uint64_t gap = frames > 1 ? (last - first) / (frames - 1) : kLoneFrameGapUs;
-        m.loopOffsetUs += static_cast<int64_t>(last - windowStartUs + gap);
+        m.loopOffsetUs += static_cast<int64_t>(last - startUs + gap);
     }
     report_.seconds = static_cast<double>(OrvosiUtil::getTimeSysUs() - m.startUs) / 1e6;
     report_.pausedS = static_cast<double>(m.pausedUs) / 1e6;

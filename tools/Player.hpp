@@ -25,6 +25,9 @@ struct PlayOptions {
     int loops = 1;                      // 0: until stopped
     double startS = 0.0;                // from the first frame of the file
     double endS = 0.0;                  // 0: to the end
+    // A paced replay waits at most this long between two frames: a longer
+    // gap in the stamps (a pause, a clock step) is cut to it.
+    double maxGapS = 1.0;
     bool retime = false;
     bool serveCommands = false;
     std::string files;                  // the command server's folder; empty: a temporary one
@@ -41,6 +44,20 @@ struct PlayReport {
     double seconds = 0.0;       // wall time of the replay
     double pausedS = 0.0;       // waiting for the application to switch streaming on
     double recordedS = 0.0;     // what one pass covers of the recording
+    // The rule for stamps: frames go in file order, each paced by the step
+    // from the frame before it. A frame stamped before that one goes at once;
+    // a step longer than maxGapS is cut to it. Both counted in the first pass.
+    uint64_t backwards = 0;     // frames stamped before the frame before them
+    uint64_t gapsCut = 0;       // steps cut to maxGapS
+    double gapCutS = 0.0;       // recorded time the cut steps left out
+    // Datagrams that went to no channel of the recording's INI, by
+    // destination UDP port (the most frequent few), first pass.
+    struct Port {
+        uint16_t port = 0;
+        uint64_t count = 0;
+    };
+    static constexpr int kOtherPorts = 8;
+    Port otherPorts[kOtherPorts] = {};
 };
 
 class Player {

@@ -295,10 +295,12 @@ bool Recorder::run(const std::atomic<bool>& stop, const std::function<void(const
     };
 
     std::vector<pollfd> fds;
+    PcapWriter& file = c != nullptr ? c->writer : r->writer;
     uint64_t closeAt = 0;  // set once the end has come: what is still under way is recorded until then
     for (;;) {
         const uint64_t now = OrvosiUtil::getTimeSysUs();
-        if (closeAt == 0 && (stop.load() || (limit != 0 && now - start >= limit))) {
+        // A file that cannot take more ends the recording, as a stop would.
+        if (closeAt == 0 && (stop.load() || (limit != 0 && now - start >= limit) || file.failed())) {
             closeAt = now + 1;
             if (r != nullptr && r->tcp >= 0) {
                 // Leave orvRx as the library would: streaming off, and what it still sends recorded.
@@ -394,9 +396,9 @@ bool Recorder::run(const std::atomic<bool>& stop, const std::function<void(const
         report_.decode = c->decoder->counts();
     }
     report_.seconds = static_cast<double>(OrvosiUtil::getTimeSysUs() - start) / 1e6;
-    PcapWriter& w = c != nullptr ? c->writer : r->writer;
-    report_.fileBytes = w.bytes();
-    return w.close(error);
+    const bool closed = file.close(error);
+    report_.fileBytes = file.bytes();
+    return closed;
 }
 
 }  // namespace orvtools

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 
+#include "PortHolders.hpp"
 #include "osi/OrvosiUtil.hpp"
 #include "tools/Player.hpp"
 #include "tools/Progress.hpp"
@@ -16,6 +17,38 @@ namespace {
 std::atomic<bool> gStop{false};
 
 void onSignal(int) { gStop = true; }
+
+bool isLocal(const std::string& host) { return host == "localhost" || host.rfind("127.", 0) == 0; }
+
+// A replay to this machine that nobody receives goes nowhere without a
+// word: says which of the ports have no receiver, and what to do.
+void warnAboutReceivers(const orvtools::PlayOptions& opt, const orvtools::Channels& ch) {
+    if (!isLocal(opt.to)) return;
+    const orvcheck::SocketTable table = orvcheck::SocketTable::read();
+    std::string nobody;
+    bool anyone = false;
+    for (const orvtools::Channel& c : ch.all()) {
+        if (c.proto != orvtools::Proto::Udp || c.port == 0 || c.id == orvtools::ChannelId::Uplink) continue;
+        if (table.holders(orvcheck::Proto::Udp, c.port).empty())
+            nobody += (nobody.empty() ? "" : ", ") + std::string(c.name) + " " + std::to_string(c.port);
+        else
+            anyone = true;
+    }
+    if (!nobody.empty())
+        std::fprintf(stderr,
+                     "orvplay: nothing on this machine receives %s yet: what goes there is lost; start the "
+                     "application on %s first%s\n",
+                     anyone ? ("UDP " + nobody).c_str() : ("any port of " + opt.ini + " (UDP " + nobody + ")").c_str(),
+                     opt.ini.c_str(),
+                     opt.serveCommands ? "" : " (with --serve-commands, orvplay answers its command channel too)");
+    const orvtools::Channel& tcp = ch[orvtools::ChannelId::Commands];
+    if (!opt.serveCommands && tcp.port != 0 && table.holders(orvcheck::Proto::Tcp, tcp.port).empty())
+        std::fprintf(stderr,
+                     "orvplay: nothing listens on the command port TCP %d: an application that asks orvRx to "
+                     "stream gets no answer (orvmon, orvbridge and orvctl say so); add --serve-commands to answer "
+                     "it, and the replay then runs while the application has streaming on\n",
+                     tcp.port);
+}
 
 }  // namespace
 
@@ -39,6 +72,10 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     app.add_option("--end", opt.endS, "Seconds into the recording to stop at; 0: its end")
         ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    app.add_option("--max-gap", opt.maxGapS,
+                   "Longest wait between two frames, s: a longer gap in the stamps is cut to it")
+        ->check(CLI::PositiveNumber)
         ->capture_default_str();
     app.add_flag("--retime", opt.retime,
                  "Move pose and meta times to this host's clock (checksums kept), so that prediction works");
@@ -69,6 +106,7 @@ int main(int argc, char** argv) {
                                       " (the replay waits for streaming)")
                                          .c_str()
                                    : "");
+    warnAboutReceivers(opt, ch);
     orvtools::ProgressLine line(stderr);
     const bool ok = player.run(
         gStop,
@@ -93,13 +131,33 @@ int main(int argc, char** argv) {
                 static_cast<unsigned long long>(r.notReplayed[0]), static_cast<unsigned long long>(r.notReplayed[1]),
                 static_cast<unsigned long long>(r.notReplayed[2]), static_cast<unsigned long long>(r.disabled));
     if (opt.retime) std::printf("  retimed:      %llu datagrams\n", static_cast<unsigned long long>(r.retimed));
+    if (r.backwards + r.gapsCut > 0)
+        std::printf("  stamps:       %llu frames stamped before the frame before them, sent in file order at once; "
+                    "%llu gaps longer than %g s cut to it (%.1f s left out)\n",
+                    static_cast<unsigned long long>(r.backwards), static_cast<unsigned long long>(r.gapsCut),
+                    opt.maxGapS, r.gapCutS);
     const orvtools::DecodeCounts& d = r.decode;
     if (d.truncated + d.fragmentsLost > 0)
         std::printf("  unusable:     %llu frames cut short by the capture, %llu datagrams with fragments missing\n",
                     static_cast<unsigned long long>(d.truncated), static_cast<unsigned long long>(d.fragmentsLost));
     if (r.sendFailures > 0) {
-        std::printf("  FAILED sends: %llu (is the address right, and the network up?)\n",
-                    static_cast<unsigned long long>(r.sendFailures));
+        std::printf("  FAILED sends: %llu (%s)\n", static_cast<unsigned long long>(r.sendFailures),
+                    isLocal(opt.to) ? "the kernel refused them: nothing received on those ports; start the "
+                                      "application first"
+                                    : "is the address right, and the network up?");
+        return 1;
+    }
+    if (r.sent.total() == 0) {
+        // Nothing of the file belongs to the ports it was replayed as.
+        std::string ports;
+        for (const orvtools::PlayReport::Port& p : r.otherPorts)
+            if (p.count > 0)
+                ports += (ports.empty() ? "" : ", ") + std::to_string(p.port) + " (" + std::to_string(p.count) + ")";
+        std::fprintf(stderr,
+                     "orvplay: no datagram of %s went to a port of %s%s: the recording used other ports; name the "
+                     "configuration it was made with: --recorded-ini FILE\n",
+                     opt.file.c_str(), opt.recordedIni.empty() ? opt.ini.c_str() : opt.recordedIni.c_str(),
+                     ports.empty() ? "" : (", the file's datagrams went to UDP " + ports).c_str());
         return 1;
     }
     return 0;

@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
         error);
     line.finish();
     if (!ok) {
-        std::fprintf(stderr, "orvrec: %s\n", error.c_str());
+        std::fprintf(stderr, "orvrec: stopped after %.1f s: %s\n", rec.report().seconds, error.c_str());
         return 1;
     }
     const orvtools::RecordReport& r = rec.report();

@@ -10,6 +10,7 @@
 #include <random>
 #include <regex>
 
+#include "support/FakeOrvRx.hpp"
 #include "support/Process.hpp"
 #include "support/SimRunner.hpp"
 
@@ -155,6 +156,26 @@ TEST_F(Orvctl, FilesTravelByteForByte) {
               std::string::npos)
         << r.err;
     EXPECT_FALSE(std::filesystem::exists(none));
+    // A file that was there before a failed get keeps its content, and no
+    // part of the transfer stays beside it.
+    const std::string kept = dir_.write("kept.bin", "precious");
+    r = ctl({"get", "missing.bin", kept});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("orvctl: " + kept + " is left as it was\n"), std::string::npos) << r.err;
+    EXPECT_EQ(orvtest::readText(kept), "precious");
+    // orvRx stops sending after the first chunk: the library has written 512
+    // bytes of its file by then.
+    orvtest::FakeOrvRx fake;
+    fake.serve(orvtest::randomBytes(2000, 7));
+    fake.fault(2, [](orvtest::Bytes& chunk) { chunk.clear(); });
+    const int noPorts[5] = {};
+    r = ctl({"get", "remote.bin", kept},
+            dir_.write("fake.ini", orvtest::receiverIni(noPorts, orvtest::commandIni(fake.port()))));
+    EXPECT_EQ(r.code, 1) << r.out;
+    EXPECT_NE(r.err.find("No/bad data packet from server"), std::string::npos) << r.err;
+    EXPECT_EQ(orvtest::readText(kept), "precious");
+    for (const auto& e : std::filesystem::directory_iterator(dir_.path()))
+        EXPECT_EQ(e.path().filename().string().find(".orvctl-"), std::string::npos) << e.path();
     r = ctl({"put", dir_.prefix() + "absent.bin"});
     EXPECT_EQ(r.code, 2);
 }
@@ -237,10 +258,69 @@ TEST_F(Orvctl, WithoutOrvRxCommandsSayWhy) {
 
 TEST_F(Orvctl, OrvRxThatDoesNotAnswer) {
     ASSERT_TRUE(sim_.start([](orvsim::SimConfig& c) { c.replies = orvsim::RxServer::Replies::Silent; }));
-    const Ran r = ctl({"--timeout", "50", "reg", "get", "7"});
+    Ran r = ctl({"--timeout", "50", "reg", "get", "7"});
     EXPECT_EQ(r.code, 1);
     EXPECT_EQ(r.err, "orvctl: reg get 7: No response to get register command; orvRx did not answer in time; "
                      "--timeout MS waits longer\n");
+    // The library assumes streaming after an unanswered request; status does not.
+    r = ctl({"status", "--listen", "0.3"});
+    EXPECT_EQ(r.code, 1) << r.out;
+    EXPECT_NE(r.out.find("streaming    never acknowledged by orvRx (Failed to set streaming state): nothing that "
+                         "orvRx streams arrives"),
+              std::string::npos)
+        << r.out;
+    r = ctl({"status", "--listen", "0.3", "--json"});
+    EXPECT_EQ(r.code, 1);
+    const json j = json::parse(r.out);
+    EXPECT_FALSE(j["streaming"].get<bool>());
+    EXPECT_EQ(j["streamingError"], "Failed to set streaming state");
+    // The port has a listener, but it is no orvRx that answers.
+    r = ctl({"--timeout", "50", "check"});
+    EXPECT_EQ(r.code, 1) << r.out;
+    EXPECT_NE(r.out.find("accepts the connection but does not answer a register read within 50 ms (No response to "
+                         "get register command)"),
+              std::string::npos)
+        << r.out;
+}
+
+TEST_F(Orvctl, CheckSeesAnOrvRxThatAnswersGarbage) {
+    ASSERT_TRUE(sim_.start([](orvsim::SimConfig& c) { c.replies = orvsim::RxServer::Replies::Corrupt; }));
+    const Ran r = ctl({"check", "--json"});
+    EXPECT_EQ(r.code, 1) << r.out;
+    const json j = json::parse(r.out);
+    EXPECT_TRUE(j["orvRx"]["asked"].get<bool>());
+    EXPECT_FALSE(j["orvRx"]["replied"].get<bool>());
+    EXPECT_EQ(j["orvRx"]["replyError"], "Invalid response to get register command");
+    EXPECT_EQ(j["summary"]["errors"], 1);
+}
+
+TEST_F(Orvctl, CommandsPutStreamingBackForAReceiverOnThisMachine) {
+    ASSERT_TRUE(sim_.start());
+    // This test process receives the meta port, as a running orvmon would.
+    UdpPort meta(sim_.port("udpOrvRxPort"), true);
+    ASSERT_TRUE(meta.ok());
+    ASSERT_EQ(ctl({"stream", "on"}).code, 0);
+    const auto streams = [&] {
+        for (int i = 0; i < 100; ++i)
+            if (meta.countFor(0.1) > 0) return true;
+        return false;
+    };
+    ASSERT_TRUE(streams());
+    const std::string receiver = ownName() + " (pid " + std::to_string(getpid()) + ")";
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"reg", "get", "7"}, {"reg", "set", "9", "1"}, {"imu", "00"}, {"status"}}) {
+        const Ran r = ctl(command);
+        ASSERT_EQ(r.code, 0) << command[0] << ": " << r.err;
+        EXPECT_NE(r.err.find("orvctl: streaming switched back on for " + receiver + "\n"), std::string::npos)
+            << command[0] << ": " << r.err;
+        EXPECT_TRUE(streams()) << command[0];
+    }
+    // Register 0 written by hand is the user's own switch, and stays.
+    const Ran r = ctl({"reg", "set", "0", "0"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.err.find("switched back"), std::string::npos) << r.err;
+    meta.countFor(0.2);  // what was on its way
+    EXPECT_EQ(meta.countFor(0.3), 0);
 }
 
 TEST_F(Orvctl, CheckSeesASecondReceiver) {

@@ -480,6 +480,81 @@ TEST(MonitorStreaming, SaysWhenOrvRxNeverAcknowledgesStreaming) {
     std::filesystem::remove_all(dir);
 }
 
+TEST(MonitorStreaming, StreamedDataAfterAnUnansweredRequestIsNotCalledNeverAcknowledged) {
+    // orvRx restarted, or another client switched it on: the request went
+    // unanswered, yet orvRx streams.
+    const std::string dir = tempDir();
+    CommandPort port(false);
+    ASSERT_TRUE(port.ok());
+    const std::string ini = port.ini();
+    std::smatch core;
+    ASSERT_TRUE(std::regex_search(ini, core, std::regex("udpOrvCorePort = ([0-9]+)")));
+    std::ofstream(dir + "/orvaccess.ini") << ini;
+    OrvAccess access;
+    access.setIniPath(dir + "/orvaccess.ini");
+    ASSERT_TRUE(access.open()) << access.getLastError();
+    Monitor m(access, {});
+    uint64_t now = 1000000;
+    for (; now < 1100000; now += 10000) m.poll(now);
+    ASSERT_TRUE(m.streaming().lastFailed);
+    orvtest::Bytes pose(332, 0);  // a valid, empty tracking packet
+    pose[0] = 10;
+    pose[1] = 332 & 0xff;
+    pose[2] = 332 >> 8;
+    pose.back() = static_cast<unsigned char>(-(10 + (332 & 0xff) + (332 >> 8)));
+    orvtest::UdpSender tx;
+    ASSERT_TRUE(tx.send(std::stoi(core[1]), pose));
+    const auto arrived = [&] { return (m.status().receivedEver & ORVACCESS_RECV_TRACKING) != 0; };
+    for (int i = 0; i < 2000 && !arrived(); ++i, now += 10000) {
+        m.poll(now);
+        usleep(1000);
+    }
+    ASSERT_TRUE(arrived());
+    const std::string text = summaryOf(m);
+    EXPECT_NE(text.find("\nstreaming  requests 1 acknowledged 0 state on (streamed data arrives; the request went "
+                        "unacknowledged)\n"),
+              std::string::npos)
+        << text;
+    EXPECT_EQ(text.find("never acknowledged"), std::string::npos) << text;
+    std::filesystem::remove_all(dir);
+}
+
+TEST_F(MonitorLive, TheWatchdogSeesTrackingAtTheMonitorsClockAndCountsWhenItStops) {
+    orvwatch::WatchdogOptions o;
+    o.commandChannel = false;  // no orvRx here: it counts, and cannot ask
+    orvwatch::Watchdog watchdog(access_, [](OrvAccess&, std::string&) { return false; }, o);
+    MonitorOptions options;
+    options.watchdog = &watchdog;
+    Monitor m(access_, options);
+    now_ = 5000000;  // a clock far from zero, as the library's is
+    orvtest::UdpSender tx;
+    orvtest::Bytes pose(332, 0);  // a valid, empty tracking packet
+    pose[0] = 10;
+    pose[1] = 332 & 0xff;
+    pose[2] = 332 >> 8;
+    pose.back() = static_cast<unsigned char>(-(10 + (332 & 0xff) + (332 >> 8)));
+    // Already arriving at the first poll.
+    ASSERT_TRUE(tx.send(ports_[orvtest::kCore], pose));
+    for (int i = 0; i < 2000 && watchdog.state() != orvwatch::Watchdog::State::Flowing; ++i) {
+        pollFor(m, 1);
+        usleep(1000);
+        ASSERT_TRUE(tx.send(ports_[orvtest::kCore], pose));
+    }
+    ASSERT_EQ(watchdog.state(), orvwatch::Watchdog::State::Flowing);
+    EXPECT_EQ(watchdog.counts().outages, 0u);
+    pollFor(m, 120);  // 1.2 s without tracking
+    EXPECT_EQ(watchdog.counts().outages, 1u);
+    const std::vector<std::string> events = watchdog.takeEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].rfind("tracking stopped: nothing for 1.", 0), 0u) << events[0];
+    std::ostringstream line;
+    m.writeLine(line);
+    EXPECT_NE(line.str().find(" stream: tracking quiet for 1."), std::string::npos) << line.str();
+    EXPECT_NE(line.str().find(" outages 1 recovered 0"), std::string::npos) << line.str();
+    const std::string summary = summaryOf(m);
+    EXPECT_NE(summary.find("\nrecovery   outages 1 recovered 0 "), std::string::npos) << summary;
+}
+
 TEST_F(MonitorLive, ChannelsKnowTheirQuietTimesAndGoStale) {
     Monitor m(access_, {});
     orvtest::UdpSender tx;
