@@ -12,6 +12,7 @@ namespace orvctl {
 
 // Keys in the order they are written, so that the output reads like the text.
 using json = nlohmann::ordered_json;
+using orvnames::Channel;
 using orvsession::ChannelResult;
 using orvsession::ChannelState;
 using orvsession::OpenResult;
@@ -308,7 +309,7 @@ int runStatus(const Options& o, double listenS) {
     else
         printStatusText(o, access, r, l);
     access.close();
-    if (!r.opened) return kExitNoConnection;
+    if (!r.opened || r.channel(Channel::Tcp).state == ChannelState::Failed) return kExitNoConnection;
     return r.failures().empty() ? kExitOk : kExitFailed;
 }
 
