@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <sstream>
 #include <sys/stat.h>
 
@@ -33,7 +34,23 @@ CLI::Validator range(double lo, bool includeLo, double hi, const std::string& un
         (includeLo ? numberText(lo) + " to " : "above " + numberText(lo) + ", up to ") + numberText(hi) + " " + unit);
 }
 
+class ExpandedFormatter : public CLI::Formatter {
+public:
+    std::string make_expanded(const CLI::App* sub) const override {
+        std::string body = make_positionals(sub) + make_groups(sub, CLI::AppFormatMode::Sub) +
+                           make_subcommands(sub, CLI::AppFormatMode::Sub);
+        std::string out = "\n" + sub->get_display_name(true) + ": " + sub->get_description() + "\n";
+        // Its arguments indented below it; the blank line before each
+        // heading stays, so that the heading is not run into the text above.
+        std::istringstream lines(body);
+        for (std::string line; std::getline(lines, line);) out += line.empty() ? "\n" : "  " + line + "\n";
+        return out;
+    }
+};
+
 }  // namespace
+
+void expandedSubcommandHelp(CLI::App& app) { app.formatter(std::make_shared<ExpandedFormatter>()); }
 
 std::string numberText(double v) {
     std::ostringstream s;

@@ -40,6 +40,11 @@ std::string numberText(double v);
 // Sets --version to "NAME VERSION" and the shape of every refusal.
 void standard(CLI::App& app, const std::string& name, const std::string& version);
 
+// For a program with subcommands: their help in --help-all as paragraphs
+// of their own (name and purpose, then their arguments), which help2man
+// turns into a readable man page instead of running them together.
+void expandedSubcommandHelp(CLI::App& app);
+
 // Parses the command line: -1 to go on; otherwise the exit status after
 // printing what was asked or what is wrong (0 for --help and --version,
 // kExitUsage for anything else).

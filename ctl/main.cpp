@@ -24,6 +24,7 @@ constexpr const char* kFooter =
 int main(int argc, char** argv) {
     CLI::App app{"orvctl: commands and diagnostics for an orv tracking system, through liborvaccess"};
     orvargs::standard(app, "orvctl", ORVA_TOOL_VERSION);
+    orvargs::expandedSubcommandHelp(app);
     // The main options may stand after the subcommand as well.
     app.fallthrough();
     app.footer(kFooter);

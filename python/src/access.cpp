@@ -180,11 +180,10 @@ void open(PyAccess& a) {
         std::FILE* f = std::fopen(a.iniPath.c_str(), "rb");
         if (f == nullptr) {
             const int err = errno;
-            PyErr_SetObject(PyExc_FileNotFoundError,
-                            py::make_tuple(err, std::string(std::strerror(err)) +
-                                                    ": the INI file named for this Access object",
-                                           a.iniPath)
-                                .ptr());
+            // OSError picks its subclass by the number: FileNotFoundError,
+            // PermissionError, ...
+            errno = err;
+            PyErr_SetFromErrnoWithFilename(PyExc_OSError, a.iniPath.c_str());
             throw py::error_already_set();
         }
         std::fclose(f);
