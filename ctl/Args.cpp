@@ -1,5 +1,6 @@
 #include "Args.hpp"
 
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
