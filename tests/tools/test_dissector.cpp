@@ -407,7 +407,7 @@ TEST_F(Dissector, ImageDatagramsCutShortAreMarkedShortNotMalformed) {
 // Every number field describes itself in the tshark Debian ships, units
 // included; a field known only by its record name says what it is.
 TEST_F(Dissector, FieldsCarryTheirDescriptionsAndSayWhatTheyAre) {
-    orvtest::Program p({tshark_, "-X", "lua_script:" + std::string(ORV_DISSECTOR), "-G", "fields"},
+    orvtest::Program p({tshark_, "-G", "fields", "-X", "lua_script:" + std::string(ORV_DISSECTOR)},
                        (dir_.path() / "fields.out").string(), (dir_.path() / "fields.err").string());
     ASSERT_EQ(p.wait(60), 0) << orvtest::readFile((dir_.path() / "fields.err").string());
     std::istringstream lines(orvtest::readFile((dir_.path() / "fields.out").string()));

@@ -201,7 +201,7 @@ local NFT = {
     {"countA", "u8", "Low byte of countA"},
     {"featureCount", "u32", "Features that follow"},
 }
-local NFT_TAIL = {{"extD", "v3", "extD"}}
+local NFT_TAIL = {{"extD", "v3", "extD of the NFT record, after the features"}}
 local META = {
     {"tag", "u32", "Tag, copied into every IMU record"},
     {"notRead", "skip", "Not read", 1},
