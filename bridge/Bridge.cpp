@@ -1,5 +1,7 @@
 #include "Bridge.hpp"
 
+#include "Names.hpp"
+
 #include <cstdio>
 #include <utility>
 #include <vector>
@@ -191,7 +193,7 @@ void Bridge::drainLibrary() {
         });
     s_OrvAccessErrorCode e{};
     while (a.getErrorCode(&e) != 0) {
-        const std::string message = a.getErrorMessage(e.code);
+        const std::string message = orvnames::errorText(e.code, a.getErrorMessage(e.code));
         orv_msgs_msg_dds__ErrorCode_ s{e.code, e.value, const_cast<char*>(message.c_str())};
         write(Topic::Errors, &s);
     }

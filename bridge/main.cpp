@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <string>
 
+#include "Args.hpp"
 #include "Bridge.hpp"
 #include "Check.hpp"
 #include "Session.hpp"
@@ -76,7 +77,7 @@ void printSummary(const orvbridge::Counts& c, const orvwatch::Watchdog& w, const
 int main(int argc, char** argv) {
     CLI::App app{"orvbridge: publishes an orv tracking system on a DDS domain (ROS 2 compatible) and sends "
                  "platform pose, GPS and input data from it up to the tracker"};
-    app.set_version_flag("--version", std::string("orvbridge ") + ORVA_TOOL_VERSION);
+    orvargs::standard(app, "orvbridge", ORVA_TOOL_VERSION);
     std::string ini = "orvaccess.ini";
     orvbridge::Options opt;
     double duration = 0.0, waitTimeout = 30.0;
@@ -86,13 +87,13 @@ int main(int argc, char** argv) {
     app.add_option("--ini", ini, "configuration file of the library")->capture_default_str();
     app.add_option("--domain", opt.domain, "DDS domain id; the Cyclone DDS configuration comes from CYCLONEDDS_URI")
         ->capture_default_str()
-        ->check(CLI::Range(0u, 232u));
+        ->check(orvargs::number(0, 232, "domain ids"));
     app.add_option("--namespace", opt.ns, "topics are rt/NAMESPACE/pose, ... (ROS 2: /NAMESPACE/pose)")
         ->capture_default_str();
     app.add_option("--horizon-ms", opt.horizonMs,
                    "the predicted pose (pose_predicted) lies this far beyond the newest pose time, ms")
         ->capture_default_str()
-        ->check(CLI::Range(0.0, 200.0));
+        ->check(orvargs::number(0, 200, "milliseconds"));
     app.add_option("--frame", opt.frame, "frame_id of the poses: the tracker's navigation frame")
         ->capture_default_str();
     app.add_option("--imu-frame", opt.imuFrame, "frame_id of the IMU samples")->capture_default_str();
@@ -122,17 +123,17 @@ int main(int argc, char** argv) {
     app.add_option("--wait-subscribers", waitSubscribers,
                    "take nothing from the library until this many readers subscribe to the poses")
         ->capture_default_str()
-        ->check(CLI::NonNegativeNumber);
+        ->check(orvargs::number(0, 10000, "readers"));
     app.add_option("--wait-timeout", waitTimeout, "seconds to wait for them")
         ->capture_default_str()
-        ->check(CLI::NonNegativeNumber);
+        ->check(orvargs::number(0, orvargs::kLongestRunS, "seconds"));
     app.add_option("--duration", duration, "seconds to run; 0 runs until interrupted")
         ->capture_default_str()
-        ->check(CLI::NonNegativeNumber);
+        ->check(orvargs::number(0, orvargs::kLongestRunS, "seconds"));
     app.add_option("--uplink-ms", uplinkMs,
                    "longest sleep while the tracker sends nothing: how late an uplink sample may go out, ms")
         ->capture_default_str()
-        ->check(CLI::Range(1, 1000));
+        ->check(orvargs::number(1, 1000, "milliseconds"));
     app.footer("Topics (ROS 2 types where ROS 2 has one): pose and pose_predicted (geometry_msgs/PoseStamped), "
                "tracking (orv_msgs TrackingRecord), imu (sensor_msgs/Imu), gps/fix (sensor_msgs/NavSatFix), gps, "
                "platform_pose, hub, residuals, errors (orv_msgs), /diagnostics (diagnostic_msgs/DiagnosticArray, "
@@ -141,11 +142,7 @@ int main(int argc, char** argv) {
                "keep last 5; errors reliable, keep last 100; diagnostics reliable, transient local.\n"
                "Exit status: 0 a run; 1 the library or DDS cannot be opened; 2 bad arguments or an unreadable "
                "configuration file; 3 the subscribers of --wait-subscribers did not come.");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        return app.exit(e) == 0 ? 0 : kExitUsage;
-    }
+    if (const int rc = orvargs::parse(app, argc, argv); rc >= 0) return rc;
     opt.attitude = attitude == "nav-to-body" ? orvbridge::Attitude::NavToBody : orvbridge::Attitude::BodyToNav;
 
     std::signal(SIGINT, onSignal);

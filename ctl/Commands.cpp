@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 
+#include "Args.hpp"
 #include "Check.hpp"
 #include "CommandSupport.hpp"
 #include "Progress.hpp"
@@ -29,11 +31,8 @@ constexpr unsigned long kMaxDump = 0x10000;
 // A number written in decimal, or in hexadecimal after 0x; false after
 // saying what is wrong with it.
 bool parseNumber(const std::string& text, unsigned long max, const char* what, unsigned long& out) {
-    const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long v = std::strtoul(text.c_str() + (hex ? 2 : 0), &end, hex ? 16 : 10);
-    if (text.empty() || text[0] == '-' || *end != '\0' || end == text.c_str() + (hex ? 2 : 0) || errno != 0) {
+    unsigned long v = 0;
+    if (!orvargs::parseUnsigned(text, ULONG_MAX, v)) {
         std::cerr << "orvctl: " << what << " \"" << text << "\" is not a number: write it in decimal, or in "
                   << "hexadecimal after 0x\n";
         return false;
@@ -54,7 +53,9 @@ const char* adviceFor(const std::string& error) {
     if (has("No response from orvRx")) return "orvRx did not answer the transaction; is the IMU there?";
     if (has("Invalid")) return "the answer is not what orvRx sends: is tcpOrvRxPort orvRx's command port?";
     if (has("File not found")) return "check the name and --location";
-    if (has("Start failed")) return "orvRx refused the file: a name with / or .., or no room for it";
+    if (has("Start failed"))
+        return "orvRx did not answer the start of the transfer, or refused it (a name with / or .., or no room); "
+               "orvctl status tells whether orvRx answers at all";
     if (has("No/bad")) return "the transfer broke off; try again";
     if (has("Error writing") || has("Error reading")) return "the connection to orvRx broke; is it still running?";
     if (has("streaming")) return "orvRx did not take the streaming command; is it still running?";
@@ -185,6 +186,10 @@ int runRegDump(const Options& o, const std::string& firstText, const std::string
     if (!parseNumber(firstText, kMaxRegister, "first address", first) ||
         !parseNumber(countText, kMaxDump, "count", count))
         return kExitUsage;
+    if (count == 0) {
+        std::cerr << "orvctl: a count of 0 reads nothing: name from 1 to " << kMaxDump << " registers\n";
+        return kExitUsage;
+    }
     count = std::min(count, kMaxRegister + 1 - first);
     OrvAccess access;
     StreamKeeper keeper(o, access);
@@ -357,13 +362,21 @@ int runErrors(const Options& o, double listenS) {
         while (access.getErrorCode(&e) != 0) {
             ++codes;
             std::printf("%5u 0x%04x value %-10u %s\n", e.code, e.code, e.value,
-                        access.getErrorMessage(e.code).c_str());
+                        orvnames::errorText(e.code, access.getErrorMessage(e.code)).c_str());
             std::fflush(stdout);
         }
         OrvosiUtil_snoozeMs(2);
     } while (access.getTimeUs() < endUs);
     std::fprintf(stderr, "orvctl: %llu error code%s in %.1f s\n", static_cast<unsigned long long>(codes),
                  codes == 1 ? "" : "s", static_cast<double>(access.getTimeUs() - start) / 1e6);
+    // Without the command channel orvRx never streams, so no code of its
+    // streams could have come: that is no connection, not a quiet system.
+    const ChannelResult& tcp = opened.channel(Channel::Tcp);
+    if (tcp.state == ChannelState::Failed) {
+        std::cerr << "orvctl: no connection to orvRx at " << tcp.target << " (" << tcp.reason
+                  << "), so it never streamed; " << tcp.advice << "\n";
+        return kExitNoConnection;
+    }
     return codes > 0 ? kExitFailed : kExitOk;
 }
 

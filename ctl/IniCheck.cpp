@@ -555,9 +555,17 @@ private:
         v.integer = std::strtol(v.raw.c_str(), nullptr, 10);
         if (allDigits(v.raw) && v.integer >= 1 && v.integer <= 65535) return;
         const bool usable = v.integer >= 1 && v.integer <= 65535;
+        // The library narrows the number to an int and then to 16 bits, so
+        // that 92717 connects to 27181: say what it will really do.
+        const unsigned port = static_cast<uint16_t>(static_cast<int>(v.integer));
+        const std::string does =
+            usable      ? "the library reads it as port " + std::to_string(v.integer) + " and ignores the rest"
+            : port == 0 ? "the library reads it as " + std::to_string(v.integer) +
+                              (v.integer != 0 ? ", port 0 when cut to 16 bits," : "") + " which cannot be connected to"
+                        : "the library reads it as " + std::to_string(v.integer) + " and connects to port " +
+                              std::to_string(port) + " (the number cut to 16 bits)";
         add(usable ? Severity::Note : Severity::Warning, "bad-port", v.line,
-            where(v) + "the library reads it as port " + std::to_string(v.integer) +
-                (usable ? " and ignores the rest" : ", which cannot be connected to") + "; write the port alone");
+            where(v) + does + "; write a port from 1 to 65535 alone");
     }
 
     // Rules that involve more than one key.

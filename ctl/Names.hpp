@@ -75,4 +75,31 @@ inline constexpr ChannelInfo kChannels[kChannelCount] = {
 };
 inline const ChannelInfo& channelInfo(Channel c) { return kChannels[static_cast<int>(c)]; }
 
+// The library's own codes that its message table leaves without a text
+// ("[ORVACCESS]: Unknown error"): their names and what they mean, so that
+// no tool shows a code the library raised as unknown.
+struct ErrorName {
+    uint16_t code;
+    const char* name;     // the public header's enumerator
+    const char* meaning;  // what happened
+};
+inline constexpr ErrorName kUnnamedErrors[] = {
+    {ORVACCESS_ERR_BAD_HUB_PKT, "ORVACCESS_ERR_BAD_HUB_PKT",
+     "a datagram on the orvHub port failed its framing check (start byte, length or checksum)"},
+    {ORVACCESS_ERR_BAD_NFT_PKT, "ORVACCESS_ERR_BAD_NFT_PKT",
+     "a datagram on the NFT port failed its framing check (start byte, length or checksum)"},
+    {ORVACCESS_ERR_BAD_GPS_SUBPKT, "ORVACCESS_ERR_BAD_GPS_SUBPKT",
+     "a GPS subpacket in a meta packet failed its check (start byte, length or checksum)"},
+    {ORVACCESS_ERR_BAD_PRA_PKT, "ORVACCESS_ERR_BAD_PRA_PKT",
+     "a pose-recovery (PRA) packet on the orvCore port failed its framing check (length or checksum)"},
+};
+
+// The library's message of `code`, with the code's name and meaning added
+// where the message alone would say only "Unknown error".
+inline std::string errorText(unsigned code, const std::string& message) {
+    for (const ErrorName& e : kUnnamedErrors)
+        if (e.code == code) return message + " (" + e.name + ": " + e.meaning + ")";
+    return message;
+}
+
 }  // namespace orvnames

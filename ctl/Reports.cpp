@@ -12,6 +12,7 @@ namespace orvctl {
 
 // Keys in the order they are written, so that the output reads like the text.
 using json = nlohmann::ordered_json;
+using orvnames::Channel;
 using orvsession::ChannelResult;
 using orvsession::ChannelState;
 using orvsession::OpenResult;
@@ -396,7 +397,7 @@ int runStatus(const Options& o, double listenS) {
         printStatusText(o, access, r, l);
     keeper.restore();
     access.close();
-    if (!r.opened) return kExitNoConnection;
+    if (!r.opened || r.channel(Channel::Tcp).state == ChannelState::Failed) return kExitNoConnection;
     return r.failures().empty() && !neverAcknowledged(l) ? kExitOk : kExitFailed;
 }
 

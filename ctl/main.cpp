@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Args.hpp"
 #include "Commands.hpp"
 
 namespace {
@@ -25,7 +26,10 @@ constexpr const char* kFooter =
 
 int main(int argc, char** argv) {
     CLI::App app{"orvctl: commands and diagnostics for an orv tracking system, through liborvaccess"};
-    app.set_version_flag("--version", std::string("orvctl ") + ORVA_TOOL_VERSION);
+    orvargs::standard(app, "orvctl", ORVA_TOOL_VERSION);
+    orvargs::expandedSubcommandHelp(app);
+    // The main options may stand after the subcommand as well.
+    app.fallthrough();
     app.footer(kFooter);
     app.set_help_all_flag("--help-all", "Print the help of every subcommand too, and exit");
     app.require_subcommand(1);
@@ -33,7 +37,11 @@ int main(int argc, char** argv) {
     app.add_option("--ini", o.ini, "configuration file of the library")->capture_default_str();
     app.add_option("--timeout", o.timeoutMs, "how long a register command waits for orvRx, ms")
         ->capture_default_str()
-        ->check(CLI::Range(1u, 60000u));
+        ->check(orvargs::number(1, 60000, "milliseconds"));
+    unsigned int location = 0;
+    app.add_option("--location", location, "get and put: orvRx's storage location")
+        ->capture_default_str()
+        ->check(orvargs::number(0, 255, "location"));
     app.add_flag("-v,--verbose", o.verbose, "print the library's connection lines");
 
     double statusListen = 1.0, errorsListen = 2.0;
@@ -42,7 +50,7 @@ int main(int argc, char** argv) {
     status->add_flag("--json", o.json, "print JSON");
     status->add_option("--listen", statusListen, "seconds to receive before reporting; 0: only open")
         ->capture_default_str()
-        ->check(CLI::Range(0.0, 3600.0));
+        ->check(orvargs::number(0, 3600, "seconds"));
 
     bool noProbe = false;
     CLI::App* check = app.add_subcommand(
@@ -71,36 +79,27 @@ int main(int argc, char** argv) {
     std::vector<std::string> txBytes;
     CLI::App* imu = app.add_subcommand("imu", "one IMU transaction: send bytes, print the bytes that come back");
     imu->add_flag("--platform", platform, "the platform IMU instead of the camera IMU");
-    imu->add_option("--receive", receive, "bytes to read back")->capture_default_str()->check(CLI::Range(0u, 255u));
+    imu->add_option("--receive", receive, "bytes to read back")->capture_default_str()->check(
+        orvargs::number(0, 255, "bytes"));
     imu->add_option("--imu-timeout", imuTimeout, "time-out byte passed to orvRx")
         ->capture_default_str()
-        ->check(CLI::Range(0u, 255u));
+        ->check(orvargs::number(0, 255, "time-out units"));
     imu->add_option("BYTES", txBytes, "bytes to send, hexadecimal (6b or 0x6b)");
 
     std::string remote, local;
-    unsigned int location = 0;
     CLI::App* get = app.add_subcommand("get", "fetch a file from orvRx; a local file is replaced only by a whole one");
     get->add_option("REMOTE", remote, "name on orvRx")->required();
     get->add_option("LOCAL", local, "where to write it (default: the remote name's last part, here)");
-    get->add_option("--location", location, "orvRx's storage location")->capture_default_str()->check(
-        CLI::Range(0u, 255u));
     CLI::App* put = app.add_subcommand("put", "send a file to orvRx");
     put->add_option("LOCAL", local, "the file to send")->required()->check(CLI::ExistingFile);
     put->add_option("REMOTE", remote, "name on orvRx (default: the local name's last part)");
-    put->add_option("--location", location, "orvRx's storage location")->capture_default_str()->check(
-        CLI::Range(0u, 255u));
 
     CLI::App* errors = app.add_subcommand("errors", "receive for a while and print every error code with its "
                                                     "message; exits 1 when any arrived");
     errors->add_option("--listen", errorsListen, "seconds to receive")->capture_default_str()->check(
-        CLI::Range(0.0, 3600.0));
+        orvargs::number(0, 3600, "seconds"));
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        const int rc = app.exit(e);
-        return rc == 0 ? orvctl::kExitOk : orvctl::kExitUsage;
-    }
+    if (const int rc = orvargs::parse(app, argc, argv); rc >= 0) return rc;
 
     try {
         if (*status) return orvctl::runStatus(o, statusListen);

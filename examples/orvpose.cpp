@@ -4,8 +4,11 @@
 //   orvpose path/to/orvaccess.ini [seconds]
 #include <orvaccess/OrvAccess.hpp>
 
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -22,8 +25,31 @@ void printErrors(OrvAccess& access) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 3 || (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0))) {
+        std::fprintf(argc > 3 ? stderr : stdout, "usage: orvpose [INI-FILE [SECONDS]]  (default orvaccess.ini, 10 s)\n");
+        return argc > 3 ? 2 : 0;
+    }
     const std::string ini = argc > 1 ? argv[1] : "orvaccess.ini";
-    const double seconds = argc > 2 ? std::atof(argv[2]) : 10.0;
+    double seconds = 10.0;
+    if (argc > 2) {
+        char* end = nullptr;
+        seconds = std::strtod(argv[2], &end);
+        if (end == argv[2] || *end != '\0' || !std::isfinite(seconds) || seconds <= 0 || seconds > 1e6) {
+            std::fprintf(stderr, "orvpose: \"%s\" is not a number of seconds above 0, up to 1000000\n", argv[2]);
+            return 2;
+        }
+    }
+    // The library quietly takes its defaults for a file it cannot read;
+    // a file named here must be there.
+    if (argc > 1) {
+        std::FILE* f = std::fopen(ini.c_str(), "rb");
+        if (f == nullptr) {
+            std::fprintf(stderr, "orvpose: cannot read the configuration file %s: %s\n", ini.c_str(),
+                         std::strerror(errno));
+            return 2;
+        }
+        std::fclose(f);
+    }
 
     OrvAccess access;
     access.setIniPath(ini);
@@ -35,7 +61,8 @@ int main(int argc, char** argv) {
 
     const unsigned long start = access.getTimeUs();
     unsigned long updates = 0;
-    while (access.getTimeUs() - start < static_cast<unsigned long>(seconds * 1e6)) {
+    const auto durationUs = static_cast<unsigned long>(seconds * 1e6);
+    while (access.getTimeUs() - start < durationUs) {
         OrvosiUtil_snoozeMs(100);
         // The newest pose predicted to now, as a renderer asks for its display
         // time; the call consumes every pose queued since the previous one.

@@ -341,7 +341,7 @@ void Monitor::pollErrors(uint64_t nowUs) {
         } else if (codes_.size() < kMaxCodes) {
             // The message is asked once per code, so that a steady stream of
             // errors costs no allocation.
-            codes_.push_back({ec.code, 1, access_.getErrorMessage(ec.code)});
+            codes_.push_back({ec.code, 1, orvnames::errorText(ec.code, access_.getErrorMessage(ec.code))});
         } else {
             ++codesOther_;
         }

@@ -17,6 +17,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "Args.hpp"
 #include "Check.hpp"
 #include "LiveView.hpp"
 #include "Monitor.hpp"
@@ -109,7 +110,7 @@ private:
 
 int main(int argc, char** argv) {
     CLI::App app{"orvmon: live monitor of an orv tracking system"};
-    app.set_version_flag("--version", std::string("orvmon ") + ORVA_TOOL_VERSION);
+    orvargs::standard(app, "orvmon", ORVA_TOOL_VERSION);
     std::string ini = "orvaccess.ini";
     double duration = 0.0, connectTimeout = 5.0;
     bool plain = false, verbose = false;
@@ -120,24 +121,20 @@ int main(int argc, char** argv) {
     app.add_option("--csv", csvFile, "write one line per predicted tracking record: times, poses, errors");
     app.add_option("--duration", duration, "seconds to run; 0 runs until interrupted")
         ->capture_default_str()
-        ->check(CLI::NonNegativeNumber);
+        ->check(orvargs::number(0, orvargs::kLongestRunS, "seconds"));
     app.add_flag("--plain", plain, "one line per second instead of the live view");
     app.add_flag("-v,--verbose", verbose, "print the library's connection lines");
     app.add_option("--ahead-ms", opt.aheadMs, "display time ahead of the library clock, ms")
         ->capture_default_str()
-        ->check(CLI::NonNegativeNumber);
+        ->check(orvargs::number(0, 1000, "milliseconds"));
     app.add_flag("--uplink", opt.uplink,
                  "send platform pose (50 Hz), GPS and input data (1 Hz); injects data into a real system");
     app.add_option("--connect-timeout", connectTimeout, "seconds to keep retrying open()")
         ->capture_default_str()
-        ->check(CLI::NonNegativeNumber);
+        ->check(orvargs::number(0, 3600, "seconds"));
     app.footer("Exit status: 0 a run; 1 the library cannot be opened; 2 bad arguments or an unreadable "
                "configuration file; 3 nothing arrived on any channel.");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        return app.exit(e) == 0 ? 0 : kExitUsage;
-    }
+    if (const int rc = orvargs::parse(app, argc, argv); rc >= 0) return rc;
 
     installSignals();
     // The same check as orvctl check: what in the file or on this machine

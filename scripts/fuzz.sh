@@ -29,11 +29,13 @@ if ! command -v clang++-14 >/dev/null; then
 fi
 
 dir=$root/build-fuzz
+echo "Building the fuzz harnesses with clang and both sanitizers in build-fuzz/ (about a minute and a half) ..."
 CC=clang-14 CXX=clang++-14 configure "$dir" -DORVACCESS_FUZZ=ON -DORVACCESS_BUILD_TESTS=OFF \
   -DORVACCESS_BUILD_EXAMPLES=OFF -DORVACCESS_BUILD_BENCHMARKS=OFF
 build "$dir" orvfuzz
 
 work=$dir/fuzz
+echo "Making the seeds from the simulator's packet builders ..."
 "$work/orvfuzz_seeds" "$work/seeds" "$root/examples/orvaccess.ini"
 mkdir -p "$work/artifacts" "$work/logs"
 
@@ -66,7 +68,10 @@ wait_one() {
   pids=("${pids[@]:1}")
   names=("${names[@]:1}")
   if ! wait "$pid"; then failed+=("$name"); fi
+  done_count=$((done_count + 1))
+  echo "  $name finished ($done_count of ${#harnesses[@]})"
 }
+done_count=0
 for name in "${harnesses[@]}"; do
   [ ${#pids[@]} -ge "$jobs" ] && wait_one
   run "$name" &

@@ -20,7 +20,9 @@ fi
 
 "$root/scripts/install-deps.sh"
 configure "$dir" "${args[@]}"
+echo "Building everything in ${dir#"$root"/}: the library, the tools, the tests, the benchmarks, Python and the documentation ..."
 build "$dir"
+echo "Running the tests ..."
 (cd "$dir" && ctest --output-on-failure -j "$jobs")
 if [ "$extra" = yes ]; then
   "$root/scripts/fuzz.sh"

@@ -380,6 +380,9 @@ void Simulator::run(double seconds, const std::atomic<bool>* stop) {
             nanosleep(&ts, nullptr);
         }
     }
+    // What the application sent up before the stop counts, however the
+    // last step fell.
+    serveUplink(OrvosiUtil::getTimeSysUs());
     impl_->report.seconds += static_cast<double>(OrvosiUtil::getTimeSysUs() - begin) / 1e6;
 }
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "Args.hpp"
 #include "sim/Simulator.hpp"
 
 namespace {
@@ -67,7 +68,7 @@ void printReport(const orvsim::SimReport& r, std::FILE* out) {
 
 int main(int argc, char** argv) {
     CLI::App app{"orvsim: a simulator of the tracking system (orvRx, orvCore, orvHub, NFT) on one machine"};
-    app.set_version_flag("--version", std::string("orvsim ") + ORVA_TOOL_VERSION);
+    orvargs::standard(app, "orvsim", ORVA_TOOL_VERSION);
     std::string ini = "orvaccess.ini";
     double duration = 0.0;
     std::string files;
@@ -78,48 +79,80 @@ int main(int argc, char** argv) {
     std::vector<std::string> faultStreams;
     std::string replies = "normal";
 
-    app.add_option("--ini", ini, "Configuration file shared with the library")->capture_default_str();
-    app.add_option("--duration", duration, "Seconds to run; 0 runs until interrupted")->capture_default_str();
+    const CLI::Validator rate = orvargs::number(0, 1e6, "datagrams a second");
+    const CLI::Validator share = orvargs::number(0, 1, "shares (0 none, 1 all)");
+    app.add_option("--ini", ini, "Configuration file shared with the library")
+        ->capture_default_str()
+        ->check(orvargs::readableFile());
+    app.add_option("--duration", duration, "Seconds to run; 0 runs until interrupted")
+        ->capture_default_str()
+        ->check(orvargs::number(0, orvargs::kLongestRunS, "seconds"));
     app.add_option("--files", files, "Folder that get and put file work on (default: a temporary folder)");
-    app.add_option("--imu-hz", r.imu, "Meta packets, one IMU sample each")->capture_default_str();
-    app.add_option("--tracking-hz", r.tracking, "Tracking packets")->capture_default_str();
-    app.add_option("--optical-hz", r.optical, "Tracking packets with optical data")->capture_default_str();
-    app.add_option("--pra-hz", r.pra, "PRA packets")->capture_default_str();
-    app.add_option("--hub-hz", r.hub, "Hub data packets")->capture_default_str();
-    app.add_option("--nft-hz", r.nft, "NFT packets")->capture_default_str();
-    app.add_option("--image-hz", r.image, "Camera images over UDP")->capture_default_str();
-    app.add_option("--shm-image-hz", r.sharedImage, "Camera images in shared memory")->capture_default_str();
-    app.add_option("--diag-hz", r.diag, "Diagnostic subpackets")->capture_default_str();
-    app.add_option("--target-hz", r.target, "Target lists")->capture_default_str();
-    app.add_option("--platpose-hz", r.platPose, "Platform-pose subpackets")->capture_default_str();
-    app.add_option("--gps-hz", r.gps, "GPS subpackets")->capture_default_str();
+    app.add_option("--imu-hz", r.imu, "Meta packets, one IMU sample each")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--tracking-hz", r.tracking, "Tracking packets")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--optical-hz", r.optical, "Tracking packets with optical data")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--pra-hz", r.pra, "PRA packets")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--hub-hz", r.hub, "Hub data packets")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--nft-hz", r.nft, "NFT packets")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--image-hz", r.image, "Camera images over UDP")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--shm-image-hz", r.sharedImage, "Camera images in shared memory")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--diag-hz", r.diag, "Diagnostic subpackets")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--target-hz", r.target, "Target lists")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--platpose-hz", r.platPose, "Platform-pose subpackets")
+        ->capture_default_str()
+        ->check(rate);
+    app.add_option("--gps-hz", r.gps, "GPS subpackets")
+        ->capture_default_str()
+        ->check(rate);
     app.add_option("--error-period", r.errorPeriodS, "Seconds between orvRx and orvHub errors; 0: none")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(orvargs::number(0, orvargs::kLongestRunS, "seconds"));
     app.add_option("--image-format", imageFormat,
                    "Image format code (10, 11, 12, 20, 21, 30, 31, 40, 41, 50, 51)")
-        ->check(CLI::Range(0, 255))
+        ->check(orvargs::number(0, 255, "format code"))
         ->capture_default_str();
     app.add_option("--image-piece", cfg.imagePiece, "Pixel bytes per image datagram")
-        ->check(CLI::Range(1, 65523))
+        ->check(orvargs::number(1, 65523, "bytes"))
         ->capture_default_str();
-    app.add_option("--drop", faults.drop, "Share of datagrams dropped")->check(CLI::Range(0.0, 1.0));
+    app.add_option("--drop", faults.drop, "Share of datagrams dropped")->check(share);
     app.add_option("--corrupt", faults.corrupt, "Share corrupted (bad checksum or wrong length)")
-        ->check(CLI::Range(0.0, 1.0));
-    app.add_option("--duplicate", faults.duplicate, "Share sent twice")->check(CLI::Range(0.0, 1.0));
+        ->check(share);
+    app.add_option("--duplicate", faults.duplicate, "Share sent twice")->check(share);
     app.add_option("--reorder", faults.reorder, "Share sent after their successor")
-        ->check(CLI::Range(0.0, 1.0));
+        ->check(share);
     app.add_option("--fault-streams", faultStreams, "Streams the faults apply to (default: all)")
         ->check(CLI::IsMember({"tracking", "pra", "meta", "image", "hub", "nft"}))
         ->delimiter(',');
     app.add_option("--startup", cfg.startupS, "Seconds from streaming on to the first streamed packet")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(orvargs::number(0, 3600, "seconds"));
     app.add_flag("--follow-streaming", cfg.followStreaming,
                  "Hub, NFT and shared-memory images flow only while streaming, like the rest");
     app.add_option("--seed", cfg.seed, "Seed of the fault generator")->capture_default_str();
     app.add_option("--replies", replies, "Command server: normal, silent or corrupt")
         ->check(CLI::IsMember({"normal", "silent", "corrupt"}))
         ->capture_default_str();
-    CLI11_PARSE(app, argc, argv);
+    if (const int rc = orvargs::parse(app, argc, argv); rc >= 0) return rc;
 
     std::string error;
     if (!orvsim::SimConfig::fromIni(ini, cfg, error)) {

@@ -164,10 +164,16 @@ void Player::send(ChannelId channel, Bytes& d) {
         if (field != nullptr && readClock(d.data(), d.size(), *field, &value)) {
             // Every clock value moves to where its moment lies in the replay,
             // by one offset: no datagram is sent before the time it carries.
-            const int64_t recorded = static_cast<int64_t>(value) + m.lagUs -
-                                     static_cast<int64_t>(m.windowStartUs) + m.loopOffsetUs;
-            const uint64_t moved =
-                m.startUs + m.pausedUs + static_cast<uint64_t>(static_cast<double>(recorded) / opt_.speed);
+            // A clock field may lie before the replay's start (or be any
+            // number at all): it moves by the same offset, and a time that
+            // would fall before 0 is written as 0.
+            const double recorded = static_cast<double>(value) + static_cast<double>(m.lagUs) -
+                                    static_cast<double>(m.windowStartUs) + static_cast<double>(m.loopOffsetUs);
+            const double movedUs =
+                static_cast<double>(m.startUs + m.pausedUs) + recorded / opt_.speed;
+            const uint64_t moved = movedUs <= 0.0   ? 0
+                                   : movedUs >= 1.8e19 ? std::numeric_limits<uint64_t>::max()
+                                                       : static_cast<uint64_t>(movedUs);
             writeClock(d.data(), d.size(), *field, moved);
             ++report_.retimed;
         }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 
+#include "Args.hpp"
 #include "PortHolders.hpp"
 #include "osi/OrvosiUtil.hpp"
 #include "tools/Player.hpp"
@@ -54,24 +55,30 @@ void warnAboutReceivers(const orvtools::PlayOptions& opt, const orvtools::Channe
 
 int main(int argc, char** argv) {
     CLI::App app{"orvplay: replays a recorded run of the tracking system to the ports of an INI file"};
+    orvargs::standard(app, "orvplay", ORVA_TOOL_VERSION);
     orvtools::PlayOptions opt;
     bool forever = false;
-    app.add_option("file", opt.file, "Capture file, pcap or pcapng")->required();
-    app.add_option("--ini", opt.ini, "Configuration file: the ports to send to")->capture_default_str();
+    app.add_option("file", opt.file, "Capture file, pcap or pcapng")->required()->check(orvargs::readableFile());
+    app.add_option("--ini", opt.ini, "Configuration file: the ports to send to")
+        ->capture_default_str()
+        ->check(orvargs::readableFile());
     app.add_option("--recorded-ini", opt.recordedIni,
-                   "Configuration file of the recording, when its ports differ (default: --ini)");
+                   "Configuration file of the recording, when its ports differ (default: --ini)")
+        ->check(orvargs::readableFile());
     app.add_option("--to", opt.to, "Address of the application's host")->capture_default_str();
     app.add_option("--speed", opt.speed, "Pace: 1 as recorded, 2 twice as fast")
-        ->check(CLI::PositiveNumber)
+        ->check(orvargs::above(0, orvargs::kFastestReplay, "times the recorded pace"))
         ->capture_default_str();
     app.add_flag("--fast", opt.fast, "As fast as possible, no pacing");
-    app.add_option("--loops", opt.loops, "Passes over the file")->check(CLI::NonNegativeNumber)->capture_default_str();
+    app.add_option("--loops", opt.loops, "Passes over the file")
+        ->check(orvargs::number(0, 1e9, "passes (0: until Ctrl-C)"))
+        ->capture_default_str();
     app.add_flag("--loop", forever, "Repeat until Ctrl-C");
     app.add_option("--start", opt.startS, "Seconds into the recording to start at")
-        ->check(CLI::NonNegativeNumber)
+        ->check(orvargs::number(0, orvargs::kLongestRunS, "seconds"))
         ->capture_default_str();
     app.add_option("--end", opt.endS, "Seconds into the recording to stop at; 0: its end")
-        ->check(CLI::NonNegativeNumber)
+        ->check(orvargs::number(0, orvargs::kLongestRunS, "seconds"))
         ->capture_default_str();
     app.add_option("--max-gap", opt.maxGapS,
                    "Longest wait between two frames, s: a longer gap in the stamps is cut to it")
@@ -82,11 +89,11 @@ int main(int argc, char** argv) {
     app.add_flag("--serve-commands", opt.serveCommands,
                  "Answer the command channel with the simulator's server; replay while streaming is on");
     app.add_option("--files", opt.files, "Folder the command server's get and put file work on");
-    CLI11_PARSE(app, argc, argv);
+    if (const int rc = orvargs::parse(app, argc, argv); rc >= 0) return rc;
     if (forever) opt.loops = 0;
     if (opt.endS > 0.0 && opt.endS <= opt.startS) {
         std::fprintf(stderr, "orvplay: --end (%g s) must lie after --start (%g s)\n", opt.endS, opt.startS);
-        return 1;
+        return orvargs::kExitUsage;
     }
 
     orvtools::Player player(opt);
@@ -99,7 +106,7 @@ int main(int argc, char** argv) {
     std::signal(SIGTERM, onSignal);
     const orvtools::Channels& ch = player.channels();
     std::fprintf(stderr, "orvplay: %s to %s, %s%s%s%s\n", opt.file.c_str(), opt.to.c_str(),
-                 opt.fast ? "as fast as possible" : ("speed " + std::to_string(opt.speed).substr(0, 4)).c_str(),
+                 opt.fast ? "as fast as possible" : ("speed " + orvargs::numberText(opt.speed)).c_str(),
                  opt.loops == 0 ? ", looping until Ctrl-C" : "", opt.retime ? ", retimed" : "",
                  opt.serveCommands ? (", serving commands on TCP " +
                                       std::to_string(ch[orvtools::ChannelId::Commands].port) +

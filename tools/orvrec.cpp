@@ -8,6 +8,7 @@
 #include <ctime>
 #include <string>
 
+#include "Args.hpp"
 #include "osi/OrvosiUtil.hpp"
 #include "tools/Progress.hpp"
 #include "tools/Recorder.hpp"
@@ -29,20 +30,24 @@ std::string defaultName() {
 
 int main(int argc, char** argv) {
     CLI::App app{"orvrec: records every channel of the tracking system to a pcap file"};
+    orvargs::standard(app, "orvrec", ORVA_TOOL_VERSION);
     orvtools::RecordOptions opt;
     bool capture = false, receive = false, noStream = false;
     app.add_option("-o,--output", opt.output, "pcap file to write (default: orv-DATE-TIME.pcap)");
-    app.add_option("--ini", opt.ini, "Configuration file: ports and orvRx's address")->capture_default_str();
+    app.add_option("--ini", opt.ini, "Configuration file: ports and orvRx's address")
+        ->capture_default_str()
+        ->check(orvargs::readableFile());
     app.add_option("--duration", opt.durationS, "Seconds to record; 0 records until Ctrl-C")
-        ->check(CLI::NonNegativeNumber)
+        ->check(orvargs::number(0, orvargs::kLongestRunS, "seconds"))
         ->capture_default_str();
     app.add_flag("--capture", capture, "Capture on an interface (needs the capture privilege); no fallback");
     app.add_flag("--receive", receive, "Receive on the configured ports instead of capturing")->excludes("--capture");
     app.add_option("-i,--interface", opt.interface, "Interface to capture on (default: lo for a loopback address, else any)");
     app.add_option("--forward", opt.forwardIni,
-                   "While receiving, hand every datagram on to the ports of this INI file on 127.0.0.1");
+                   "While receiving, hand every datagram on to the ports of this INI file on 127.0.0.1")
+        ->check(orvargs::readableFile());
     app.add_flag("--no-stream", noStream, "While receiving, do not ask orvRx to stream over the command channel");
-    CLI11_PARSE(app, argc, argv);
+    if (const int rc = orvargs::parse(app, argc, argv); rc >= 0) return rc;
     opt.mode = capture ? orvtools::RecordMode::Capture
                : receive || !opt.forwardIni.empty() ? orvtools::RecordMode::Receive
                                                     : orvtools::RecordMode::Auto;

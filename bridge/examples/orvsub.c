@@ -25,13 +25,32 @@ static void onSignal(int sig) {
     stop = 1;
 }
 
+static const char* const kUsage =
+    "usage: orvsub [--domain N] [--namespace NS] [--topic pose|pose_predicted] [--reliable]\n"
+    "              [--count N] [--until-publisher-leaves]\n";
+
 static int usage(const char* why) {
-    fprintf(stderr,
-            "orvsub: %s\n"
-            "usage: orvsub [--domain N] [--namespace NS] [--topic pose|pose_predicted] [--reliable]\n"
-            "              [--count N] [--until-publisher-leaves]\n",
-            why);
+    fprintf(stderr, "orvsub: %s\n%s", why, kUsage);
     return 2;
+}
+
+static int help(void) {
+    printf("orvsub: prints the poses orvbridge publishes on a DDS domain, one line each\n\n%s\n"
+           "Options:\n"
+           "  --domain N                DDS domain id, 0 to 232 (default 0); the Cyclone DDS\n"
+           "                            configuration comes from CYCLONEDDS_URI\n"
+           "  --namespace NS            the bridge's namespace: topics rt/NS/... (default orv)\n"
+           "  --topic pose|pose_predicted\n"
+           "                            the poses as reported, or as predicted (default pose)\n"
+           "  --reliable                read without loss from a bridge started with --reliable\n"
+           "  --count N                 stop after N poses\n"
+           "  --until-publisher-leaves  stop when the bridge goes\n"
+           "  --help                    print this help and exit\n"
+           "  --version                 print the version and exit\n\n"
+           "Each line: stamp (s), frame, position x y z (m), quaternion x y z w. The count goes to\n"
+           "standard error at the end. Exit status: 0 a run; 1 DDS cannot be joined; 2 bad arguments.\n",
+           kUsage);
+    return 0;
 }
 
 /* A whole decimal number from min to max, or -1. */
@@ -50,7 +69,12 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
         const char* v = i + 1 < argc ? argv[i + 1] : NULL;
-        if (strcmp(a, "--reliable") == 0) {
+        if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
+            return help();
+        } else if (strcmp(a, "--version") == 0) {
+            printf("orvsub %s\n", ORVA_TOOL_VERSION);
+            return 0;
+        } else if (strcmp(a, "--reliable") == 0) {
             reliable = 1;
         } else if (strcmp(a, "--until-publisher-leaves") == 0) {
             untilLeft = 1;
@@ -65,6 +89,8 @@ int main(int argc, char** argv) {
             ns = v;
             ++i;
         } else if (strcmp(a, "--topic") == 0) {
+            if (strcmp(v, "pose") != 0 && strcmp(v, "pose_predicted") != 0)
+                return usage("--topic takes pose or pose_predicted: the other topics carry other types");
             leaf = v;
             ++i;
         } else if (strcmp(a, "--count") == 0) {
@@ -72,7 +98,7 @@ int main(int argc, char** argv) {
             if (limit < 0) return usage("--count takes a number of poses, 1 or more");
             ++i;
         } else {
-            return usage("unknown option");
+            return usage(strncmp(a, "--", 2) == 0 ? "unknown option" : "unknown argument");
         }
     }
     char topicName[256];

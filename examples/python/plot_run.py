@@ -42,6 +42,14 @@ def prediction_settings(ini):
         return 0.0, 0
 
 
+def seconds_arg(text):
+    """A finite number of seconds, 0 or more, for argparse."""
+    value = float(text)
+    if not 0 <= value < float("inf"):
+        raise argparse.ArgumentTypeError(f"{text!r} is not a number of seconds, 0 or more")
+    return value
+
+
 def is_nft_pose(p):
     # NFT poses share the tracking queue; they carry extB/extD, orvCore's do not.
     if p.extB.any() or p.extD.any():
@@ -80,7 +88,12 @@ def record(a, seconds, ahead_us, prediction_s):
     nft_seen = set()
     poses_seen = set()
     end = time.monotonic() + seconds
+    next_progress = time.monotonic() + 1
     while time.monotonic() < end:
+        if time.monotonic() >= next_progress:
+            next_progress += 1
+            print(f"plot_run: {len(truth)} poses, {max(0.0, end - time.monotonic()):.0f} s to go",
+                  file=sys.stderr, flush=True)
         now = a.get_time_us()
         display = now + ahead_us
         p = a.get_tracking_data_at_time(display)
@@ -114,9 +127,9 @@ def record(a, seconds, ahead_us, prediction_s):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--ini", default="orvaccess.ini", help="configuration file (default: %(default)s)")
-    parser.add_argument("--duration", type=float, default=10.0, help="seconds to record (default: %(default)s)")
+    parser.add_argument("--duration", type=seconds_arg, default=10.0, help="seconds to record (default: %(default)s)")
     parser.add_argument("--ahead-ms", type=float, default=20.0,
                         help="how far ahead of now the display shows the pose (default: %(default)s)")
     parser.add_argument("--out", default="run.png", help="PNG to write (default: %(default)s)")
@@ -127,10 +140,13 @@ def main():
     import matplotlib.pyplot as plt
 
     prediction_s, sync = prediction_settings(args.ini)
+    print(f"plot_run: recording {args.duration:g} s from the ports in {args.ini}, then plotting", file=sys.stderr)
     try:
         with orvaccess.Access(args.ini) as a:
             truth, predictions, arrivals, errors = record(a, args.duration, round(args.ahead_ms * 1000),
                                                           prediction_s)
+    except FileNotFoundError as e:
+        sys.exit(f"plot_run: cannot read the configuration file {e.filename}: {e.strerror}")
     except orvaccess.Error as e:
         sys.exit(f"plot_run: {e.call} failed: {e}")
     if len(truth) < 2:

@@ -9,6 +9,7 @@ s_OrvAccessImuData (time in us, dt in s, gyroRate and accelRate the
 increments divided by dt, ...). Read it back with numpy.load("imu.npz")["imu"].
 """
 import argparse
+import os
 import sys
 import time
 
@@ -17,12 +18,25 @@ import numpy as np
 import orvaccess
 
 
+def seconds_arg(text):
+    """A finite number of seconds, 0 or more, for argparse."""
+    value = float(text)
+    if not 0 <= value < float("inf"):
+        raise argparse.ArgumentTypeError(f"{text!r} is not a number of seconds, 0 or more")
+    return value
+
+
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--ini", default="orvaccess.ini", help="configuration file (default: %(default)s)")
-    parser.add_argument("--duration", type=float, default=5.0, help="seconds to record (default: %(default)s)")
+    parser.add_argument("--duration", type=seconds_arg, default=5.0, help="seconds to record (default: %(default)s)")
     parser.add_argument("--out", default="imu.npz", help="file to write (default: %(default)s)")
     args = parser.parse_args()
+    # Before recording, not after: a path that cannot be written would
+    # throw the whole recording away.
+    folder = os.path.dirname(os.path.abspath(args.out))
+    if not os.path.isdir(folder) or not os.access(folder, os.W_OK):
+        sys.exit(f"record_imu: cannot write {args.out}: {folder} is not a folder this user may write to")
 
     chunks = []
     try:
@@ -33,6 +47,8 @@ def main():
                 chunks.append(a.drain_imu_data())
                 time.sleep(0.02)
             chunks.append(a.drain_imu_data())
+    except FileNotFoundError as e:
+        sys.exit(f"record_imu: cannot read the configuration file {e.filename}: {e.strerror}")
     except orvaccess.Error as e:
         sys.exit(f"record_imu: {e.call} failed: {e}")
 

@@ -48,6 +48,7 @@ from ._orvaccess import (
     TrkDataExt,
     __version__,
     error_message,
+    error_text,
     get_time_ms,
     snooze_ms,
 )
@@ -72,14 +73,15 @@ for _c_name, _members in _orvaccess._enums.items():
     _name, _kind = _ENUMS.get(_c_name, (_c_name[len("e_OrvAccess"):], _enum.IntEnum))
     globals()[_name] = _kind(_name, _members, module=__name__)
 
-# Each error code knows its message, as getErrorMessage gives it.
-ErrorCode.message = property(lambda self: error_message(self), doc="The library's message of this code.")
+# Each error code knows its message, as getErrorMessage gives it, with its
+# name and meaning beside it where that message says only "Unknown error".
+ErrorCode.message = property(lambda self: error_text(self), doc="The library's message of this code.")
 
 __all__ = [
     "Access", "AuxData", "DiagData", "Error", "FeatData", "FeedPose", "GpsData", "HubData", "Image",
     "ImageInfo", "ImuCrs", "ImuData", "PlatPoseData", "PoseFeed", "PoseFeedReader", "PoseIterator",
     "PoseRecStats", "QueuedErrorCode", "Status",
-    "TargetCount", "TgtData", "TgtResData", "TrkDataExt", "error_message", "get_time_ms", "snooze_ms",
+    "TargetCount", "TgtData", "TgtResData", "TrkDataExt", "error_message", "error_text", "get_time_ms", "snooze_ms",
 ] + [name for name, _ in _ENUMS.values()]
 
 del _c_name, _members, _name, _kind

@@ -5,7 +5,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <optional>
 #include <thread>
 
@@ -170,6 +174,20 @@ std::string openHint(const std::string& iniPath) {
 }
 
 void open(PyAccess& a) {
+    // The library takes its defaults for a file it cannot open; a file the
+    // user named is meant to be read.
+    if (a.iniNamed) {
+        std::FILE* f = std::fopen(a.iniPath.c_str(), "rb");
+        if (f == nullptr) {
+            const int err = errno;
+            // OSError picks its subclass by the number: FileNotFoundError,
+            // PermissionError, ...
+            errno = err;
+            PyErr_SetFromErrnoWithFilename(PyExc_OSError, a.iniPath.c_str());
+            throw py::error_already_set();
+        }
+        std::fclose(f);
+    }
     checked(
         a, "open",
         [&](OrvAccess& o) {
@@ -317,6 +335,7 @@ void bindAccess(py::module_& m) {
                 auto a = std::make_unique<PyAccess>();
                 if (!iniPath.is_none()) {
                     a->iniPath = pathText(iniPath);
+                    a->iniNamed = true;
                     a->access->setIniPath(a->iniPath);
                 }
                 return a;
@@ -347,6 +366,7 @@ void bindAccess(py::module_& m) {
             const std::string text = pathText(path);
             locked(a, [&](OrvAccess& o) { o.setIniPath(text); });
             a.iniPath = text;
+            a.iniNamed = true;
         },
         py::arg("path"), "The INI file the next open() reads.");
     cls.def_property_readonly("ini_path", [](const PyAccess& a) { return a.iniPath; });
@@ -463,6 +483,7 @@ void bindAccess(py::module_& m) {
         "wait_udp",
         [](PyAccess& a, double timeout) {
             // Seconds, as Python counts time; a signal (Ctrl-C) ends the wait.
+            if (std::isnan(timeout)) throw py::value_error("timeout must be a number of seconds (negative: no limit)");
             const int ms = timeout < 0 ? -1 : static_cast<int>(std::min(timeout * 1000.0, 2147483647.0));
             bool ready = false;
             checked(a, "wait_udp", [&](OrvAccess& o) { return o.waitUdp(ms, &ready); });
@@ -544,7 +565,12 @@ void bindAccess(py::module_& m) {
     cls.def(
         "poses",
         [](py::object self, std::optional<double> durationS, double pollS) {
-            if (pollS <= 0.0) throw py::value_error("poll_s must be above 0");
+            if (!(pollS > 0.0 && pollS <= 3600.0))
+                throw py::value_error("poll_s must be a number of seconds above 0, up to 3600");
+            if (durationS && !(*durationS >= 0.0))
+                throw py::value_error("duration_s must be a number of seconds, 0 or more (None or inf: no end)");
+            // Beyond about 30 years the end could not be represented: no end.
+            if (durationS && *durationS > 1e9) durationS.reset();
             PoseIterator it{self, std::nullopt,
                             std::chrono::microseconds(static_cast<long long>(pollS * 1e6))};
             if (durationS)
@@ -704,11 +730,14 @@ void bindAccess(py::module_& m) {
             const e_OrvAccessImuSelect sel =
                 imu == ORVACCESS_IMU_CAMERA ? ORVACCESS_IMU_CAMERA : ORVACCESS_IMU_PLATFORM;
             std::string tx = transmit;
-            std::vector<unsigned char> rx(std::max<size_t>(receiveCapacity, 1));
+            // A reply holds at most 255 bytes: a larger capacity would only
+            // allocate memory nothing can fill.
+            const size_t capacity = std::min<size_t>(receiveCapacity, 255);
+            std::vector<unsigned char> rx(std::max<size_t>(capacity, 1));
             unsigned long received = 0;
             checked(a, "transact_imu", [&](OrvAccess& o) {
                 return o.transactImu(sel, reinterpret_cast<unsigned char*>(tx.data()), tx.size(), rx.data(),
-                                     receiveCapacity, timeout, &received);
+                                     capacity, timeout, &received);
             });
             return py::bytes(reinterpret_cast<const char*>(rx.data()), received);
         },

@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 
+#include "Names.hpp"
 #include "orvpy.hpp"
 
 namespace orvpy {
@@ -82,6 +83,16 @@ PYBIND11_MODULE(_orvaccess, m) {
             return messages().getErrorMessage(static_cast<unsigned short>(code));
         },
         py::arg("code"), "The message of an error code, as Access.get_error_message gives it.");
+    m.def(
+        "error_text",
+        [](int code) {
+            if (code < 0 || code > 0xFFFF) throw py::value_error("error codes are 16 bits: 0..65535");
+            return orvnames::errorText(static_cast<unsigned>(code),
+                                       messages().getErrorMessage(static_cast<unsigned short>(code)));
+        },
+        py::arg("code"),
+        "The message of an error code, with the code's name and meaning where the library's message says only "
+        "\"Unknown error\" for a code of its own (781 to 784).");
     m.def("get_time_ms", &OrvosiUtil_getTimeMs, "The library clock in milliseconds.");
     m.def(
         "snooze_ms",

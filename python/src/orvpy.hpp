@@ -108,6 +108,7 @@ struct PyAccess {
     // The last error of the object a with block ended (see finish in access.cpp).
     std::string carriedLastError;
     std::string iniPath = "orvaccess.ini";
+    bool iniNamed = false;  // named by the user: then it must exist
     std::vector<unsigned char> image;  // getImage's buffer, the largest format's size
     int imagePercent = 0;
     std::atomic<double> lastDrainLibraryS{0.0};  // for the drain benchmark

@@ -171,9 +171,13 @@ void bindRecord(py::module_& m, const char* name, const char* doc, std::vector<F
         [](py::handle row) {
             const py::dtype type = dtypeOf<S>();
             if (!py::hasattr(row, "dtype") || !type.attr("__eq__")(row.attr("dtype")).cast<bool>())
-                throw py::type_error("from_row takes a row of an array of this record's dtype");
+                throw py::value_error("from_row takes a row of an array of this record's dtype");
             const py::bytes raw = row.attr("tobytes")();
             const std::string bytes = raw;
+            // An empty or longer array of the right dtype is not one row.
+            if (bytes.size() != sizeof(S))
+                throw py::value_error("from_row takes one row (" + std::to_string(sizeof(S)) + " bytes), not " +
+                                      std::to_string(bytes.size()) + " bytes");
             S rec{};
             std::memcpy(&rec, bytes.data(), sizeof rec);
             return rec;

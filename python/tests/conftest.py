@@ -92,16 +92,29 @@ class Sim:
             except subprocess.TimeoutExpired:
                 self.proc.kill()
                 self.proc.wait()
+        self.release()
+        if self._out.closed:  # stopped before
+            return self._report
         self._out.seek(0)
-        report = self._out.read()
+        self._report = self._out.read()
         self._out.close()
         self._err.close()
-        return report
+        return self._report
 
     def kill(self):
         if self.proc.poll() is None:
             self.proc.kill()
             self.proc.wait()
+        self.release()
+
+    def release(self):
+        """Removes the simulator's shared-memory region and semaphore, which
+        a killed orvsim leaves behind (one that stops unlinks them itself)."""
+        for leftover in (f"/dev/shm/{self.shm_name}", f"/dev/shm/sem.{self.shm_name}Sem"):
+            try:
+                os.unlink(leftover)
+            except FileNotFoundError:
+                pass
 
 
 @pytest.fixture
@@ -117,4 +130,4 @@ def start_sim(tmp_path):
 
     yield start
     for sim in sims:
-        sim.kill()
+        sim.stop()

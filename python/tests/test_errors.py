@@ -58,20 +58,60 @@ def test_error_codes_are_the_header_enumeration_with_the_library_messages(start_
     assert issubclass(E, int) and E(770) is E.ORVACCESS_ERR_BAD_TRACKING_PKT
     assert E.ORVACCESS_ERR_BAD_TRACKING_PKT.message == "[ORVACCESS] ERROR: Bad tracking packet"
     assert E.ORVACCESS_ERR_IMAGE_TRANSFER.message == "[ORVACCESS] ERROR: Image transfer failed"
-    assert E.ORVACCESS_ERR_BAD_PRA_PKT.message == "[ORVACCESS]: Unknown error"
+    # The library gives 781 to 784 no text; the enumeration names them.
+    assert orvaccess.error_message(784) == "[ORVACCESS]: Unknown error"
+    for code in (E.ORVACCESS_ERR_BAD_HUB_PKT, E.ORVACCESS_ERR_BAD_NFT_PKT, E.ORVACCESS_ERR_BAD_GPS_SUBPKT,
+                 E.ORVACCESS_ERR_BAD_PRA_PKT):
+        assert code.message.startswith(f"[ORVACCESS]: Unknown error ({code.name}: ")
+    assert orvaccess.error_text(770) == orvaccess.error_message(770)
     assert orvaccess.error_message(0x406) == "[ORVHUB] ERROR: Error reading from serial port"
 
     # Damaged tracking datagrams come back as their code, nothing else does.
     sim = start_sim("--corrupt", "0.05", "--fault-streams", "tracking", "--error-period", "0")
     with orvaccess.Access(sim.ini) as a:
         codes = np.empty(0, orvaccess.QueuedErrorCode.dtype)
-        deadline = time.monotonic() + 3
+        deadline = time.monotonic() + 30
         while len(codes) < 3 and time.monotonic() < deadline:
             a.drain_tracking_data()
             codes = np.concatenate([codes, a.drain_error_codes()])
             time.sleep(0.005)
     assert len(codes) >= 3 and set(codes["code"]) == {E.ORVACCESS_ERR_BAD_TRACKING_PKT}
     assert set(codes["value"]) == {0}
+
+
+def test_named_files_numbers_and_rows_are_checked_before_use(tmp_path):
+    # A file named for the object must be there; the default keeps the
+    # library's rule (no file: every key at its default).
+    with pytest.raises(FileNotFoundError) as info:
+        orvaccess.Access(tmp_path / "none.ini").open()
+    assert info.value.filename == str(tmp_path / "none.ini")
+    a = orvaccess.Access()
+    a.set_ini_path(tmp_path / "other.ini")
+    with pytest.raises(FileNotFoundError):
+        a.open()
+
+    a = orvaccess.Access(tmp_path / "none.ini")
+    with pytest.raises(ValueError, match="timeout must be a number of seconds"):
+        a.wait_udp(float("nan"))
+    with pytest.raises(ValueError, match="duration_s must be a number of seconds"):
+        a.poses(duration_s=float("nan"))
+    with pytest.raises(ValueError, match="poll_s must be"):
+        a.poses(poll_s=float("nan"))
+    # No end at all is what an infinite duration means.
+    assert a.poses(duration_s=float("inf")) is not None
+
+    # The reply never holds more than 255 bytes: a huge capacity allocates
+    # nothing (and fails only for the closed object).
+    for capacity in (1 << 30, 1 << 62):
+        e = raised(a.transact_imu, orvaccess.ImuSelect.ORVACCESS_IMU_CAMERA, b"\0", capacity)
+        assert e.call == "transact_imu"
+
+    # A row must be one whole record of the record's dtype.
+    for row in (np.zeros(0, orvaccess.ImuData.dtype), np.zeros(2, orvaccess.ImuData.dtype),
+                np.zeros(1, orvaccess.HubData.dtype)[0], np.zeros(3, np.float32)):
+        with pytest.raises(ValueError):
+            orvaccess.ImuData.from_row(row)
+    assert orvaccess.ImuData.from_row(np.zeros(1, orvaccess.ImuData.dtype)[0]) == orvaccess.ImuData()
 
 
 def test_refused_arguments_say_what_is_expected(tmp_path):

@@ -176,6 +176,17 @@ TEST(IniCheck, PortRulesAcrossKeys) {
     // With the orvCore port off, the hub's own setting is unused, not wrong.
     r = checkIni(dir.write("b.ini", "[Communication]\nudpOrvCorePort = 0\nudpOrvHubPort = 0\n"));
     for (const Finding& f : r.findings) ADD_FAILURE() << f.line << ": " << f.message;
+
+    // A command port past 65535 is cut to 16 bits by the library, which then
+    // connects elsewhere: the check says where, and where nothing can be.
+    r = checkIni(dir.write("c.ini", "[Communication]\ntcpOrvRxPort = 92717\n"));
+    tcp = findingAt(r.findings, "bad-port", 2);
+    ASSERT_NE(tcp, nullptr);
+    EXPECT_NE(tcp->message.find("connects to port 27181"), std::string::npos) << tcp->message;
+    r = checkIni(dir.write("d.ini", "[Communication]\ntcpOrvRxPort = 65536\n"));
+    tcp = findingAt(r.findings, "bad-port", 2);
+    ASSERT_NE(tcp, nullptr);
+    EXPECT_NE(tcp->message.find("cannot be connected to"), std::string::npos) << tcp->message;
 }
 
 // Every key's value as the check reports it is the value the library uses,

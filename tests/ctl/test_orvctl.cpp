@@ -239,9 +239,14 @@ TEST_F(Orvctl, WithoutOrvRxCommandsSayWhy) {
     EXPECT_EQ(r.err, "orvctl: cannot reach orvRx at 127.0.0.1:" + port +
                          ": Failed to connect...Connection refused; nothing listens there: start orvRx (or orvsim), "
                          "or check tcpOrvRxAddr and tcpOrvRxPort\n");
+    // The data ports opened, the command channel did not: no connection,
+    // for status as for errors, which could never hear of orvRx's codes.
     r = ctl({"status", "--listen", "0"});
-    EXPECT_EQ(r.code, 1);  // the data ports opened, the command channel did not
+    EXPECT_EQ(r.code, 3);
     EXPECT_TRUE(std::regex_search(r.out, std::regex("\ntcp +tcpOrvRxPort +127\\.0\\.0\\.1:" + port + " +failed: "))) << r.out;
+    r = ctl({"errors", "--listen", "0.1"});
+    EXPECT_EQ(r.code, 3);
+    EXPECT_NE(r.err.find("no connection to orvRx at 127.0.0.1:" + port), std::string::npos) << r.err;
 
     // An unreadable configuration file is a usage error, for every command.
     for (const char* cmd : {"status", "check", "errors"}) {

@@ -99,6 +99,18 @@ private:
     int code_ = -1;
 };
 
+// Looks at `condition` every 10 ms until it holds or `timeoutS` passed;
+// true when it held. The time-out only ends a test that would hang.
+template <typename Condition>
+bool waitFor(Condition condition, double timeoutS) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutS);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
 struct Ran {
     int code = -1;
     std::string out, err;

@@ -382,6 +382,59 @@ TEST_F(Dissector, FlagsBadChecksumsWrongLengthsAndOverrunsOnTheirPacketOnly) {
     EXPECT_EQ(read(dropped, fields_)["_ws.expert.message"].find("drops it unseen") != std::string::npos, true);
 }
 
+// Image datagrams too short for their header are marked so, not thrown
+// out as malformed: from 1 byte up to the last one short of the header.
+TEST_F(Dissector, ImageDatagramsCutShortAreMarkedShortNotMalformed) {
+    std::vector<int> frames;
+    for (size_t n = 1; n <= 7; ++n) {
+        // The right start byte and a length word that agrees, as far as they fit.
+        Datagram d(n, 0);
+        d[0] = ORVWIRE_START_IMAGE;
+        if (n >= 2) d[1] = static_cast<unsigned char>(n);
+        frames.push_back(udp(kImage, d));
+    }
+    fields_ = {"orv.datagram", "_ws.expert.message", "_ws.malformed", "_ws.lua.error"};
+    for (int frame : frames) {
+        auto f = read(frame, fields_);
+        SCOPED_TRACE(frame);
+        EXPECT_TRUE(f["_ws.malformed"].empty()) << f["_ws.expert.message"];
+        EXPECT_TRUE(f["_ws.lua.error"].empty()) << f["_ws.lua.error"];
+        EXPECT_EQ(f["orv.datagram"], "image");
+        EXPECT_FALSE(f["_ws.expert.message"].empty()) << "a short datagram without a word about it";
+    }
+}
+
+// Every number field describes itself in the tshark Debian ships, units
+// included; a field known only by its record name says what it is.
+TEST_F(Dissector, FieldsCarryTheirDescriptionsAndSayWhatTheyAre) {
+    orvtest::Program p({tshark_, "-G", "fields", "-X", "lua_script:" + std::string(ORV_DISSECTOR)},
+                       (dir_.path() / "fields.out").string(), (dir_.path() / "fields.err").string());
+    ASSERT_EQ(p.wait(60), 0) << orvtest::readFile((dir_.path() / "fields.err").string());
+    std::istringstream lines(orvtest::readFile((dir_.path() / "fields.out").string()));
+    std::string line;
+    std::map<std::string, std::pair<std::string, std::string>> orv;  // abbreviation: name, description
+    int floats = 0;
+    while (std::getline(lines, line)) {
+        std::vector<std::string> cells;
+        std::istringstream in(line);
+        std::string cell;
+        while (std::getline(in, cell, '\t')) cells.push_back(cell);
+        // F, name, abbreviation, type, protocol, ..., description (last)
+        if (cells.size() < 5 || cells[0] != "F" || cells[4] != "orv") continue;
+        orv[cells[2]] = {cells[1], cells.size() > 7 ? cells[7] : ""};
+        if (cells[3] == "FT_FLOAT" || cells[3] == "FT_DOUBLE") {
+            ++floats;
+            EXPECT_FALSE(orv[cells[2]].second.empty()) << cells[2] << " has no description";
+        }
+    }
+    EXPECT_GT(floats, 80);
+    EXPECT_EQ(orv["orv.tracking.vecA"].first, "Vector A (vecA)");
+    EXPECT_EQ(orv["orv.tracking.scalarA"].first, "Scalar A (scalarA)");
+    EXPECT_NE(orv["orv.imu.hi2000"].first.find("(hi2000)"), std::string::npos);
+    EXPECT_NE(orv["orv.imu.hi2000"].first, "hi2000");
+    EXPECT_EQ(orv["orv.tracking.position"].first, "position") << "a name that says it all stays";
+}
+
 // The command channel as the library speaks it: frames split over segments
 // and several in one, replies told apart by the command they answer.
 TEST_F(Dissector, ReadsTheCommandChannelAcrossSegments) {

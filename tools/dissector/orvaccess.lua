@@ -37,6 +37,19 @@ local cmdAll = {}
 local SIZE = {u8 = 1, x8 = 1, u16 = 2, x16 = 2, i16 = 2, u24 = 3, u32 = 4, x32 = 4, u64 = 8, f32 = 4, f64 = 8,
               v3 = 12, m33 = 36}
 
+-- Wireshark 4.2 gave ProtoField.float and .double a unit table before the
+-- description; 4.0 (Debian's) takes the description third.
+local FLOAT_UNITS = (function()
+    local major, minor = get_version():match("^(%d+)%.(%d+)")
+    major, minor = tonumber(major) or 0, tonumber(minor) or 0
+    return major > 4 or (major == 4 and minor >= 2)
+end)()
+
+local function floatField(make, abbr, label, desc)
+    if FLOAT_UNITS then return make(abbr, label, nil, desc) end
+    return make(abbr, label, desc)
+end
+
 local function newField(proto, key, kind, label, desc)
     local abbr = proto .. "." .. key
     local f
@@ -49,8 +62,8 @@ local function newField(proto, key, kind, label, desc)
     elseif kind == "u32" then f = ProtoField.uint32(abbr, label, base.DEC, nil, nil, desc)
     elseif kind == "x32" then f = ProtoField.uint32(abbr, label, base.HEX, nil, nil, desc)
     elseif kind == "u64" then f = ProtoField.uint64(abbr, label, base.DEC, nil, nil, desc)
-    elseif kind == "f32" or kind == "v3" or kind == "m33" then f = ProtoField.float(abbr, label, nil, desc)
-    elseif kind == "f64" then f = ProtoField.double(abbr, label, nil, desc)
+    elseif kind == "f32" or kind == "v3" or kind == "m33" then f = floatField(ProtoField.float, abbr, label, desc)
+    elseif kind == "f64" then f = floatField(ProtoField.double, abbr, label, desc)
     elseif kind == "str" then f = ProtoField.string(abbr, label, base.ASCII, desc)
     elseif kind == "strz" then f = ProtoField.stringz(abbr, label, base.ASCII, desc)
     else f = ProtoField.bytes(abbr, label, base.NONE, desc) end
@@ -83,9 +96,26 @@ local function offsetOf(layout, name, from)
     error("orvaccess.lua: no field " .. name)
 end
 
+-- Record names such as vecA, scalarB, value3 or byte4000 say nothing on
+-- their own: such a field shows its description's first part, with the
+-- record's name beside it ("Vector A (vecA)").
+local OPAQUE = {"^vec%u$", "^vec%d+$", "^scalar%u$", "^scalar%d+$", "^value%d+$", "^value%d+%a?$", "^hi%d+$",
+                "^lo%d+$", "^byte%d+$", "^stat%d$", "^flag%u$", "^count%u$"}
+
+local function displayName(name, desc)
+    for _, pattern in ipairs(OPAQUE) do
+        if name:match(pattern) and desc then
+            local what = desc:match("^([^;(]+)") or desc
+            what = what:gsub("%s+$", "")
+            if what:lower() ~= name:lower() then return what .. " (" .. name .. ")" end
+        end
+    end
+    return name
+end
+
 local function register(prefix, layout)
     for _, it in ipairs(layout) do
-        newField("orv", prefix .. "." .. it[1], it[2] == "skip" and "bytes" or it[2], it[1], it[3])
+        newField("orv", prefix .. "." .. it[1], it[2] == "skip" and "bytes" or it[2], displayName(it[1], it[3]), it[3])
     end
 end
 
@@ -171,7 +201,7 @@ local NFT = {
     {"countA", "u8", "Low byte of countA"},
     {"featureCount", "u32", "Features that follow"},
 }
-local NFT_TAIL = {{"extD", "v3", "extD"}}
+local NFT_TAIL = {{"extD", "v3", "extD of the NFT record, after the features"}}
 local META = {
     {"tag", "u32", "Tag, copied into every IMU record"},
     {"notRead", "skip", "Not read", 1},
@@ -258,8 +288,19 @@ local function chipFields()
     newField("orv", "imu.pid", "u8", "pid", "Packet id, 0..255")
     newField("orv", "imu.checksum", "x8", "checksum", "Chip packet checksum")
     newField("orv", "imu.notDecoded", "bytes", "notDecoded", "Bytes of this chip type that the library does not decode")
+    -- What each small field is, by the content bit of the chip type that
+    -- brings it and where it sits in that block.
+    local SMALL = {
+        status = "Status byte (content bit 0x1); its low two bits name the triad's axis",
+        status2 = "Second status byte (content bit 0x2)",
+        hi2000 = "Auxiliary block, top 3 bits of its first byte (content bit 0x2000)",
+        lo2000 = "Auxiliary block, low 5 bits of its first byte (content bit 0x2000)",
+        byte2000 = "Auxiliary block, second byte (content bit 0x2000)",
+        byte4000 = "Single byte of content bit 0x4000",
+        triadAxis = "Axis of the triad value, from the status byte's low two bits",
+    }
     for _, k in ipairs({"status", "status2", "hi2000", "lo2000", "byte2000", "byte4000", "triadAxis"}) do
-        newField("orv", "imu." .. k, k:sub(1, 6) == "status" and "x8" or "u8", k, "Chip field " .. k)
+        newField("orv", "imu." .. k, k:sub(1, 6) == "status" and "x8" or "u8", displayName(k, SMALL[k]), SMALL[k])
     end
     newField("orv", "imu.word", "x16", "word", "Chip word")
     newField("orv", "imu.gyroRaw", "u16", "gyroRaw", "Raw gyro word (signed, 3.90625e-5 rad per count)")
@@ -774,8 +815,12 @@ local function image(tree, tvb, pinfo)
     local sub, _, ok = frame(tree, tvb, 0, size, "image", "Image packet")
     local pos, v = walk(sub, tvb, H, size - 1, "image", IMAGE)
     local g = W.images[v.format or -1]
-    sub:add(pf["image.geometry"], tvb(7, math.min(1, size - 7)),
-            g and string.format("%dx%dx%d", g[1], g[2], g[3]) or "illegal format"):set_generated()
+    -- A datagram cut short before the format byte has no geometry to show;
+    -- frame() has marked it too short already.
+    if size > 7 then
+        sub:add(pf["image.geometry"], tvb(7, 1),
+                g and string.format("%dx%dx%d", g[1], g[2], g[3]) or "illegal format"):set_generated()
+    end
     if pos < size - 1 then sub:add(pf["image.pixels"], tvb(pos, size - 1 - pos)) end
     pinfo.cols.info:append(string.format(" sequence %d at %d, %d bytes", v.sequenceId or 0, v.address or 0,
                                          math.max(0, size - L.IMAGE_OVERHEAD)))
