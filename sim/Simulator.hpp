@@ -76,7 +76,7 @@ struct SimConfig {
     FaultRates faults[kStreamCount];
     uint32_t seed = 1;
     RxServer::Replies replies = RxServer::Replies::Normal;
-    MotionParams motion = MotionParams::head();
+    Motion motion;  // the smooth head motion unless a profile is chosen
     // orvRx's start-up: the streams that depend on streaming begin this long
     // after register 0 turns on.
     double startupS = 0.0;
