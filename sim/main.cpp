@@ -125,6 +125,9 @@ int main(int argc, char** argv) {
                    "Head motion: smooth, gaze (quick gaze shifts) or trace (--trace FILE), "
                    "each optionally +vibration (a vehicle's shaking on top)")
         ->capture_default_str();
+    app.add_option("--send-to", cfg.sendAddress,
+                   "Send the datagrams to this dotted address instead of the INI file's tcpOrvRxAddr "
+                   "(the library on another host)");
     app.add_option("--trace", trace, "CSV of time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg for --motion trace");
     CLI11_PARSE(app, argc, argv);
 
