@@ -16,6 +16,7 @@
 #include <fstream>
 #include <memory>
 #include <random>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -166,7 +167,7 @@ struct Seen {
     std::set<uint32_t> imuTags, trackTags;
     uint64_t imu = 0, tracking = 0, imuLate = 0, images = 0, badImages = 0, badPoses = 0;
     uint32_t lastImu = 0;
-    uint32_t reflected = 0;  // the newest platform-pose tag orvCore says it used
+    uint32_t reflected = 0;  // the platform-pose tag orvCore last said it used
     std::map<unsigned short, int> errors;
 };
 
@@ -178,7 +179,7 @@ void drain(OrvAccess& a, const Motion& motion, Seen& s, std::vector<unsigned cha
         if (t.statusWord == 0) continue;  // NFT poses have tags of their own
         ++s.tracking;
         s.trackTags.insert(t.packetTag);
-        s.reflected = std::max(s.reflected, t.platPoseTime);
+        s.reflected = t.platPoseTime;
         s_OrvAccessTrkDataExt want{};
         fillPose(motion.at(t.packetTag * 0.001), want);
         bool same = true;
@@ -276,12 +277,13 @@ TEST_F(Hosts, ImpairedLinkLosesOnlyWhatTheLinkDropped) {
         return seen.imu > 3000 && seen.images > 3;
     })) << "imu " << seen.imu << " images " << seen.images;
 
-    // The uplink stops; the tracker says it used the last platform pose
-    // that passed the link, so it has read them all.
+    // The uplink stops; once the tracker says it used the last platform
+    // pose the link passed on, it has read them all.
     ASSERT_TRUE(waitFor([&] {
         drain(access_, motion, seen, image);
-        const std::set<uint32_t> up = tagsOf(relay_->forwarded(route_[kInput]));
-        return relay_->idle() && !up.empty() && seen.reflected >= *up.rbegin();
+        const ImpairedRelay::Heads up = relay_->forwarded(route_[kInput]);
+        return counts(kInput).received == sentUplink && relay_->idle() && !up.empty() &&
+               seen.reflected == OrvosiUtil::word32(up.back().data() + ORVWIRE_HEADER_SIZE);
     }));
     // The tracker stops; what is on its way arrives.
     const SimReport sent = sim_.stop();
@@ -390,4 +392,45 @@ TEST_F(Hosts, LinkDownForASecondLosesThatSecondOnlyAndRecovers) {
     EXPECT_EQ(*gone.rbegin() - *gone.begin() + 1, gone.size());
     EXPECT_EQ(seen.badPoses, 0u);
     EXPECT_TRUE(seen.errors.empty());
+}
+
+// orvmon on the application's host: its sequence check reports as missing
+// exactly the samples the link dropped, and the reordered ones as late.
+TEST_F(Hosts, MonitorReportsWhatTheLinkLost) {
+    orvtest::Impairment imp;
+    imp.seed = static_cast<uint32_t>(getpid()) + 1;
+    startRelay(imp);
+    startSim([](SimConfig& c) { c.rates.image = 0; });
+    orvtest::Process mon({"/usr/bin/env", "ip", "netns", "exec", lab_->ns("app"), ORVMON_PATH, "--ini", ini_, "--plain",
+                          "--duration", "5"},
+                         dir_.prefix() + "mon.out", dir_.prefix() + "mon.err");
+    ASSERT_TRUE(waitFor([&] { return counts(kMeta).forwarded > 1500 || !mon.running(); })) << mon.err();
+    const SimReport sent = sim_.stop();
+    ASSERT_TRUE(waitFor([&] {
+        return counts(kMeta).received == sent.streams[static_cast<int>(Stream::Meta)].faults.out && relay_->idle();
+    }));
+    ASSERT_EQ(mon.wait(60), 0) << mon.err();
+
+    std::smatch m;
+    const std::string out = mon.out();
+    ASSERT_TRUE(std::regex_search(out, m,
+                                  std::regex("\nsequence +imu +received +([0-9]+) missing +([0-9]+) duplicate +([0-9]+) "
+                                             "out-of-order +([0-9]+)")))
+        << out;
+    const uint64_t received = std::stoull(m[1]), missing = std::stoull(m[2]), duplicates = std::stoull(m[3]),
+                   late = std::stoull(m[4]);
+    // The monitor saw the forwarded samples from its first one on (those
+    // before arrived while it switched streaming on).
+    const std::set<uint32_t> forwarded = tagsOf(relay_->forwarded(route_[kMeta]));
+    const std::set<uint32_t> dropped = tagsOf(relay_->dropped(route_[kMeta]));
+    ASSERT_GE(forwarded.size(), received);
+    ASSERT_GT(received, 0u);
+    const uint32_t first = *std::next(forwarded.begin(), static_cast<long>(forwarded.size() - received));
+    const uint32_t newest = *forwarded.rbegin();
+    uint64_t lostBetween = 0;
+    for (uint32_t t : dropped) lostBetween += t > first && t < newest;
+    EXPECT_EQ(missing, lostBetween) << out;
+    EXPECT_GT(missing, 0u);
+    EXPECT_EQ(duplicates, 0u);
+    EXPECT_GT(late, 0u);
 }
