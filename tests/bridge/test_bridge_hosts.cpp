@@ -36,8 +36,10 @@ uint64_t published(const std::string& out, const std::string& topic) {
 
 // Cyclone DDS on one interface of a host, with multicast discovery.
 std::string cycloneOn(const orvtest::TempDir& dir, const std::string& name, const std::string& address) {
-    return "file://" + dir.write(name, "<CycloneDDS><Domain id=\"any\"><General><Interfaces><NetworkInterface address=\"" +
-                                           address + "\"/></Interfaces></General></Domain></CycloneDDS>");
+    return "file://" +
+           dir.write(name,
+                     "<CycloneDDS><Domain id=\"any\"><General><Interfaces><NetworkInterface address=\"" +
+                         address + "\"/></Interfaces></General></Domain></CycloneDDS>");
 }
 
 }  // namespace
@@ -51,8 +53,9 @@ TEST(BridgeHosts, ASubscriberOnAnotherHostGetsEveryPoseAcrossAnOutage) {
     ASSERT_TRUE(lab.link("bridge", "10.250.3.1/24", "viewer", "10.250.3.2/24")) << lab.error();
 
     orvtest::TempDir dir;
-    const std::string ini = dir.write("orvaccess.ini", "[Communication]\ntcpOrvRxAddr = 10.250.1.2\nsMemImgName = orvBrH" +
-                                                           std::to_string(getpid()) + "\n");
+    const std::string ini =
+        dir.write("orvaccess.ini", "[Communication]\ntcpOrvRxAddr = 10.250.1.2\nsMemImgName = orvBrH" +
+                                       std::to_string(getpid()) + "\n");
     orvtest::SimThread sim;
     {
         EnterHost in(lab, "tracker");
@@ -67,7 +70,8 @@ TEST(BridgeHosts, ASubscriberOnAnotherHostGetsEveryPoseAcrossAnOutage) {
 
     const std::string domain = std::to_string(1 + getpid() % 200);
     const auto onHost = [&](const std::string& host, const std::string& uri, std::vector<std::string> argv) {
-        argv.insert(argv.begin(), {"/usr/bin/env", "CYCLONEDDS_URI=" + uri, "ip", "netns", "exec", lab.ns(host)});
+        argv.insert(argv.begin(),
+                    {"/usr/bin/env", "CYCLONEDDS_URI=" + uri, "ip", "netns", "exec", lab.ns(host)});
         return argv;
     };
     orvtest::Process sub(onHost("viewer", cycloneOn(dir, "viewer.xml", "10.250.3.2"),
@@ -76,8 +80,8 @@ TEST(BridgeHosts, ASubscriberOnAnotherHostGetsEveryPoseAcrossAnOutage) {
     // The bridge waits for the subscriber across the link before it takes
     // its first record, so that the subscriber can be expected to get all.
     orvtest::Process bridge(onHost("bridge", cycloneOn(dir, "bridge.xml", "10.250.3.1"),
-                                   {ORVBRIDGE, "--ini", ini, "--domain", domain, "--reliable", "--duration", "4",
-                                    "--wait-subscribers", "1", "--wait-timeout", "30"}),
+                                   {ORVBRIDGE, "--ini", ini, "--domain", domain, "--reliable", "--duration",
+                                    "4", "--wait-subscribers", "1", "--wait-timeout", "30"}),
                             dir.prefix() + "bridge.out", dir.prefix() + "bridge.err");
     // Once poses flow, the tracker's cable is pulled for a second.
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -85,9 +89,11 @@ TEST(BridgeHosts, ASubscriberOnAnotherHostGetsEveryPoseAcrossAnOutage) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_FALSE(sub.out().empty()) << sub.err() << bridge.err();
     ASSERT_TRUE(lab.setLink("tracker", "bridge", false)) << lab.error();
-    const double downS = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    const double downS =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    const double upS = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    const double upS =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
     ASSERT_TRUE(lab.setLink("tracker", "bridge", true)) << lab.error();
     ASSERT_EQ(bridge.wait(60.0), 0) << bridge.err();
     ASSERT_EQ(sub.wait(30.0), 0) << sub.err();
@@ -96,7 +102,8 @@ TEST(BridgeHosts, ASubscriberOnAnotherHostGetsEveryPoseAcrossAnOutage) {
     const uint64_t poses = published(bridge.out(), "rt/orv/pose");
     EXPECT_GT(poses, 100u) << bridge.out();
     EXPECT_NE(sub.err().find("orvsub: " + std::to_string(poses) + " poses"), std::string::npos)
-        << sub.err() << "\n" << bridge.out();
+        << sub.err() << "\n"
+        << bridge.out();
     // One line per pose, as the bridge published them (the NFT source's
     // poses among them, in the order they arrived); a gap in the stamps
     // where the outage was (a tracker that lags sends a sample late, so

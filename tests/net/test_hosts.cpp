@@ -22,11 +22,11 @@
 #include <sstream>
 #include <thread>
 
+#include "osi/OrvosiUtil.hpp"
 #include "sim/Simulator.hpp"
 #include "support/ImpairedRelay.hpp"
 #include "support/NetLab.hpp"
 #include "support/Process.hpp"
-#include "osi/OrvosiUtil.hpp"
 #include "support/SimRunner.hpp"
 
 using namespace orvsim;
@@ -42,14 +42,16 @@ const char* const kLinkT = "10.250.1.1";
 const char* const kLinkA = "10.250.2.1";
 const char* const kApp = "10.250.2.2";
 
-constexpr int kTcp = 51717, kMeta = 5001, kCore = 5002, kImage = 5003, kInput = 5004, kHub = 5006, kNft = 5007;
+constexpr int kTcp = 51717, kMeta = 5001, kCore = 5002, kImage = 5003, kInput = 5004, kHub = 5006,
+              kNft = 5007;
 
 // The sequence numbers of datagrams the link dropped: meta and tracking
 // packets carry theirs right after the header.
 std::set<uint32_t> tagsOf(const std::vector<std::vector<unsigned char>>& datagrams) {
     std::set<uint32_t> tags;
     for (const auto& d : datagrams)
-        if (d.size() >= ORVWIRE_HEADER_SIZE + 4) tags.insert(OrvosiUtil::word32(d.data() + ORVWIRE_HEADER_SIZE));
+        if (d.size() >= ORVWIRE_HEADER_SIZE + 4)
+            tags.insert(OrvosiUtil::word32(d.data() + ORVWIRE_HEADER_SIZE));
     return tags;
 }
 
@@ -63,8 +65,9 @@ bool allArrived(const std::set<uint32_t>& received, const std::set<uint32_t>& fo
     return true;
 }
 
-void expectAccounted(const std::set<uint32_t>& received, uint64_t receivedCount, const std::set<uint32_t>& forwarded,
-                     const std::set<uint32_t>& dropped, const char* what) {
+void expectAccounted(const std::set<uint32_t>& received, uint64_t receivedCount,
+                     const std::set<uint32_t>& forwarded, const std::set<uint32_t>& dropped,
+                     const char* what) {
     EXPECT_EQ(received.size(), receivedCount) << what << ": something came twice";
     ASSERT_FALSE(received.empty()) << what;
     std::string missing, extra;
@@ -76,7 +79,9 @@ void expectAccounted(const std::set<uint32_t>& received, uint64_t receivedCount,
     EXPECT_EQ(extra, "") << what << ": received, never forwarded";
 }
 
-unsigned char patternByte(unsigned x, unsigned y, uint32_t n) { return static_cast<unsigned char>(x + y + 4 * n); }
+unsigned char patternByte(unsigned x, unsigned y, uint32_t n) {
+    return static_cast<unsigned char>(x + y + 4 * n);
+}
 
 // Waits for a condition, polling; false when it never came (a failure, not a measurement).
 template <class Cond>
@@ -251,7 +256,8 @@ TEST_F(Hosts, ImpairedLinkLosesOnlyWhatTheLinkDropped) {
     ASSERT_TRUE(access_.open()) << access_.getLastError();
 
     // The command channel over the link, before streaming: registers and files.
-    for (unsigned int r = 0x100; r < 0x110; ++r) ASSERT_TRUE(access_.setRegister(2000, r, static_cast<unsigned char>(r)));
+    for (unsigned int r = 0x100; r < 0x110; ++r)
+        ASSERT_TRUE(access_.setRegister(2000, r, static_cast<unsigned char>(r)));
     for (unsigned int r = 0x100; r < 0x110; ++r) {
         unsigned char v = 0;
         ASSERT_TRUE(access_.getRegister(2000, r, &v)) << access_.getLastError();
@@ -276,7 +282,8 @@ TEST_F(Hosts, ImpairedLinkLosesOnlyWhatTheLinkDropped) {
         s_OrvAccessPlatPoseData p{static_cast<uint32_t>(sentUplink + 1), {0.1f, 0.2f, 0.3f}};
         if (access_.setPlatformPoseData(p)) ++sentUplink;
         return seen.imu > 3000 && seen.images > 3;
-    })) << "imu " << seen.imu << " images " << seen.images;
+    })) << "imu "
+        << seen.imu << " images " << seen.images;
 
     // The uplink stops; once the tracker says it used the last platform
     // pose the link passed on, it has read them all.
@@ -294,8 +301,9 @@ TEST_F(Hosts, ImpairedLinkLosesOnlyWhatTheLinkDropped) {
                counts(kCore).received == sent.streams[static_cast<int>(Stream::Tracking)].faults.out &&
                relay_->idle() && allArrived(seen.imuTags, tagsOf(relay_->forwarded(route_[kMeta]))) &&
                allArrived(seen.trackTags, tagsOf(relay_->forwarded(route_[kCore])));
-    })) << "forwarded " << counts(kMeta).forwarded << " imu " << seen.imu << ", forwarded "
-        << counts(kCore).forwarded << " tracking " << seen.tracking;
+    })) << "forwarded "
+        << counts(kMeta).forwarded << " imu " << seen.imu << ", forwarded " << counts(kCore).forwarded
+        << " tracking " << seen.tracking;
 
     for (int port : {kMeta, kCore}) {
         const ImpairedRelay::RouteCounts c = counts(port);
@@ -320,8 +328,9 @@ TEST_F(Hosts, ImpairedLinkLosesOnlyWhatTheLinkDropped) {
     // Nothing was damaged on the way, so nothing was reported damaged; images
     // that lost a piece were reported, and orvCore said once that the
     // platform poses began.
-    for (unsigned short code : {ORVACCESS_ERR_BAD_TRACKING_PKT, ORVACCESS_ERR_BAD_META_PKT, ORVACCESS_ERR_BAD_IMAGE_PKT,
-                                ORVACCESS_ERR_BAD_HUB_PKT, ORVACCESS_ERR_BAD_NFT_PKT})
+    for (unsigned short code :
+         {ORVACCESS_ERR_BAD_TRACKING_PKT, ORVACCESS_ERR_BAD_META_PKT, ORVACCESS_ERR_BAD_IMAGE_PKT,
+          ORVACCESS_ERR_BAD_HUB_PKT, ORVACCESS_ERR_BAD_NFT_PKT})
         EXPECT_EQ(seen.errors.count(code), 0u) << code;
     if (counts(kImage).lost > 0) {
         EXPECT_GT(seen.errors[ORVACCESS_ERR_IMAGE_TRANSFER], 0);
@@ -378,9 +387,10 @@ TEST_F(Hosts, LinkDownForASecondLosesThatSecondOnlyAndRecovers) {
     const SimReport sent = sim_.stop();
     EXPECT_TRUE(waitFor([&] {
         drain(access_, motion, seen, image);
-        return counts(kMeta).received == sent.streams[static_cast<int>(Stream::Meta)].faults.out && relay_->idle() &&
-               allArrived(seen.imuTags, tagsOf(relay_->forwarded(route_[kMeta])));
-    })) << "forwarded " << counts(kMeta).forwarded << " imu " << seen.imu;
+        return counts(kMeta).received == sent.streams[static_cast<int>(Stream::Meta)].faults.out &&
+               relay_->idle() && allArrived(seen.imuTags, tagsOf(relay_->forwarded(route_[kMeta])));
+    })) << "forwarded "
+        << counts(kMeta).forwarded << " imu " << seen.imu;
     const ImpairedRelay::RouteCounts c = counts(kMeta);
     EXPECT_EQ(c.received, sent.streams[static_cast<int>(Stream::Meta)].faults.out);
     EXPECT_GT(c.sendFailed, 0u);
@@ -404,22 +414,25 @@ TEST_F(Hosts, MonitorReportsWhatTheLinkLost) {
     imp.seed = static_cast<uint32_t>(getpid()) + 1;
     startRelay(imp);
     startSim([](SimConfig& c) { c.rates.image = 0; });
-    const std::string ini = dir_.write("predicting.ini", orvtest::readText(ini_) + "[Processing]\nvirtualSyncCtrl = 1\n");
-    orvtest::Process mon({"/usr/bin/env", "ip", "netns", "exec", lab_->ns("app"), ORVMON_PATH, "--ini", ini, "--plain",
-                          "--duration", "5"},
+    const std::string ini =
+        dir_.write("predicting.ini", orvtest::readText(ini_) + "[Processing]\nvirtualSyncCtrl = 1\n");
+    orvtest::Process mon({"/usr/bin/env", "ip", "netns", "exec", lab_->ns("app"), ORVMON_PATH, "--ini", ini,
+                          "--plain", "--duration", "5"},
                          dir_.prefix() + "mon.out", dir_.prefix() + "mon.err");
     ASSERT_TRUE(waitFor([&] { return counts(kMeta).forwarded > 1500 || !mon.running(); })) << mon.err();
     const SimReport sent = sim_.stop();
     ASSERT_TRUE(waitFor([&] {
-        return counts(kMeta).received == sent.streams[static_cast<int>(Stream::Meta)].faults.out && relay_->idle();
+        return counts(kMeta).received == sent.streams[static_cast<int>(Stream::Meta)].faults.out &&
+               relay_->idle();
     }));
     ASSERT_EQ(mon.wait(60), 0) << mon.err();
 
     std::smatch m;
     const std::string out = mon.out();
-    ASSERT_TRUE(std::regex_search(out, m,
-                                  std::regex("\nsequence +imu +received +([0-9]+) missing +([0-9]+) duplicate +([0-9]+) "
-                                             "out-of-order +([0-9]+)")))
+    ASSERT_TRUE(std::regex_search(
+        out, m,
+        std::regex("\nsequence +imu +received +([0-9]+) missing +([0-9]+) duplicate +([0-9]+) "
+                   "out-of-order +([0-9]+)")))
         << out;
     const uint64_t received = std::stoull(m[1]), missing = std::stoull(m[2]), duplicates = std::stoull(m[3]),
                    late = std::stoull(m[4]);
@@ -446,8 +459,10 @@ TEST_F(Hosts, MonitorReportsWhatTheLinkLost) {
     ASSERT_EQ(p.size(), 2u) << out;
     EXPECT_GT(p["predicted"].first, 100u) << out;
     EXPECT_LT(p["predicted"].second * 3, p["unpredicted"].second) << out;
-    ASSERT_TRUE(std::regex_search(out, m, std::regex("\nhorizon +20.0 ms n +[0-9]+ predicted mean [0-9.]+ rms [0-9.]+ "
-                                                     "p95 ([0-9.]+) .* unpredicted mean [0-9.]+ p95 ([0-9.]+)")))
+    ASSERT_TRUE(
+        std::regex_search(out, m,
+                          std::regex("\nhorizon +20.0 ms n +[0-9]+ predicted mean [0-9.]+ rms [0-9.]+ "
+                                     "p95 ([0-9.]+) .* unpredicted mean [0-9.]+ p95 ([0-9.]+)")))
         << out;
     EXPECT_LT(std::stod(m[1]) * 10, std::stod(m[2])) << out;
 }

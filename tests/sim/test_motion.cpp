@@ -44,7 +44,9 @@ double amplitudeAt(const std::vector<double>& x, double fs, double f) {
     return 2.0 * std::abs(sum) / static_cast<double>(x.size());
 }
 
-std::string writeTrace(const orvtest::TempDir& dir, const std::string& text) { return dir.write("trace.csv", text); }
+std::string writeTrace(const orvtest::TempDir& dir, const std::string& text) {
+    return dir.write("trace.csv", text);
+}
 
 }  // namespace
 
@@ -103,7 +105,8 @@ TEST(MotionProfiles, GazeShiftsReachTheirCitedVelocitiesAndComeBack) {
     EXPECT_LT(norm3(gaze.at(fixation).rate) / kDeg, 20.0);
     // The schedule comes back to where it started, so the head never drifts away.
     const MotionSample a = gaze.at(1.0), b = gaze.at(1.0 + cycle);
-    const MotionSample sa = Motion(Motion::gaze().params()).at(1.0), sb = Motion(Motion::gaze().params()).at(1.0 + cycle);
+    const MotionSample sa = Motion(Motion::gaze().params()).at(1.0),
+                       sb = Motion(Motion::gaze().params()).at(1.0 + cycle);
     for (int i = 0; i < 3; ++i) EXPECT_NEAR(a.euler[i] - sa.euler[i], b.euler[i] - sb.euler[i], 1e-9);
 }
 
@@ -145,8 +148,8 @@ TEST(MotionProfiles, TraceIsReplayedExactly) {
     std::string text = "time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg\n# exported from another tracker\n";
     char line[200];
     for (const auto& r : rows) {
-        std::snprintf(line, sizeof line, "%.17g, %.17g,%.17g,%.17g,%.17g,%.17g,%.17g\n", r[0], r[1], r[2], r[3],
-                      r[4], r[5], r[6]);
+        std::snprintf(line, sizeof line, "%.17g, %.17g,%.17g,%.17g,%.17g,%.17g,%.17g\n", r[0], r[1], r[2],
+                      r[3], r[4], r[5], r[6]);
         text += line;
     }
     Motion m;
@@ -198,8 +201,8 @@ TEST(MotionProfiles, TraceReachesTheLibrary) {
     for (int k = 0; k <= 200; ++k) {  // 2 s at 100 Hz, a turn and a nod
         const double t = k * 0.01;
         char line[200];
-        std::snprintf(line, sizeof line, "%.4f,%.5f,0.02,-1.6,0,%.5f,%.5f\n", t, 0.1 * t, 10 * std::sin(3 * t),
-                      90 * t);
+        std::snprintf(line, sizeof line, "%.4f,%.5f,0.02,-1.6,0,%.5f,%.5f\n", t, 0.1 * t,
+                      10 * std::sin(3 * t), 90 * t);
         text += line;
     }
     static Motion traced;

@@ -53,8 +53,8 @@ public:
 
     // Datagrams to listenAddr:port go on to toAddr:toPort, sent from fromAddr.
     // Returns the route's index for counts(); -1 with error() set.
-    int addUdp(const std::string& listenAddr, int port, const std::string& fromAddr, const std::string& toAddr,
-               int toPort) {
+    int addUdp(const std::string& listenAddr, int port, const std::string& fromAddr,
+               const std::string& toAddr, int toPort) {
         Udp u;
         u.in = bound(SOCK_DGRAM, listenAddr, port);
         u.out = bound(SOCK_DGRAM, fromAddr, 0);
@@ -170,10 +170,12 @@ private:
             for (const Udp& u : udp_) fds.push_back({u.in, POLLIN, 0});
             for (const TcpListen& l : listens_) fds.push_back({l.fd, POLLIN, 0});
             for (const Pipe& p : pipes_)
-                fds.push_back({p.closed[0] ? -1 : p.a, POLLIN, 0}), fds.push_back({p.closed[1] ? -1 : p.b, POLLIN, 0});
+                fds.push_back({p.closed[0] ? -1 : p.a, POLLIN, 0}),
+                    fds.push_back({p.closed[1] ? -1 : p.b, POLLIN, 0});
             int waitMs = 5;
             if (!queue_.empty()) {
-                const auto until = std::chrono::duration_cast<std::chrono::milliseconds>(queue_.top().due - Clock::now());
+                const auto until =
+                    std::chrono::duration_cast<std::chrono::milliseconds>(queue_.top().due - Clock::now());
                 waitMs = static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(5, until.count())));
             }
             poll(fds.data(), fds.size(), waitMs);
@@ -204,7 +206,8 @@ private:
                 const int a = accept4(listens_[i].fd, nullptr, nullptr, SOCK_CLOEXEC);
                 if (a < 0) continue;
                 const int b = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-                if (connect(b, reinterpret_cast<const sockaddr*>(&listens_[i].to), sizeof listens_[i].to) != 0) {
+                if (connect(b, reinterpret_cast<const sockaddr*>(&listens_[i].to), sizeof listens_[i].to) !=
+                    0) {
                     close(a), close(b);
                     continue;
                 }
@@ -252,14 +255,15 @@ private:
             }
             if (it.route >= 0) {
                 const Udp& u = udp_[static_cast<size_t>(it.route)];
-                const ssize_t n = down_ ? -1 : sendto(u.out, it.bytes.data(), it.bytes.size(), 0,
-                                         reinterpret_cast<const sockaddr*>(&u.to), sizeof u.to);
+                const ssize_t n = down_ ? -1
+                                        : sendto(u.out, it.bytes.data(), it.bytes.size(), 0,
+                                                 reinterpret_cast<const sockaddr*>(&u.to), sizeof u.to);
                 std::lock_guard<std::mutex> lock(mutex_);
                 const size_t r = static_cast<size_t>(it.route);
                 const bool sent = n == static_cast<ssize_t>(it.bytes.size());
                 ++(sent ? counts_[r].forwarded : counts_[r].sendFailed);
-                (sent ? forwarded_ : dropped_)[r].emplace_back(it.bytes.begin(),
-                                                              it.bytes.begin() + std::min(it.bytes.size(), kHead));
+                (sent ? forwarded_ : dropped_)[r].emplace_back(
+                    it.bytes.begin(), it.bytes.begin() + std::min(it.bytes.size(), kHead));
             } else {
                 const int idx = -1 - it.route;
                 const Pipe& p = pipes_[static_cast<size_t>(idx / 2)];

@@ -104,8 +104,8 @@ public:
         const std::string ifA = "v-" + hostB.substr(0, 12), ifB = "v-" + hostA.substr(0, 12);
         return ok({"ip", "link", "add", ifA, "netns", a, "type", "veth", "peer", "name", ifB, "netns", b}) &&
                ok({"ip", "-n", a, "addr", "add", addrA, "dev", ifA}) &&
-               ok({"ip", "-n", b, "addr", "add", addrB, "dev", ifB}) && ok({"ip", "-n", a, "link", "set", ifA, "up"}) &&
-               ok({"ip", "-n", b, "link", "set", ifB, "up"});
+               ok({"ip", "-n", b, "addr", "add", addrB, "dev", ifB}) &&
+               ok({"ip", "-n", a, "link", "set", ifA, "up"}) && ok({"ip", "-n", b, "link", "set", ifB, "up"});
     }
 
     // Takes a link between two hosts down or up again (both ends). hostA's
@@ -114,8 +114,10 @@ public:
     // far end is still down (nor waits for a neighbour lookup to time out).
     bool setLink(const std::string& hostA, const std::string& hostB, bool up) {
         const char* state = up ? "up" : "down";
-        const std::vector<std::string> a = {"ip", "-n", ns(hostA), "link", "set", "v-" + hostB.substr(0, 12), state};
-        const std::vector<std::string> b = {"ip", "-n", ns(hostB), "link", "set", "v-" + hostA.substr(0, 12), state};
+        const std::vector<std::string> a = {"ip", "-n", ns(hostA), "link", "set", "v-" + hostB.substr(0, 12),
+                                            state};
+        const std::vector<std::string> b = {"ip", "-n", ns(hostB), "link", "set", "v-" + hostA.substr(0, 12),
+                                            state};
         return up ? ok(b) && ok(a) : ok(a) && ok(b);
     }
 
@@ -146,7 +148,8 @@ public:
         std::vector<std::string> names;
         if (DIR* d = opendir("/var/run/netns")) {
             while (dirent* e = readdir(d))
-                if (std::strncmp(e->d_name, prefix.c_str(), prefix.size()) == 0) names.emplace_back(e->d_name);
+                if (std::strncmp(e->d_name, prefix.c_str(), prefix.size()) == 0)
+                    names.emplace_back(e->d_name);
             closedir(d);
         }
         return names;
