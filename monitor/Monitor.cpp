@@ -21,6 +21,10 @@ constexpr uint64_t kInputPeriodUs = 1000000;
 constexpr size_t kTruthCapacity = 8192;  // 4 s of poses at 2 kHz
 constexpr int64_t kTruthRetainUs = 4000000;
 constexpr size_t kPendingCapacity = 4096;
+// The fixed horizons are at most 200 ms: one second of truth covers them.
+constexpr size_t kHorizonTruthCapacity = 2048;
+constexpr int64_t kHorizonTruthRetainUs = 1000000;
+constexpr size_t kHorizonPendingCapacity = 1024;
 
 // The record carries no source field, and tracking and NFT poses share the
 // library's newest-pose slot. NFT packets fill extB or extD, which orvCore
@@ -88,6 +92,9 @@ Monitor::Monitor(OrvAccess& access, const MonitorOptions& options)
       meter_(kTruthCapacity, kTruthRetainUs, kPendingCapacity),
       imageBuf_(std::max(access.getImageBufSize(), 1u)) {
     codes_.reserve(kMaxCodes);
+    horizons_.reserve(opt_.horizonsMs.size());
+    for (size_t i = 0; i < opt_.horizonsMs.size(); ++i)
+        horizons_.emplace_back(kHorizonTruthCapacity, kHorizonTruthRetainUs, kHorizonPendingCapacity);
     if (opt_.csv != nullptr) {
         meter_.setSink(&Monitor::writeCsvLine, this);
         *opt_.csv << "pose_time_us,target_time_us,horizon_ms,matched,"
@@ -230,7 +237,30 @@ void Monitor::pollTracking(uint64_t nowUs) {
     ++counts_[kTracking];
     trackSeq_.feed(raw_.packetTag);
     meter_.addTruth(raw_.poseTime, fromRows(raw_.cbn), fromFloats(raw_.position));
+    for (PredictionMeter& h : horizons_) h.addTruth(raw_.poseTime, fromRows(raw_.cbn), fromFloats(raw_.position));
+    measureHorizons();
     noteReflected(raw_.platPoseTime);
+}
+
+// The newest pose predicted by each fixed horizon, through the library's own
+// adjustment (the same call a renderer makes, with another interval). A pose
+// that arrives between these calls replaces the newest; it is then not
+// measured at the remaining horizons, rather than measured from the wrong pose.
+void Monitor::measureHorizons() {
+    if (horizons_.empty()) return;
+    for (size_t i = 0; i < horizons_.size(); ++i) {
+        const double h = opt_.horizonsMs[i] / 1000.0;
+        access_.setPrediction(static_cast<float>(h));
+        bool valid = false;
+        if (!access_.getTrackingDataLatest(&valid, &scratch_)) {
+            fail(cLatest);
+            break;
+        }
+        if (!valid || scratch_.poseTime != raw_.poseTime || isNftPose(scratch_)) break;
+        const Target t{static_cast<int64_t>(raw_.poseTime) + std::llround(h * 1e6), h};
+        horizons_[i].addPrediction(raw_.poseTime, t, fromRows(scratch_.cbn), fromFloats(scratch_.position));
+    }
+    access_.setPrediction(predictionF_);
 }
 
 void Monitor::noteReflected(uint32_t platPoseTime) {
@@ -622,6 +652,15 @@ void Monitor::writeSummary(std::ostream& out) const {
     predMm("unpredicted", meter_.unpredictedMm());
     put(out, "prediction settings predictionS %.4f s virtualSyncCtrl %ld ahead %.1f ms\n", opt_.prediction.predictionS,
         opt_.prediction.virtualSyncCtrl, static_cast<double>(aheadUs_) / 1000.0);
+    for (size_t i = 0; i < horizons_.size(); ++i) {
+        const PredictionMeter& h = horizons_[i];
+        put(out,
+            "horizon    %5.1f ms n %8llu predicted mean %.4f rms %.4f p95 %.4f max %.4f deg unpredicted mean %.4f "
+            "p95 %.4f max %.4f deg\n",
+            opt_.horizonsMs[i], ull(h.predicted().n()), h.predicted().mean(), h.predicted().rms(),
+            h.predicted().percentile(0.95), h.predicted().max(), h.unpredicted().mean(),
+            h.unpredicted().percentile(0.95), h.unpredicted().max());
+    }
 
     put(out,
         "uplink     platform-poses %llu gps %llu inputs %llu failed %llu last-tag %u reflected-last %u "

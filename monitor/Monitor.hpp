@@ -25,6 +25,9 @@ struct MonitorOptions {
     double aheadMs = 20.0;  // display time = library clock + this
     bool uplink = false;    // send platform pose, GPS and input data
     PredictionSettings prediction;
+    // Fixed horizons, ms from the pose time, at which the library's
+    // prediction is measured as well: how the error grows with the interval.
+    std::vector<double> horizonsMs = {0.0, 10.0, 20.0, 40.0};
     // One line per predicted tracking record, once it is measured; null: none.
     std::ostream* csv = nullptr;
     // Gets the streams back when they stop; null: the monitor only watches.
@@ -170,6 +173,10 @@ public:
     const SeqCheck& imuSeq() const { return imuSeq_; }
     const SeqCheck& hubSeq() const { return hubSeq_; }
     const PredictionMeter& prediction() const { return meter_; }
+    // The error at each of options.horizonsMs, in that order.
+    size_t horizonCount() const { return horizons_.size(); }
+    double horizonMs(size_t i) const { return opt_.horizonsMs[i]; }
+    const PredictionMeter& horizon(size_t i) const { return horizons_[i]; }
 
     const ChannelActivity& activity(size_t i) const { return activity_[i]; }
     // Time since the channel's newest datagram, as of the last poll.
@@ -225,6 +232,7 @@ private:
     void drain(Call c, Pop&& pop);
     void fail(Call c);
     void pollTracking(uint64_t nowUs);
+    void measureHorizons();
     void pollQueues();
     void pollErrors(uint64_t nowUs);
     void pollImage();
@@ -260,6 +268,7 @@ private:
     SeqCheck imuSeq_;
     SeqCheck hubSeq_;
     PredictionMeter meter_;
+    std::vector<PredictionMeter> horizons_;
 
     s_OrvAccessTrkDataExt scratch_{};
     s_OrvAccessTrkDataExt raw_{}, predicted_{};

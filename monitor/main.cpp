@@ -127,6 +127,11 @@ int main(int argc, char** argv) {
     app.add_option("--ahead-ms", opt.aheadMs, "display time ahead of the library clock, ms")
         ->capture_default_str()
         ->check(orvargs::number(0, 1000, "milliseconds"));
+    app.add_option("--horizons-ms", opt.horizonsMs,
+                   "horizons from the pose time at which the prediction error is also measured, ms")
+        ->delimiter(',')
+        ->check(orvargs::number(0, 200, "milliseconds"))
+        ->capture_default_str();
     app.add_flag("--uplink", opt.uplink,
                  "send platform pose (50 Hz), GPS and input data (1 Hz); injects data into a real system");
     app.add_option("--connect-timeout", connectTimeout, "seconds to keep retrying open()")

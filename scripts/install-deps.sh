@@ -36,9 +36,12 @@ packages=(
   clang-14
   libclang-rt-14-dev
 )
-# Wanted but not required: without tshark the dissector's tests are skipped.
+# Wanted but not required: without tshark the dissector's tests are skipped,
+# without iproute2 (or root) those of several hosts.
 optional=(
   tshark
+  # The tests of several hosts in network namespaces (ip netns, veth).
+  iproute2
 )
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }

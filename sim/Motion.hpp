@@ -1,8 +1,18 @@
-// Ground-truth head motion: a smooth attitude and position given as a pure
-// function of time, with the body angular rate that is the exact derivative
-// of the attitude. The simulator samples it to build tracking poses and IMU
+// Ground-truth head motion: attitude and position given as a pure function
+// of time, with the body angular rate that is the exact derivative of the
+// attitude. The simulator samples it to build tracking poses and IMU
 // samples, and tests compare what the library predicts with it.
+//
+// Profiles (orvsim --motion NAME):
+//   smooth   a head looking around slowly: a sum of sines (the default)
+//   gaze     quick gaze shifts between fixations, as heads really turn
+//   trace    a recorded CSV of time, position and attitude, replayed
+// and "+vibration" on top of any of them: a vehicle's shaking.
 #pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "orvaccess/orvaccess.h"
 
@@ -28,6 +38,32 @@ struct MotionParams {
     static MotionParams head();
     // No motion at all: the identity attitude at the base position.
     static MotionParams still();
+    // Vehicle vibration, added on top of a profile: 5 Hz (seat and cabin)
+    // and 17 Hz (engine or rotor) components, well inside the 0.5 to 80 Hz
+    // band of whole-body vibration (ISO 2631-1).
+    static MotionParams vibration();
+};
+
+// One quick head turn of a gaze shift: a minimum-jerk movement by
+// (yaw, pitch) over durationS, then a fixation of holdS.
+struct GazeShift {
+    double yaw = 0.0, pitch = 0.0;  // rad
+    double durationS = 0.0;
+    double holdS = 0.0;
+};
+
+// A recorded motion: samples at increasing times, interpolated by cubic
+// Hermite splines (Catmull-Rom tangents) so that the rate is continuous and
+// every sample is met exactly. Time starts at the first sample.
+struct MotionTrace {
+    std::vector<double> t;       // s, from 0
+    std::vector<double> v[6];    // x, y, z (m), roll, pitch, yaw (rad, unwrapped)
+
+    // Reads "time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg" lines; a first
+    // line that is not numbers is a header, lines starting with '#' are
+    // comments. False with `error` naming the line and what to fix.
+    static bool load(const std::string& path, MotionTrace& out, std::string& error);
+    double durationS() const { return t.empty() ? 0.0 : t.back(); }
 };
 
 // The state of the motion at one time. Attitude matrices are row-major,
@@ -44,14 +80,34 @@ struct MotionSample {
 
 class Motion {
 public:
+    enum class Kind { Smooth, Gaze, Trace };
+
     Motion() : Motion(MotionParams::head()) {}
     explicit Motion(const MotionParams& params) : p_(params) {}
+    // Quick gaze shifts over a slow, smaller version of the smooth motion.
+    static Motion gaze();
+    static Motion trace(std::shared_ptr<const MotionTrace> trace);
+    // The same motion with vehicle vibration added.
+    Motion withVibration() const;
+
+    // "smooth", "gaze" or "trace", each optionally followed by "+vibration";
+    // a trace needs tracePath. False with `error` saying what is accepted.
+    static bool fromName(const std::string& name, const std::string& tracePath, Motion& out, std::string& error);
+    // The profile's name as fromName() takes it.
+    std::string name() const;
 
     MotionSample at(double t) const;
     const MotionParams& params() const { return p_; }
+    Kind kind() const { return kind_; }
+    bool vibrating() const { return vibrating_; }
+    // The repeating schedule of the gaze profile.
+    static const std::vector<GazeShift>& gazeSchedule();
 
 private:
+    Kind kind_ = Kind::Smooth;
     MotionParams p_;
+    bool vibrating_ = false;
+    std::shared_ptr<const MotionTrace> trace_;
 };
 
 // Puts the pose of a sample into a tracking record: cbn, euler, position,

@@ -268,7 +268,7 @@ bool Simulator::open() {
                                      cfg_.imagePort, cfg_.hubPort,  cfg_.nftPort};
     auto makeSender = [this](int port, std::unique_ptr<OrvosiUdpServer>& out) {
         out.reset(new OrvosiUdpServer());
-        const std::string to = cfg_.address + ":" + std::to_string(port);
+        const std::string to = (cfg_.sendAddress.empty() ? cfg_.address : cfg_.sendAddress) + ":" + std::to_string(port);
         if (out->open(to.c_str())) return true;
         lastError_ = "Cannot send to " + to + ": " + out->getLastError();
         return false;

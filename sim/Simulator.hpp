@@ -59,6 +59,9 @@ struct SimConfig {
     // Where everything goes: the TCP server listens there and every
     // datagram is sent there. Dotted decimal or "localhost".
     std::string address = "127.0.0.1";
+    // Where the datagrams go when that is another host than the one the
+    // command server listens on (dotted decimal); empty: `address`.
+    std::string sendAddress;
     // 0 disables a port.
     int tcpPort = 51717;
     int metaPort = 5001;
@@ -77,7 +80,7 @@ struct SimConfig {
     FaultRates faults[kStreamCount];
     uint32_t seed = 1;
     RxServer::Replies replies = RxServer::Replies::Normal;
-    MotionParams motion = MotionParams::head();
+    Motion motion;  // the smooth head motion unless a profile is chosen
     // orvRx's start-up: the streams that depend on streaming begin this long
     // after register 0 turns on.
     double startupS = 0.0;

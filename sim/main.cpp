@@ -78,6 +78,8 @@ int main(int argc, char** argv) {
     orvsim::FaultRates faults;
     std::vector<std::string> faultStreams;
     std::string replies = "normal";
+    std::string motion = "smooth";
+    std::string trace;
 
     const CLI::Validator rate = orvargs::number(0, 1e6, "datagrams a second");
     const CLI::Validator share = orvargs::number(0, 1, "shares (0 none, 1 all)");
@@ -152,12 +154,25 @@ int main(int argc, char** argv) {
     app.add_option("--replies", replies, "Command server: normal, silent or corrupt")
         ->check(CLI::IsMember({"normal", "silent", "corrupt"}))
         ->capture_default_str();
+    app.add_option("--motion", motion,
+                   "Head motion: smooth, gaze (quick gaze shifts) or trace (--trace FILE), "
+                   "each optionally +vibration (a vehicle's shaking on top)")
+        ->capture_default_str();
+    app.add_option("--send-to", cfg.sendAddress,
+                   "Send the datagrams to this dotted address instead of the INI file's tcpOrvRxAddr "
+                   "(the library on another host)");
+    app.add_option("--trace", trace, "CSV of time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg for --motion trace")
+        ->check(orvargs::readableFile());
     if (const int rc = orvargs::parse(app, argc, argv); rc >= 0) return rc;
 
     std::string error;
     if (!orvsim::SimConfig::fromIni(ini, cfg, error)) {
         std::fprintf(stderr, "orvsim: %s\n", error.c_str());
         return 1;
+    }
+    if (!orvsim::Motion::fromName(motion, trace, cfg.motion, error)) {
+        std::fprintf(stderr, "orvsim: %s\n", error.c_str());
+        return 2;
     }
     cfg.imageFormat = static_cast<unsigned char>(imageFormat);
     for (int i = 0; i < orvsim::kStreamCount; ++i) {
@@ -190,8 +205,9 @@ int main(int argc, char** argv) {
     }
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);
-    std::fprintf(stderr, "orvsim: serving %s (commands on TCP %d, files in %s)%s\n", cfg.address.c_str(),
-                 cfg.tcpPort, files.c_str(), duration > 0 ? "" : "; Ctrl-C stops");
+    std::fprintf(stderr, "orvsim: serving %s (commands on TCP %d, files in %s, motion %s)%s\n",
+                 cfg.address.c_str(), cfg.tcpPort, files.c_str(), cfg.motion.name().c_str(),
+                 duration > 0 ? "" : "; Ctrl-C stops");
     sim.run(duration, &g_stop);
     sim.close();
     printReport(sim.report(), stdout);

@@ -10,7 +10,10 @@ It polls the way a renderer does: every millisecond the pose predicted to
 the display time (now + --ahead-ms), and the newest pose as reported. The
 reported poses, interpolated to the moment a prediction was meant for, are
 the truth it is measured against; "unpredicted" is the reported pose shown
-as it is.
+as it is. It also prints the error at fixed horizons from the pose time (0,
+10, 20 and 40 ms, the library's own prediction with that interval); start
+orvsim with --motion gaze (or gaze+vibration, or your own trace) to see it
+on motion like your users'.
 """
 import argparse
 import configparser
@@ -26,6 +29,8 @@ import orvaccess
 MAX_TRUTH_GAP_US = 10_000
 # The library bounds a prediction's horizon to this range.
 MIN_HORIZON_S, MAX_HORIZON_S = -0.005, 0.2
+# Fixed horizons from the pose time at which the prediction is measured too.
+HORIZONS_S = (0.0, 0.010, 0.020, 0.040)
 
 
 def prediction_settings(ini):
@@ -84,6 +89,7 @@ def truth_at(times, cbns, t):
 def record(a, seconds, ahead_us, prediction_s):
     truth = {}  # pose time -> reported pose
     predictions = []  # (pose time, display time, predicted cbn)
+    fixed = []  # (pose time, horizon, predicted cbn) at HORIZONS_S
     arrivals = {name: [] for name in ("imu", "hub", "nft", "diag", "platform pose", "gps", "images")}
     nft_seen = set()
     poses_seen = set()
@@ -106,6 +112,14 @@ def record(a, seconds, ahead_us, prediction_s):
         if latest is not None and not is_nft_pose(latest) and latest.poseTime not in poses_seen:
             poses_seen.add(latest.poseTime)
             truth[latest.poseTime] = latest
+            # The same pose predicted by the library at each fixed horizon.
+            for h in HORIZONS_S:
+                a.set_prediction(h)
+                q = a.get_tracking_data_latest()
+                if q is None or q.poseTime != latest.poseTime:
+                    break
+                fixed.append((q.poseTime, h, q.cbn.copy()))
+            a.set_prediction(prediction_s)
         imu = a.drain_imu_data()
         arrivals["imu"].extend(imu["time"])
         arrivals["hub"].extend(a.drain_hub_data()["time"])
@@ -123,7 +137,7 @@ def record(a, seconds, ahead_us, prediction_s):
         a.drain_pose_recovery_stats()
         time.sleep(0.0005)
     errors = a.drain_error_codes()
-    return truth, predictions, arrivals, errors
+    return truth, predictions, arrivals, errors, fixed
 
 
 def main():
@@ -143,7 +157,7 @@ def main():
     print(f"plot_run: recording {args.duration:g} s from the ports in {args.ini}, then plotting", file=sys.stderr)
     try:
         with orvaccess.Access(args.ini) as a:
-            truth, predictions, arrivals, errors = record(a, args.duration, round(args.ahead_ms * 1000),
+            truth, predictions, arrivals, errors, fixed = record(a, args.duration, round(args.ahead_ms * 1000),
                                                           prediction_s)
     except FileNotFoundError as e:
         sys.exit(f"plot_run: cannot read the configuration file {e.filename}: {e.strerror}")
@@ -232,6 +246,20 @@ def main():
         for err, name in ((predicted_err, "predicted"), (unpredicted_err, "unpredicted")):
             print(f"attitude error  {name:<11} mean {err.mean():.4f} p95 {np.percentile(err, 95):.4f} "
                   f"max {err.max():.4f} deg over {len(err)} predictions")
+    for h in HORIZONS_S:
+        at = [f for f in fixed if f[1] == h]
+        if not at:
+            continue
+        pose_t = np.array([f[0] for f in at], dtype=np.int64)
+        later = truth_at(times, cbns, pose_t + round(h * 1e6))
+        as_reported = np.array([truth[t].cbn for t in pose_t])
+        err = rotation_angle_deg(np.array([f[2] for f in at]), later)
+        raw = rotation_angle_deg(as_reported, later)
+        ok = ~np.isnan(err)
+        if ok.any():
+            print(f"horizon {h * 1e3:4.0f} ms  predicted mean {err[ok].mean():.4f} p95 "
+                  f"{np.percentile(err[ok], 95):.4f} max {err[ok].max():.4f} deg, unpredicted p95 "
+                  f"{np.percentile(raw[ok], 95):.4f} deg over {ok.sum()} poses")
     print(f"written to {args.out}")
 
 

@@ -48,3 +48,5 @@ def test_examples_run_against_the_simulator(start_sim, tmp_path):
     predicted, unpredicted = (float(line.split()[4]) for line in out.splitlines()
                               if line.startswith("attitude error"))
     assert predicted < unpredicted / 5
+    # And at each fixed horizon.
+    assert [line.split()[1] for line in out.splitlines() if line.startswith("horizon")] == ["0", "10", "20", "40"]

@@ -168,3 +168,32 @@ TEST_F(Orvmon, TwoReceiversOnOnePortWarnEachOther) {
               std::string::npos)
         << first.err();
 }
+
+// The prediction error at fixed horizons, on quick gaze shifts: zero at no
+// horizon, growing with the horizon, and smaller predicted than not.
+TEST_F(Orvmon, ReportsThePredictionErrorPerHorizon) {
+    ASSERT_TRUE(sim_.start([](orvsim::SimConfig& c) { c.motion = orvsim::Motion::gaze(); }));
+    const Ran r = mon({"--duration", "2", "--plain", "--horizons-ms", "0,10,40"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    const std::regex row("\nhorizon +([0-9.]+) ms n +([0-9]+) predicted mean ([0-9.]+) rms [0-9.]+ p95 ([0-9.]+) "
+                         "max [0-9.]+ deg unpredicted mean ([0-9.]+) p95 ([0-9.]+) max [0-9.]+ deg");
+    std::vector<std::smatch> rows;
+    for (auto it = std::sregex_iterator(r.out.begin(), r.out.end(), row); it != std::sregex_iterator(); ++it)
+        rows.push_back(*it);
+    ASSERT_EQ(rows.size(), 3u) << r.out;
+    const auto num = [&](size_t i, int g) { return std::stod(rows[i][g].str()); };
+    EXPECT_EQ(num(0, 1), 0.0);
+    EXPECT_EQ(num(1, 1), 10.0);
+    EXPECT_EQ(num(2, 1), 40.0);
+    for (size_t i = 0; i < 3; ++i) EXPECT_GT(num(i, 2), 100) << r.out;
+    // Nothing to predict: the pose itself, against itself.
+    EXPECT_EQ(num(0, 3), 0.0);
+    EXPECT_EQ(num(0, 5), 0.0);
+    for (size_t i = 1; i < 3; ++i) EXPECT_LT(num(i, 4), num(i, 6)) << r.out;
+    EXPECT_GT(num(2, 3), num(1, 3)) << r.out;
+    EXPECT_GT(num(2, 5), num(1, 5)) << r.out;
+
+    const Ran bad = mon({"--duration", "1", "--horizons-ms", "10,300"});
+    EXPECT_EQ(bad.code, 2);
+    EXPECT_NE(bad.err.find("--horizons-ms"), std::string::npos) << bad.err;
+}
