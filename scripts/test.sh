@@ -14,6 +14,7 @@ source "$(dirname "$0")/common.sh"
 dir=$root/build
 args=(-DORVACCESS_BUILD_TESTS=ON)
 extra=yes
+reports=
 case "${1:-}" in
   "") ;;
   --sanitize|--sanitize=address)
@@ -25,11 +26,13 @@ case "${1:-}" in
     # Optimised: ThreadSanitizer slows every memory access down, and the
     # tests' threads must keep up with the simulator's. The first report
     # fails the program that made it; tsan.supp names the libraries we do
-    # not build (and so cannot instrument), never our own code.
+    # not build (and so cannot instrument), never our own code. Reports go
+    # to files, since many tests capture their standard error.
     extra=no
     dir=$root/build-tsan
+    reports=$dir/tsan-reports
     args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVACCESS_SANITIZE=thread)
-    export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/scripts/tsan.supp ${TSAN_OPTIONS:-}"
+    export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/scripts/tsan.supp log_path=$reports/report ${TSAN_OPTIONS:-}"
     ;;
   *)
     echo "usage: $0 [--sanitize | --sanitize=address | --sanitize=thread]" >&2
@@ -38,9 +41,20 @@ case "${1:-}" in
 esac
 
 "$root/scripts/install-deps.sh"
+if [ -n "$reports" ]; then
+  rm -rf "$reports"
+  mkdir -p "$reports"
+fi
 configure "$dir" "${args[@]}"
 build "$dir"
-(cd "$dir" && ctest --output-on-failure -j "$jobs")
+status=0
+(cd "$dir" && ctest --output-on-failure -j "$jobs") || status=$?
+if [ -n "$reports" ] && compgen -G "$reports/report.*" >/dev/null; then
+  echo "ThreadSanitizer reports (also in $reports):"
+  cat "$reports"/report.*
+  status=1
+fi
+[ "$status" -eq 0 ] || exit "$status"
 if [ "$extra" = yes ]; then
   "$root/scripts/fuzz.sh"
   echo "Soak: the library against orvsim with every fault on for 30 s ..."

@@ -4,8 +4,12 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "support/Process.hpp"
 #include "support/SimRunner.hpp"
@@ -86,14 +90,30 @@ TEST_F(Orvmon, MarksStaleChannelsWhenTheSystemStopsAndWritesCsv) {
     // Predicted to the display time, so that there is an error to measure.
     const std::string ini = dir_.write("predicted.ini", orvtest::readText(sim_.ini()) + "[Processing]\nvirtualSyncCtrl = 2\n");
     const std::string csv = dir_.prefix() + "poses.csv";
-    orvtest::Process p(argv({"--duration", "3", "--plain", "--csv", csv}, ini), dir_.prefix() + "mon.out",
+    orvtest::Process p(argv({"--duration", "120", "--plain", "--csv", csv}, ini), dir_.prefix() + "mon.out",
                        dir_.prefix() + "mon.err");
-    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    // The system stops once the monitor has written a few hundred records,
+    // and the monitor is stopped once a line has marked the stop: waits for
+    // what happened, never for a time (the deadline only ends a hang).
+    const auto waitFor = [&](auto done) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!done() && p.running() && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return done();
+    };
+    EXPECT_TRUE(waitFor([&] {
+        const std::string text = orvtest::readText(csv);
+        return std::count(text.begin(), text.end(), '\n') > 400;
+    })) << p.err();
     sim_.stop();
+    // A line after the stop marks the tracking channel, not only the summary.
+    const size_t before = p.out().size();
+    const std::regex staleLine("\nt=[0-9]+s .* STALE [a-z ]*tracking");
+    EXPECT_TRUE(waitFor([&] { return std::regex_search(p.out().substr(before ? before - 1 : 0), staleLine); }))
+        << p.out();
+    p.signal(SIGINT);
     ASSERT_EQ(p.wait(20), 0) << p.err();
     const std::string out = p.out();
-    // A line after the stop marks the tracking channel, not only the summary.
-    EXPECT_TRUE(std::regex_search(out, std::regex("\nt=2s .* STALE [a-z ]*tracking"))) << out;
     EXPECT_TRUE(std::regex_search(out, std::regex("\nchannel +tracking +last +[0-9.]+ ms ago .* STALE\n"))) << out;
 
     // One line per predicted tracking record, with its errors once measured.
