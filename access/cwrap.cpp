@@ -16,7 +16,9 @@
 
 namespace {
 
-char kExceptionText[] = "<exception>";
+// Handed out as a writable char* the caller owns for the moment: each thread
+// gets its own copy, so that one caller scribbling on it cannot reach another.
+thread_local char kExceptionText[] = "<exception>";
 
 // Runs f and hands back its result, or fallback if anything was thrown.
 template <class R, class F>

@@ -47,9 +47,11 @@ unsigned long PredictionState::imuSample(uint32_t packetTag, uint64_t poseTime, 
         OrvUtil::logLine(verbosity, "IMU clock bias error: bias=", imuBiasNs, " ns");
     // "nat" is in us; its label has always read " ns", and readers of the
     // trace rely on it.
-    if (verbosity & kVerbPred)
+    if (verbosity & kVerbPred) {
+        const OrvUtil::OutputGuard guard;
         std::cout << "ORVAPRED: IMU sid=" << packetTag << " loc=" << loc << " us, nat=" << nat
                   << " ns, bias=" << imuBiasNs << " ns\n";
+    }
     return nat;
 }
 
@@ -57,6 +59,9 @@ double PredictionState::predict(unsigned long displayTimeUs, uint32_t packetTag,
                                 unsigned long nat, float imuDtS, int64_t ctrl, double predictionS,
                                 unsigned int verbosity, uint64_t logRecord[kLogWords]) {
     const bool csv = (verbosity & kVerbPredCsv) != 0;
+    // The comma-separated line is written piece by piece through the whole
+    // computation: it is held so that no other object's output lands inside.
+    const OrvUtil::OutputGuard guard((verbosity & (kVerbPred | kVerbPredCsv)) != 0);
     if (csv) std::cout << "ORVAPREDCSV," << packetTag << ',' << poseTime << ',';
 
     // Display clock: the period and the bias against the sum of periods

@@ -29,7 +29,18 @@ double OrvosiUtil::getTimeMs() { return static_cast<double>(getTimeSysUs()) / 10
 
 // ---- errors, files and paths -----------------------------------------------
 
-std::string OrvosiUtil::getSystemErrorMsg() { return std::strerror(errno); }
+namespace {
+// strerror_r in either of its forms: the GNU one returns the text (maybe
+// not in buf), the POSIX one fills buf. strerror itself may share one
+// buffer among threads.
+[[maybe_unused]] const char* errorText(const char* gnu, const char*) { return gnu; }
+[[maybe_unused]] const char* errorText(int, const char* buf) { return buf; }
+}  // namespace
+
+std::string OrvosiUtil::getSystemErrorMsg() {
+    char buf[256] = "";
+    return errorText(strerror_r(errno, buf, sizeof buf), buf);
+}
 
 bool OrvosiUtil::failWithSystemText(std::string& error, const char* prefix) {
     const std::string system = getSystemErrorMsg();

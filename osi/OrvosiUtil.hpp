@@ -25,7 +25,8 @@ public:
     static double getTimeMs();
 
     // ---- errors, files and paths -----------------------------------------
-    // strerror(errno): call directly after the failing system call.
+    // The system's text of errno (as strerror, safe on any thread): call
+    // directly after the failing system call.
     static std::string getSystemErrorMsg();
     // The one way a failed system call becomes a message: stores prefix (which
     // ends in "...") followed by the system's text, and returns false. Call it

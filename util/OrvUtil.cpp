@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <mutex>
 #include <string>
 
 namespace {
@@ -45,12 +46,19 @@ constexpr std::size_t kDumpLineMax = longestDumpTag() + 2 + OrvUtil::kDumpMax * 
 
 // ---- log files ---------------------------------------------------------------
 
-// Everything the logging keeps for the whole process.
+// Everything the logging keeps for the whole process, and the lock that
+// guards it. The lock also keeps the library's lines on the standard streams
+// whole; it is recursive because a multi-part line (the prediction trace)
+// holds it while the log lines inside it take it again.
 struct LogState {
+    std::recursive_mutex lock;
     std::ofstream trk, meta, pred, harm, sub, hub, pra;
     double lastHarmMs = 0.0;
-    std::string lastError;
 };
+
+// The framing check's text is per thread: every object checks its datagrams
+// on the thread that calls it, and reads the reason back on that thread.
+thread_local std::string packetCheckError;
 
 // Flushes what the unflushed log writes left in the buffers; the streams
 // themselves are never destroyed (see state()).
@@ -103,6 +111,7 @@ constexpr double kHarmIntervalMs = 5000.0;
 
 void flushLogsAtExit() {
     LogState& s = state();
+    const std::lock_guard<std::recursive_mutex> hold(s.lock);
     for (std::ofstream LogState::*m : kClosable) {
         if ((s.*m).is_open()) (s.*m).flush();
     }
@@ -110,6 +119,14 @@ void flushLogsAtExit() {
 }
 
 }  // namespace
+
+OrvUtil::OutputGuard::OutputGuard(bool engage) : engaged_(engage) {
+    if (engaged_) state().lock.lock();
+}
+
+OrvUtil::OutputGuard::~OutputGuard() {
+    if (engaged_) state().lock.unlock();
+}
 
 // ---- dumps ---------------------------------------------------------------------
 
@@ -145,6 +162,7 @@ void OrvUtil::dumpBuf(const unsigned char* buf, unsigned long len, unsigned int 
     }
     line[n++] = '\n';
 
+    const OutputGuard guard;
     std::cout.write(line, static_cast<std::streamsize>(n));
     std::cout.flush();
     std::cout.setf(std::ios::dec, std::ios::basefield);
@@ -164,6 +182,7 @@ void OrvUtil::logBuf(const unsigned char* buf, unsigned long len, unsigned int t
     if (ch == nullptr) return;
 
     LogState& s = state();
+    const std::lock_guard<std::recursive_mutex> hold(s.lock);
     if (ch->rateLimited) {
         const double now = OrvosiUtil::getTimeMs();
         if (now - s.lastHarmMs <= kHarmIntervalMs) return;
@@ -189,19 +208,25 @@ void OrvUtil::logBuf(const unsigned char* buf, unsigned long len, unsigned int t
 
 void OrvUtil::logClose() {
     LogState& s = state();
+    const std::lock_guard<std::recursive_mutex> hold(s.lock);
     for (std::ofstream LogState::*m : kClosable) {
         if ((s.*m).is_open()) (s.*m).close();
     }
 }
 
 void OrvUtil::resetLogState() {
-    logClose();
     LogState& s = state();
+    const std::lock_guard<std::recursive_mutex> hold(s.lock);
+    logClose();
     if (s.pra.is_open()) s.pra.close();
     s.lastHarmMs = 0.0;
 }
 
-void OrvUtil::setLastHarmonisationMs(double ms) { state().lastHarmMs = ms; }
+void OrvUtil::setLastHarmonisationMs(double ms) {
+    LogState& s = state();
+    const std::lock_guard<std::recursive_mutex> hold(s.lock);
+    s.lastHarmMs = ms;
+}
 
 // ---- packet framing check ------------------------------------------------------
 
@@ -216,6 +241,6 @@ bool OrvUtil::udpPktOk(const OrvosiBytes& packet, unsigned long len, unsigned ch
 
 // ---- packet-check error text ---------------------------------------------------
 
-std::string OrvUtil::getLastError() { return state().lastError; }
+std::string OrvUtil::getLastError() { return packetCheckError; }
 
-void OrvUtil::setLastError(const char* text) { state().lastError = text != nullptr ? text : ""; }
+void OrvUtil::setLastError(const char* text) { packetCheckError = text != nullptr ? text : ""; }

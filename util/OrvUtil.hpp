@@ -1,6 +1,8 @@
 // OrvUtil: the library's diagnostic output (prefixed text lines, hex dumps,
 // binary log files) and, with later subsystems, the packet framing check and
-// the float pose helpers. Everything is static and process-wide.
+// the float pose helpers. Everything is static. What it keeps for the whole
+// process (the log files, the standard streams' lines) is guarded; the
+// framing check's error text is kept per thread.
 #pragma once
 
 #include <iostream>
@@ -18,11 +20,27 @@ public:
     static constexpr unsigned int kVerbInfo = ORVACCESS_VERB_INFO;  // "ORVAINFO: " to standard output
     static constexpr unsigned int kVerbErr = ORVACCESS_VERB_ERR;    // "ORVAERR: "  to the log stream
 
+    // Holds the library's diagnostic output (text lines, dumps, log files)
+    // while it lives, so that access objects on other threads never write
+    // inside one another's line or record. Taken only around output that is
+    // actually written; the thread holding it may take it again.
+    class OutputGuard {
+    public:
+        explicit OutputGuard(bool engage = true);
+        ~OutputGuard();
+        OutputGuard(const OutputGuard&) = delete;
+        OutputGuard& operator=(const OutputGuard&) = delete;
+
+    private:
+        bool engaged_;
+    };
+
     // One text line: prefix, the arguments streamed in order, newline. The
-    // callers below test their bit first, so nothing is formatted when the
-    // line is off.
+    // callers below test their bit first, so nothing is formatted (and no
+    // lock taken) when the line is off.
     template <typename... Args>
     static void textLine(std::ostream& os, const char* prefix, const Args&... args) {
+        OutputGuard guard;
         os << prefix;
         (os << ... << args);
         os << '\n';
@@ -120,7 +138,8 @@ public:
     static bool updateTimeDiff(unsigned int n, unsigned long t, unsigned long tNominal,
                                unsigned long* meanNs);
 
-    // The packet-check error text, set when a framing check fails.
+    // The packet-check error text of the calling thread, set when a framing
+    // check on this thread fails: objects on other threads never change it.
     static std::string getLastError();
     static void setLastError(const char* text);
 };

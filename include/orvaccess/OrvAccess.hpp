@@ -3,8 +3,11 @@
 // One OrvAccess object talks to one tracking system. It has no threads of its
 // own: every data getter first drains the UDP ports inside the caller's call
 // (unless the manual-service switch is on), then hands out a copy of a record.
-// Use an object from one thread at a time. Units and conventions of the
-// records are given in orvaccess.h.
+// Use an object from one thread at a time; to work on several threads, give
+// each its own object. Objects share nothing but the log files and the
+// standard streams, and the library guards those: no line or log record of
+// one object lands inside another's. Units and conventions of the records
+// are given in orvaccess.h.
 #pragma once
 
 #include <cstdint>

@@ -9,6 +9,9 @@
  * must be at least 1. Where a function reports through an int* whether a
  * record was delivered, it always stores 0 or 1 there.
  *
+ * A handle is used from one thread at a time; handles on different threads
+ * are independent (see OrvAccess.hpp).
+ *
  * Each function does what the C++ method of the same name does, and is
  * documented there (class OrvAccess); a function says so, and states what
  * differs in C.

@@ -4,8 +4,12 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "support/Process.hpp"
 #include "support/SimRunner.hpp"
@@ -91,10 +95,10 @@ TEST_F(Orvmon, MarksStaleChannelsWhenTheSystemStopsAndWritesCsv) {
     // The system stops once the monitor has reported a second of it, and
     // the monitor once it has reported the channel stale: however slowly a
     // busy machine gets there.
-    ASSERT_TRUE(orvtest::waitFor([&] { return p.out().find("t=1s ") != std::string::npos; }, 30)) << p.out() << p.err();
+    ASSERT_TRUE(orvtest::waitFor([&] { return p.out().find("t=1s ") != std::string::npos; }, 60)) << p.out() << p.err();
     sim_.stop();
     const std::regex stale("\nt=[0-9]+s .* STALE [a-z ]*tracking");
-    ASSERT_TRUE(orvtest::waitFor([&] { return std::regex_search(p.out(), stale); }, 30)) << p.out();
+    ASSERT_TRUE(orvtest::waitFor([&] { return std::regex_search(p.out(), stale); }, 60)) << p.out();
     p.signal(SIGINT);
     ASSERT_EQ(p.wait(20), 0) << p.err();
     const std::string out = p.out();

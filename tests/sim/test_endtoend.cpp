@@ -161,6 +161,7 @@ TEST_F(EndToEnd, EveryChannelDeliversWhatTheSimulatorSent) {
     const Motion& motion = sim_.sim().motion();
     uint64_t clockOffset = 0;
     uint32_t lastImuTag = 0, lastHubWord = 0;
+    uint64_t imuGaps = 0;  // samples missing between those received
     int entries = 0;
     std::vector<unsigned char> image(access_.getImageBufSize());
 
@@ -195,7 +196,8 @@ TEST_F(EndToEnd, EveryChannelDeliversWhatTheSimulatorSent) {
             EXPECT_EQ(imu.pid, imu.tag & 0xFF);
             EXPECT_FLOAT_EQ(imu.dt, 0.001f);
             if (n.imu++ > 0) {
-                EXPECT_EQ(imu.tag, lastImuTag + 1);
+                EXPECT_GT(imu.tag, lastImuTag);
+                imuGaps += imu.tag - lastImuTag - 1;
             }
             lastImuTag = imu.tag;
         }
@@ -261,6 +263,9 @@ TEST_F(EndToEnd, EveryChannelDeliversWhatTheSimulatorSent) {
                      << n.crs << " images " << n.udpImages << "/" << n.sharedImages << " errors "
                      << errors.size();
     EXPECT_EQ(n.features % 12, 0);
+    // Every sample sent arrived: the only gaps are the simulator's own, when
+    // it fell too far behind its clock (a slow, busy or sanitized machine).
+    EXPECT_LE(imuGaps, stopSim().skippedSamples);
     // Nothing arrived damaged.
     for (unsigned short bad : {kBadTracking, kBadImage, kBadMeta, kBadHub, kBadNft, kBadPra})
         EXPECT_EQ(errors.count(bad), 0u) << bad;
