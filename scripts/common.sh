@@ -8,7 +8,13 @@ configure() {
   local log
   log=$(mktemp)
   echo "Configuring ${dir#"$root"/} ..."
-  if ! cmake -S "$root" -B "$dir" -DORVACCESS_WERROR=ON "$@" >"$log" 2>&1; then
+  # ccache (installed by install-deps.sh) makes the plain, sanitized and
+  # later builds cheap where they compile the same sources again.
+  local launcher=()
+  if command -v ccache >/dev/null; then
+    launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  fi
+  if ! cmake -S "$root" -B "$dir" -DORVACCESS_WERROR=ON "${launcher[@]}" "$@" >"$log" 2>&1; then
     cat "$log" >&2
     rm -f "$log"
     return 1

@@ -7,6 +7,7 @@ set -euo pipefail
 packages=(
   build-essential
   cmake
+  ccache
   pkg-config
   libsimpleini-dev
   libgtest-dev

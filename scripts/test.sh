@@ -15,12 +15,15 @@ dir=$root/build
 args=(-DORVACCESS_BUILD_TESTS=ON)
 extra=yes
 reports=
+# The sanitized builds run the tests only: the benchmarks are built (and
+# never judged) by the plain one.
+no_benchmarks=(-DORVACCESS_BUILD_BENCHMARKS=OFF)
 case "${1:-}" in
   "") ;;
   --sanitize|--sanitize=address)
     extra=no
     dir=$root/build-san
-    args+=(-DCMAKE_BUILD_TYPE=Debug -DORVACCESS_SANITIZE=address,undefined)
+    args+=(-DCMAKE_BUILD_TYPE=Debug -DORVACCESS_SANITIZE=address,undefined "${no_benchmarks[@]}")
     ;;
   --sanitize=thread)
     # Optimised: ThreadSanitizer slows every memory access down, and the
@@ -31,7 +34,7 @@ case "${1:-}" in
     extra=no
     dir=$root/build-tsan
     reports=$dir/tsan-reports
-    args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVACCESS_SANITIZE=thread)
+    args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVACCESS_SANITIZE=thread "${no_benchmarks[@]}")
     export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/scripts/tsan.supp log_path=$reports/report ${TSAN_OPTIONS:-}"
     ;;
   *)
@@ -46,7 +49,7 @@ if [ -n "$reports" ]; then
   mkdir -p "$reports"
 fi
 configure "$dir" "${args[@]}"
-echo "Building everything in ${dir#"$root"/}: the library, the tools, the tests, the benchmarks, Python and the documentation ..."
+echo "Building in ${dir#"$root"/}: the library, the tools, the tests, Python and the documentation$([ "$extra" = yes ] && echo ", the benchmarks") ..."
 build "$dir"
 echo "Running the tests ..."
 status=0
