@@ -190,14 +190,10 @@ int main(int argc, char** argv) {
     orvwatch::Watchdog watchdog(
         access,
         [&ini](OrvAccess& a, std::string& why) {
-            const orvsession::OpenResult r = orvsession::openLibrary(a, ini, orvsession::Scope::Everything);
-            const orvsession::ChannelResult& tcp = r.channel(orvnames::Channel::Tcp);
-            if (!r.setupError.empty()) why = r.setupError;
-            else if (!r.opened) why = r.lastError;
-            else if (tcp.state == orvsession::ChannelState::Failed) why = tcp.reason;
+            const bool opened = orvsession::reopenEverything(a, ini, why);
             // open() read the file's prediction again; the bridge sets its own.
             a.setPrediction(0.0f);
-            return r.opened;
+            return opened;
         },
         watchOptions);
     bridge.setWatchdog(&watchdog);

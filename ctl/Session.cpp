@@ -227,4 +227,16 @@ OpenResult openLibrary(OrvAccess& access, const std::string& iniPath, Scope scop
     return r;
 }
 
+bool reopenEverything(OrvAccess& access, const std::string& iniPath, std::string& why) {
+    const OpenResult r = openLibrary(access, iniPath, Scope::Everything);
+    const ChannelResult& tcp = r.channel(Channel::Tcp);
+    if (!r.setupError.empty())
+        why = r.setupError;
+    else if (!r.opened)
+        why = r.lastError;
+    else if (tcp.state == ChannelState::Failed)
+        why = tcp.reason;
+    return r.opened;
+}
+
 }  // namespace orvsession

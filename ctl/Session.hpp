@@ -54,4 +54,9 @@ std::string failureText(const ChannelResult& c);
 // Opens `access` on iniPath (which the caller has checked is readable).
 OpenResult openLibrary(OrvAccess& access, const std::string& iniPath, Scope scope);
 
+// Opens every channel again, as a watchdog's reopen does: true when the
+// library opened; *why says what failed (the set-up, open() itself, or the
+// command channel) and is left alone otherwise.
+bool reopenEverything(OrvAccess& access, const std::string& iniPath, std::string& why);
+
 }  // namespace orvsession

@@ -197,12 +197,7 @@ int main(int argc, char** argv) {
     orvwatch::Watchdog watchdog(
         access,
         [&ini](OrvAccess& a, std::string& why) {
-            const orvsession::OpenResult r = orvsession::openLibrary(a, ini, orvsession::Scope::Everything);
-            const orvsession::ChannelResult& tcp = r.channel(orvnames::Channel::Tcp);
-            if (!r.setupError.empty()) why = r.setupError;
-            else if (!r.opened) why = r.lastError;
-            else if (tcp.state == orvsession::ChannelState::Failed) why = tcp.reason;
-            return r.opened;
+            return orvsession::reopenEverything(a, ini, why);
         },
         watchOptions);
     opt.watchdog = &watchdog;
