@@ -72,7 +72,7 @@ bool Bridge::open(std::string& error) {
                     (topic == DDS_RETCODE_BAD_PARAMETER ? "; --namespace must be a valid topic name part" : "");
             return false;
         }
-        dds_qos_t* qos = topicQos(t, opt_.reliable);
+        dds_qos_t* qos = topicQos(t, opt_.reliable, opt_.maxBlockingMs);
         dds_entity_t e;
         if (topicInfo(t).service == Service::Uplink) {
             dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, 0);

@@ -30,6 +30,7 @@ struct Options {
     std::string hardwareId;             // hardware_id of the diagnostics (orvRx's address)
     Attitude attitude = Attitude::BodyToNav;
     bool reliable = false;              // streams reliable, keep all
+    int maxBlockingMs = kDefaultMaxBlockingMs;  // longest a reliable write waits for its readers
     // The uplink: read only when asked for, each sample checked, at most
     // uplinkRatePerS a second per topic (bursts of uplinkBurst), and only
     // from writers in uplinkPartition when one is named.

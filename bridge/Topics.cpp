@@ -10,8 +10,6 @@ namespace {
 // ROS 2's sensor-data depth; a best-effort reader never waits for more.
 constexpr int32_t kStreamDepth = 5;
 constexpr int32_t kEventDepth = 100;
-// A reliable writer whose readers fall behind waits this long, then reports the write failed.
-constexpr dds_duration_t kMaxBlocking = DDS_SECS(1);
 
 const TopicInfo kTopics[kTopicCount] = {
     {"pose", &geometry_msgs_msg_dds__PoseStamped__desc, Service::Stream},
@@ -40,7 +38,8 @@ std::string topicName(Topic t, const std::string& ns) {
     return ns.empty() ? "rt/" + leaf : "rt/" + ns + "/" + leaf;
 }
 
-dds_qos_t* topicQos(Topic t, bool reliable) {
+dds_qos_t* topicQos(Topic t, bool reliable, int maxBlockingMs) {
+    const dds_duration_t kMaxBlocking = DDS_MSECS(maxBlockingMs);
     dds_qos_t* q = dds_create_qos();
     switch (topicInfo(t).service) {
     case Service::Stream:

@@ -47,7 +47,10 @@ std::string topicName(Topic t, const std::string& ns);
 
 // QoS for the topic's writers and readers. `reliable` makes streams
 // reliable and keeps all of them (nothing lost, at the price of blocking a
-// writer whose readers fall behind); the tests compare counts with it.
-dds_qos_t* topicQos(Topic t, bool reliable);
+// writer whose readers fall behind); the tests compare counts with it. A
+// reliable writer whose readers fall behind waits maxBlockingMs, then
+// reports the write failed.
+constexpr int kDefaultMaxBlockingMs = 1000;
+dds_qos_t* topicQos(Topic t, bool reliable, int maxBlockingMs = kDefaultMaxBlockingMs);
 
 }  // namespace orvbridge

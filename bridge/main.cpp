@@ -105,6 +105,10 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"body-to-nav", "nav-to-body"}));
     app.add_flag("--reliable", opt.reliable,
                  "streams reliable, keeping all: no sample lost, but a reader that falls behind slows the bridge");
+    app.add_option("--max-blocking-ms", opt.maxBlockingMs,
+                   "longest a reliable write waits for readers that fall behind before it counts as failed, ms")
+        ->capture_default_str()
+        ->check(orvargs::number(1, 3600000, "milliseconds"));
     CLI::Option* uplinkFlag = app.add_flag("--uplink", opt.uplink,
                  "read the uplink topics and send their samples up to the tracker (off: anyone on the domain could "
                  "steer its platform input)");

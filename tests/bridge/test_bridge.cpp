@@ -173,9 +173,12 @@ TEST(Bridge, EverySubscriberGetsEveryPoseAndTheUplinkReachesTheTracker) {
     }
     // The bridge takes nothing from the library before all four readers of
     // the poses are there, and counts from its first record on.
+    // Reliable writes may wait long for the subscribers: under the thread
+    // sanitizer every process is several times slower, and a write that
+    // gave up would lose the pose the counts below expect.
     orvtest::Process bridge({ORVBRIDGE, "--ini", sim.ini(), "--domain", d, "--reliable", "--uplink", "--duration",
-                             "4", "--horizon-ms", "25", "--wait-subscribers", std::to_string(kSubscribers + 1),
-                             "--wait-timeout", "60"},
+                             "4", "--horizon-ms", "25", "--max-blocking-ms", "60000", "--wait-subscribers",
+                             std::to_string(kSubscribers + 1), "--wait-timeout", "60"},
                             (dir.path() / "bridge.out").string(), (dir.path() / "bridge.err").string());
 
     // The uplink, as a mission computer would send it, once the bridge reads it.
