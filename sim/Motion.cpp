@@ -159,10 +159,11 @@ MotionParams MotionParams::vibration() {
     return p;
 }
 
-// Head turns of gaze shifts follow the amplitude-velocity "main sequence"
-// of Zangemeister, Jones and Stark (Exp. Neurology 71, 1981, 76-91) with
-// bell-shaped, minimum-jerk velocity profiles (Chen et al., PLoS ONE 7,
-// 2012, e47565). Durations grow with amplitude (80 ms + 4 ms per degree),
+// Head turns of gaze shifts last longer the larger they are, the "main
+// sequence" Zangemeister, Jones and Stark describe (Exp. Neurology 71, 1981;
+// no figure is taken from it), with bell-shaped, minimum-jerk velocity
+// profiles (Chen et al., PLoS ONE 7, 2012, e47565). Durations are our
+// choice and grow with amplitude (80 ms + 4 ms per degree),
 // which puts the peak velocities (1.875 A / D) at 240 to 360 deg/s, around
 // the 300 deg/s that LaValle (Virtual Reality, 2020, in its latency example)
 // takes for a very fast head turn, and the peak accelerations
