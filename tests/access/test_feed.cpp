@@ -28,6 +28,7 @@
 #include "orvaccess/OrvPoseFeed.hpp"
 #include "sim/Wire.hpp"
 #include "support/Allocations.hpp"
+#include "support/Process.hpp"
 #include "support/TestSupport.hpp"
 #include "util/OrvUtil.hpp"
 
@@ -41,12 +42,7 @@ using Rec = s_OrvAccessTrkDataExt;
 // feed fails the test instead of hanging it.
 template <typename F>
 bool waitFor(F&& cond) {
-    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() > giveUp) return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
+    return orvtest::waitFor(std::forward<F>(cond), 60);
 }
 
 // A pose whose fields all follow from its tag, turning about every axis, so

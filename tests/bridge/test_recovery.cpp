@@ -34,12 +34,7 @@ constexpr int kRestarts = 3;
 
 template <class Cond>
 bool waitFor(Cond done, std::chrono::seconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= end) return false;
-        std::this_thread::sleep_for(50ms);
-    }
-    return true;
+    return orvtest::waitFor(done, static_cast<double>(limit.count()));
 }
 
 size_t occurrences(const std::string& text, const std::string& part) {

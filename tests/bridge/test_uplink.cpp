@@ -18,6 +18,7 @@
 
 #include "Bridge.hpp"
 #include "support/DdsLoopback.hpp"
+#include "support/Process.hpp"
 #include "support/TestSupport.hpp"
 
 namespace {
@@ -109,12 +110,7 @@ private:
 
 template <class Cond>
 bool waitFor(Cond done, std::chrono::seconds limit = 30s) {
-    const auto end = Clock::now() + limit;
-    while (!done()) {
-        if (Clock::now() >= end) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
+    return orvtest::waitFor(done, static_cast<double>(limit.count()));
 }
 
 class Uplink : public testing::Test {
