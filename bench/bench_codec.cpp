@@ -3,8 +3,8 @@
 
 #include <vector>
 
-#include "osi/OrvosiUtil.hpp"
-#include "util/OrvUtil.hpp"
+#include "os/OrvosiUtil.hpp"
+#include "diag/OrvUtil.hpp"
 
 namespace {
 

@@ -41,7 +41,7 @@
 #include "orvaccess/OrvAccess.hpp"
 #include "orvaccess/OrvPoseFeed.hpp"
 #include "orvaccess/orvwire.h"
-#include "osi/OrvosiUtil.hpp"
+#include "os/OrvosiUtil.hpp"
 #include "support/Loopback.hpp"
 
 namespace {

@@ -28,7 +28,7 @@
 #include <vector>
 
 #include "orvaccess/OrvPoseFeed.hpp"
-#include "sim/Simulator.hpp"
+#include "orvsim/Simulator.hpp"
 #include "support/Loopback.hpp"
 
 namespace {

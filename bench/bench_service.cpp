@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "orvaccess/OrvAccess.hpp"
-#include "osi/OrvosiUtil.hpp"
+#include "os/OrvosiUtil.hpp"
 #include "support/Loopback.hpp"
 
 namespace {

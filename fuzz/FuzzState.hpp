@@ -10,7 +10,7 @@
 
 #include "access/State.hpp"
 #include "fuzz/FuzzSupport.hpp"
-#include "util/OrvUtil.hpp"
+#include "diag/OrvUtil.hpp"
 
 namespace orvfuzz {
 

@@ -18,8 +18,8 @@
 #include <string>
 #include <vector>
 
-#include "osi/OrvosiCursor.hpp"
-#include "osi/OrvosiUtil.hpp"
+#include "wire/OrvosiCursor.hpp"
+#include "os/OrvosiUtil.hpp"
 
 namespace orvfuzz {
 

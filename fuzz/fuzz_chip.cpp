@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "fuzz/FuzzSupport.hpp"
-#include "osi/BrevantData.hpp"
-#include "sim/Wire.hpp"
+#include "wire/BrevantData.hpp"
+#include "orvsim/Wire.hpp"
 
 namespace {
 

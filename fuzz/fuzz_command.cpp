@@ -24,7 +24,7 @@
 #include <mutex>
 #include <thread>
 
-#include "access/CommandCodes.hpp"
+#include "wire/CommandCodes.hpp"
 #include "fuzz/FuzzSupport.hpp"
 #include "orvaccess/OrvAccess.hpp"
 #include "support/Loopback.hpp"

@@ -13,7 +13,7 @@
 
 #include "fuzz/FuzzSupport.hpp"
 #include "orvaccess/OrvAccess.hpp"
-#include "osi/OrvosiSharedMem.hpp"
+#include "os/OrvosiSharedMem.hpp"
 #include "support/Loopback.hpp"
 
 namespace {

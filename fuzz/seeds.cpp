@@ -17,11 +17,11 @@
 #include <sstream>
 #include <string>
 
-#include "access/CommandCodes.hpp"
+#include "wire/CommandCodes.hpp"
 #include "access/Config.hpp"
-#include "access/Wire.hpp"
+#include "wire/Wire.hpp"
 #include "fuzz/FuzzState.hpp"
-#include "sim/Wire.hpp"
+#include "orvsim/Wire.hpp"
 
 namespace {
 

@@ -28,7 +28,7 @@ trap cleanup EXIT
 
 # Hub, NFT and shared-memory images follow streaming here, so that every
 # datagram falls inside the monitor's run and can be accounted for.
-"$root/build/sim/orvsim" --ini "$ini" --follow-streaming --startup 0.2 \
+"$root/build/bin/orvsim" --ini "$ini" --follow-streaming --startup 0.2 \
   --drop 0.002 --corrupt 0.002 --duplicate 0.002 --reorder 0.002 --files "$run" \
   >"$run/orvsim.txt" 2>"$run/orvsim.err" &
 sim=$!
@@ -38,7 +38,7 @@ if ! kill -0 "$sim" 2>/dev/null; then
   exit 1
 fi
 
-"$root/build/monitor/orvmon" --ini "$ini" --duration "$seconds" --uplink --summary-file "$run/orvmon.txt"
+"$root/build/bin/orvmon" --ini "$ini" --duration "$seconds" --uplink --summary-file "$run/orvmon.txt"
 kill -INT "$sim"
 wait "$sim"
 sim=""

@@ -10,7 +10,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 bin=${ORVBUILD:-$root/build}
 ini=${1:-$root/examples/orvaccess.ini}
 seconds=${2:-10}
-for tool in sim/orvsim monitor/orvmon; do
+for tool in bin/orvsim bin/orvmon; do
   if [ ! -x "$bin/$tool" ]; then
     echo "prediction-table: $bin/$tool is missing; build it first (./scripts/demo.sh or cmake --build build)" >&2
     exit 2
@@ -33,9 +33,9 @@ for m in "${profiles[@]}"; do
   echo "prediction-table: measuring $m for $seconds s ..." >&2
   args=(--ini "$ini" --motion "$m")
   if [ "$m" = trace ]; then args+=(--trace "$ORVTRACE"); fi
-  "$bin/sim/orvsim" "${args[@]}" >"$run/sim.txt" 2>"$run/sim.err" &
+  "$bin/bin/orvsim" "${args[@]}" >"$run/sim.txt" 2>"$run/sim.err" &
   sim=$!
-  if ! "$bin/monitor/orvmon" --ini "$ini" --duration "$seconds" --plain >"$run/mon.txt" 2>"$run/mon.err"; then
+  if ! "$bin/bin/orvmon" --ini "$ini" --duration "$seconds" --plain >"$run/mon.txt" 2>"$run/mon.err"; then
     echo "prediction-table: orvmon failed on $m:" >&2
     cat "$run/mon.err" "$run/sim.err" >&2
     exit 1

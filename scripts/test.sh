@@ -63,7 +63,7 @@ fi
 if [ "$extra" = yes ]; then
   "$root/scripts/fuzz.sh"
   echo "Soak: the library against orvsim with every fault on for 30 s ..."
-  if ! "$dir/fuzz/orvsoak" --orvsim "$dir/sim/orvsim" --seconds 30 >"$dir/soak.txt" 2>&1; then
+  if ! "$dir/fuzz/orvsoak" --orvsim "$dir/bin/orvsim" --seconds 30 >"$dir/soak.txt" 2>&1; then
     cat "$dir/soak.txt"
     exit 1
   fi

@@ -3,7 +3,7 @@
 the rate and the gaps of every channel, and how far each predicted pose was
 from where the head turned out to be.
 
-    build/sim/orvsim --ini examples/orvaccess.ini &
+    build/bin/orvsim --ini examples/orvaccess.ini &
     PYTHONPATH=build/python /usr/bin/python3 examples/python/plot_run.py --ini examples/orvaccess.ini --out run.png
 
 It polls the way a renderer does: every millisecond the pose predicted to

@@ -2,7 +2,7 @@
 """Prints the newest pose predicted to the moment of display, ten times a
 second, with any error codes that arrive.
 
-    build/sim/orvsim --ini examples/orvaccess.ini &
+    build/bin/orvsim --ini examples/orvaccess.ini &
     PYTHONPATH=build/python /usr/bin/python3 examples/python/poses.py --ini examples/orvaccess.ini
 """
 import argparse

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Records every IMU sample for a while into a NumPy .npz file.
 
-    build/sim/orvsim --ini examples/orvaccess.ini &
+    build/bin/orvsim --ini examples/orvaccess.ini &
     PYTHONPATH=build/python /usr/bin/python3 examples/python/record_imu.py --ini examples/orvaccess.ini --out imu.npz
 
 The file holds one structured array, "imu", with the fields of the C record

@@ -3,7 +3,7 @@
 takes the pose predicted to the moment it will be shown, without waiting for
 the tracker. The main thread prints a line a second and the error codes.
 
-    build/sim/orvsim --ini examples/orvaccess.ini &
+    build/bin/orvsim --ini examples/orvaccess.ini &
     PYTHONPATH=build/python /usr/bin/python3 examples/python/render_loop.py --ini examples/orvaccess.ini
 """
 import argparse

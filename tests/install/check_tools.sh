@@ -28,13 +28,13 @@ cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 tools=(orvsim orvmon orvctl orvrec orvplay)
 # orvbridge is built only where Cyclone DDS is installed.
 bridge=no
-if [ -x "$build_dir/bridge/orvbridge" ]; then
+if [ -x "$build_dir/bin/orvbridge" ]; then
   bridge=yes
   tools+=(orvbridge)
 fi
 # orvsub takes no INI file: installed and documented like the rest.
 subscriber=()
-[ -x "$build_dir/bridge/orvsub" ] && subscriber=(orvsub)
+[ -x "$build_dir/bin/orvsub" ] && subscriber=(orvsub)
 
 echo "== tools, man pages"
 for tool in "${tools[@]}" "${subscriber[@]}"; do

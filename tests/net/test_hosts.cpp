@@ -22,8 +22,8 @@
 #include <sstream>
 #include <thread>
 
-#include "osi/OrvosiUtil.hpp"
-#include "sim/Simulator.hpp"
+#include "os/OrvosiUtil.hpp"
+#include "orvsim/Simulator.hpp"
 #include "support/ImpairedRelay.hpp"
 #include "support/NetLab.hpp"
 #include "support/Process.hpp"

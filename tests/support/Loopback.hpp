@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "osi/OrvosiUtil.hpp"
+#include "os/OrvosiUtil.hpp"
 
 namespace orvtest {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "sim/Simulator.hpp"
+#include "orvsim/Simulator.hpp"
 #include "support/TestSupport.hpp"
 
 namespace orvtest {

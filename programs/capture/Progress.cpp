@@ -1,0 +1,52 @@
+#include "capture/Progress.hpp"
+
+#include <unistd.h>
+
+namespace orvtools {
+
+namespace {
+
+constexpr uint64_t kTerminalUs = 500000;  // often enough to look alive
+constexpr uint64_t kLogUs = 5000000;      // rarely enough not to flood a log
+
+}  // namespace
+
+ProgressLine::ProgressLine(std::FILE* out) : out_(out), terminal_(isatty(fileno(out)) != 0) {}
+
+void ProgressLine::update(uint64_t nowUs, const std::string& text) {
+    if (nowUs < nextUs_) return;
+    if (nextUs_ == 0) {
+        nextUs_ = nowUs + (terminal_ ? kTerminalUs : kLogUs);
+        if (!terminal_) return;  // nothing worth a line at the very start
+    } else {
+        nextUs_ += terminal_ ? kTerminalUs : kLogUs;
+        if (nextUs_ < nowUs) nextUs_ = nowUs;
+    }
+    if (terminal_) {
+        const size_t pad = lastWidth_ > text.size() ? lastWidth_ - text.size() : 0;
+        std::fprintf(out_, "\r%s%*s", text.c_str(), static_cast<int>(pad), "");
+        lastWidth_ = text.size();
+    } else {
+        std::fprintf(out_, "%s\n", text.c_str());
+    }
+    std::fflush(out_);
+}
+
+void ProgressLine::finish() {
+    if (terminal_ && lastWidth_ > 0) std::fprintf(out_, "\n");
+    lastWidth_ = 0;
+    std::fflush(out_);
+}
+
+std::string humanBytes(uint64_t bytes) {
+    char text[32];
+    if (bytes >= 10000000)
+        std::snprintf(text, sizeof text, "%.1f MB", static_cast<double>(bytes) / 1e6);
+    else if (bytes >= 10000)
+        std::snprintf(text, sizeof text, "%.0f kB", static_cast<double>(bytes) / 1e3);
+    else
+        std::snprintf(text, sizeof text, "%llu B", static_cast<unsigned long long>(bytes));
+    return text;
+}
+
+}  // namespace orvtools

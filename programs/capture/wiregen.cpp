@@ -1,0 +1,171 @@
+// Writes the Wireshark dissector: its template with the protocol's numbers
+// filled in as a Lua table, taken from the very headers and tables the
+// library is built from (orvaccess/orvwire.h, access/Wire.hpp, the command
+// codes, the chip and image tables, the error texts, the INI defaults). The
+// dissector checks its own field layouts against these numbers when it
+// loads, so that the two cannot drift apart unnoticed.
+//
+//   orvwiregen TEMPLATE OUTPUT
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include "wire/CommandCodes.hpp"
+#include "access/Config.hpp"
+#include "wire/Wire.hpp"
+#include "orvaccess/OrvAccess.hpp"
+#include "os/OrvosiUtil.hpp"
+
+namespace {
+
+const char* const kMarker = "--@ORVWIRE_TABLE@";
+
+// Lua string literal.
+std::string quoted(const std::string& s) {
+    std::string out = "\"";
+    for (char c : s) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+    return out + "\"";
+}
+
+const char* checkName(orvwire::Check c) {
+    switch (c) {
+    case orvwire::Check::none: return "none";
+    case orvwire::Check::datagram: return "datagram";
+    case orvwire::Check::subpacket: return "subpacket";
+    case orvwire::Check::chip: return "chip";
+    }
+    return "?";
+}
+
+const char* portName(orvwire::Port p) {
+    switch (p) {
+    case orvwire::kMetaPort: return "meta";
+    case orvwire::kImagePort: return "image";
+    case orvwire::kCorePort: return "core";
+    case orvwire::kHubPort: return "hub";
+    case orvwire::kNftPort: return "nft";
+    default: return "?";
+    }
+}
+
+void family(std::ostream& o, const orvwire::Family& f) {
+    o << "    [" << quoted(f.name) << "] = {start = " << int(f.startByte) << ", check = " << quoted(checkName(f.check))
+      << ", fixedSize = " << f.fixedSize << ", badCode = " << f.badCode << ", overrunCode = " << f.overrunCode
+      << "},\n";
+}
+
+// The numbers of orvwire.h by their names, less the ORVWIRE_ prefix. A
+// name that changes there fails this build, not the dissector at run time.
+#define NUMBER(name) o << "    " #name " = " << static_cast<long>(ORVWIRE_##name) << ",\n"
+
+void table(std::ostream& o) {
+    o << "local W = {\n  start = {\n";
+    NUMBER(CHIP_SYNC); NUMBER(START_TARGET); NUMBER(START_IMAGE); NUMBER(START_PLATPOSE); NUMBER(START_GPS);
+    NUMBER(START_INPUT); NUMBER(START_TRACKING); NUMBER(START_HUB_DATA); NUMBER(START_HUB_ERROR);
+    NUMBER(START_DIAG); NUMBER(START_NFT); NUMBER(START_PRA); NUMBER(START_OPTICAL); NUMBER(START_META);
+    o << "  },\n  layout = {\n";
+    NUMBER(HEADER_SIZE); NUMBER(MAX_DATAGRAM); NUMBER(TRACKING_SIZE); NUMBER(TRACKING_OPTICAL_AT);
+    NUMBER(OPTICAL_TARGETS_AT); NUMBER(OPTICAL_TARGET_SIZE); NUMBER(OPTICAL_STATS_SIZE);
+    NUMBER(META_PLATPOSE_OFFSET_AT); NUMBER(META_TARGET_OFFSET_AT); NUMBER(META_DIAG_OFFSET_AT);
+    NUMBER(META_GPS_OFFSET_AT); NUMBER(META_TIME_AT); NUMBER(META_IMU_AT); NUMBER(META_IMU_SIZE);
+    NUMBER(TARGET_ENTRIES_AT); NUMBER(TARGET_ENTRY_SIZE); NUMBER(DIAG_OPTIONAL_1); NUMBER(DIAG_OPTIONAL_2);
+    NUMBER(PLATPOSE_FORMAT3_AT); NUMBER(PLATPOSE_FORMAT2_AT); NUMBER(HUB_DATA_SIZE); NUMBER(HUB_ERROR_SIZE);
+    NUMBER(PRA_SIZE); NUMBER(NFT_FEATURES_AT); NUMBER(NFT_FEATURE_SIZE); NUMBER(NFT_SIZE);
+    NUMBER(IMAGE_PIXELS_AT); NUMBER(IMAGE_OVERHEAD); NUMBER(UPLINK_PLATPOSE_SIZE); NUMBER(UPLINK_GPS_SIZE);
+    NUMBER(UPLINK_INPUT_SIZE); NUMBER(PLATPOSE_FORMAT2); NUMBER(PLATPOSE_FORMAT3); NUMBER(GPS_FORMAT);
+    o << "  },\n  families = {\n";
+    for (const orvwire::Family* f : {&orvwire::kMeta, &orvwire::kImage, &orvwire::kTracking, &orvwire::kPra,
+                                     &orvwire::kHubError, &orvwire::kHubData, &orvwire::kNft, &orvwire::kOptical,
+                                     &orvwire::kImu, &orvwire::kPlatPose, &orvwire::kTarget, &orvwire::kDiag,
+                                     &orvwire::kGps})
+        family(o, *f);
+    o << "  },\n  routes = {\n";
+    for (const orvwire::Route& r : orvwire::kRoutes)
+        o << "    {port = " << quoted(portName(r.port)) << ", first = " << r.firstByte
+          << ", family = " << quoted(r.family->name) << "},\n";
+    o << "  },\n  metaSlots = {\n";
+    for (const orvwire::MetaSlot& s : orvwire::kMetaSlots)
+        o << "    {at = " << s.offsetAt << ", width = " << s.offsetWidth << ", family = " << quoted(s.family->name)
+          << "},\n";
+    o << "  },\n  commands = {\n";
+    o << "    FRAME_START = " << int(orvcmd::kFrameStart) << ", IMU = " << int(orvcmd::kImu)
+      << ", GET_REGISTER = " << int(orvcmd::kGetRegister) << ", SET_REGISTER = " << int(orvcmd::kSetRegister)
+      << ",\n    GET_FILE = " << int(orvcmd::kGetFile) << ", PUT_FILE = " << int(orvcmd::kPutFile)
+      << ", CHUNK = " << int(orvcmd::kChunk) << ", ABORT = " << int(orvcmd::kAbort)
+      << ",\n    CHUNK_DATA = " << orvcmd::kChunkData << ", STREAMING_REGISTER = " << orvcmd::kStreamingRegister
+      << ",\n  },\n  chip = {\n";
+    for (int type = 0; type < 256; ++type) {
+        const unsigned length = OrvosiUtil::GetBvPacketLength(static_cast<unsigned char>(type));
+        if (length != 0)
+            o << "    [" << type << "] = {length = " << length
+              << ", mask = " << OrvosiUtil::GetPacketMask(static_cast<unsigned char>(type)) << "},\n";
+    }
+    o << "  },\n  images = {\n";
+    for (int code = 0; code < 256; ++code) {
+        unsigned w = 0, h = 0, b = 0;
+        if (OrvosiUtil::GetImageResolution(static_cast<unsigned char>(code), &w, &h, &b))
+            o << "    [" << code << "] = {" << w << ", " << h << ", " << b << "},\n";
+    }
+    // Every code with a text of its own: what the library would say of it.
+    o << "  },\n  messages = {\n";
+    OrvAccess access;
+    const std::string unknownOf[] = {access.getErrorMessage(0x0FF), access.getErrorMessage(0x1FF),
+                                     access.getErrorMessage(0x2FF), access.getErrorMessage(0x3FF),
+                                     access.getErrorMessage(0x4FF)};
+    for (unsigned code = 1; code < 0x500; ++code) {
+        const std::string text = access.getErrorMessage(static_cast<unsigned short>(code));
+        if (text != unknownOf[code >> 8]) o << "    [" << code << "] = " << quoted(text) << ",\n";
+    }
+    o << "  },\n  unknownMessages = {";
+    for (const std::string& u : unknownOf) o << quoted(u) << ", ";
+    o << "},\n  origins = {ORVRX = " << ORVACCESS_ORIGIN_ORVRX << ", ORVHUB = " << ORVACCESS_ORIGIN_ORVHUB
+      << "},\n";
+    // The ports a configuration file without them leaves: the preferences' defaults.
+    const OrvAccessConfig d;
+    o << "  ports = {meta = " << d.udpOrvRxPort << ", image = " << d.udpOrvRxImgPort << ", core = " << d.udpOrvCorePort
+      << ", hub = " << d.udpOrvHubPort << ", nft = " << d.udpNftPort << ", uplink = " << d.udpOrvRxInputPort
+      << ", commands = " << d.tcpOrvRxPort << "},\n}\n";
+}
+
+#undef NUMBER
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::cerr << "usage: orvwiregen TEMPLATE OUTPUT\n";
+        return 2;
+    }
+    std::ifstream in(argv[1]);
+    if (!in) {
+        std::cerr << "orvwiregen: cannot read " << argv[1] << "\n";
+        return 1;
+    }
+    std::ostringstream out;
+    std::string line;
+    bool placed = false;
+    while (std::getline(in, line)) {
+        if (line.find(kMarker) != std::string::npos) {
+            table(out);
+            placed = true;
+        } else {
+            out << line << '\n';
+        }
+    }
+    if (!placed) {
+        std::cerr << "orvwiregen: " << argv[1] << " has no line " << kMarker << " for the table\n";
+        return 1;
+    }
+    std::ofstream file(argv[2]);
+    file << out.str();
+    if (!file) {
+        std::cerr << "orvwiregen: cannot write " << argv[2] << "\n";
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,363 @@
+// The pose feed: an access object serviced by a thread of its own, whose
+// newest tracking record and pose settings are published for readers that
+// must never wait (render threads).
+//
+// The service thread holds the feed's lock while it services and while it
+// sleeps in waitUdp(); a caller that wants the object (access()) announces
+// itself, wakes the thread through a descriptor in the object's ready set,
+// and the thread steps aside until every such caller is done. Readers only
+// touch the published copy (FeedRing) and an atomic stale time.
+#include "orvaccess/OrvPoseFeed.hpp"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "access/FeedRing.hpp"
+#include "access/PredictionState.hpp"
+#include "access/State.hpp"
+#include "os/OrvosiUtil.hpp"
+#include "math/OrvPose.hpp"
+
+namespace {
+
+// What a reader needs: the record as received and everything the export
+// adjustment and the display-time prediction take besides the reader's own
+// display clock.
+struct FeedSnapshot {
+    s_OrvAccessTrkDataExt record;  // as received, not adjusted
+    uint64_t sequence;             // records taken so far; 0 = none
+    uint64_t receivedUs;           // library clock at publication
+    uint64_t nat;                  // nominal IMU time of the record (0 without the IMU clock)
+    uint64_t imuBiasNs;            // IMU clock bias after the record
+    int64_t virtualSyncCtrl;
+    double predictionS;
+    double boresight[3][3];
+    double tipOffset[3];
+    float imuDtS;
+    uint32_t neutral;  // the boresight and tip offset leave a record alone
+};
+static_assert(sizeof(FeedSnapshot) % 8 == 0, "published as whole words");
+
+// Passes one service call makes before the thread looks up again: enough to
+// take a burst in one go, few enough that a flood cannot hold off stop() or
+// publication for long.
+constexpr size_t kPassLimit = 64;
+// Longest sleep in waitUdp(); stop() and access() wake the thread at once,
+// this only bounds a lost wake-up.
+constexpr int kWaitMs = 200;
+// Pause after a failed pass or wait, so that a broken port is not spun on.
+constexpr std::chrono::milliseconds kRetryPause{100};
+
+}  // namespace
+
+struct OrvPoseFeed::Impl {
+    explicit Impl(std::string path) : iniPath(std::move(path)) {}
+
+    std::string iniPath;
+    std::unique_ptr<OrvAccess> object{new OrvAccess()};
+    OrvAccess::State& state() { return OrvAccessWrapperAccess::state(*object); }
+
+    mutable std::mutex lock;
+    std::condition_variable stepAside;  // the thread waits here while callers want the object
+    std::atomic<int> callers{0};
+    std::atomic<bool> stopping{false};
+    std::thread thread;
+    int wakeFd = -1;
+    // Wakes written and read back: the thread reads the descriptor only
+    // when one is outstanding, not once per pose.
+    std::atomic<uint64_t> wakesSent{0};
+    uint64_t wakesTaken = 0;
+
+    // Written by start() and stop() (not concurrent with each other), read
+    // from any thread.
+    std::atomic<bool> running{false};
+    // Caller's thread only.
+    std::string startError;
+    // What the thread last ran into, under a lock of its own that is never
+    // held for long (the thread holds the main lock while it sleeps).
+    mutable std::mutex errorLock;
+    std::string serviceError;
+    bool failing = false;  // the thread's own copy of !serviceError.empty()
+    void noteServiceError(const std::string& text) {
+        if (text.empty() && !failing) return;
+        std::lock_guard<std::mutex> held(errorLock);
+        serviceError = text;
+        failing = !text.empty();
+    }
+    // Under the main lock.
+    FeedSnapshot pending{};  // the copy the writer builds
+
+    FeedRing<FeedSnapshot> ring;
+    std::atomic<unsigned long> staleUs{kDefaultStaleUs};
+
+    bool open();
+    void run();
+    void wake();
+    void drainWake();
+    // Under the lock: takes every queued tracking record into the IMU clock
+    // estimate and publishes the newest with the current settings.
+    void takeRecords();
+    void publishSettings();
+};
+
+// getTrackingDataAtTime() feeds every queued record to the IMU clock and
+// predicts the newest; here the thread does the first half after each pass
+// and leaves the second to the readers.
+void OrvPoseFeed::Impl::takeRecords() {
+    OrvAccess::State& s = state();
+    bool fresh = false;
+    unsigned long nat = 0;
+    while (s.tracking.pop(&pending.record)) {
+        nat = s.vs.imuSample(pending.record.packetTag, pending.record.poseTime, s.imuDt, s.cfg.virtualSyncCtrl,
+                              s.cfg.verbosity);
+        ++pending.sequence;
+        fresh = true;
+    }
+    if (!fresh) return;
+    pending.nat = nat;
+    pending.receivedUs = OrvosiUtil::getTimeSysUs();
+    publishSettings();
+}
+
+void OrvPoseFeed::Impl::publishSettings() {
+    const OrvAccess::State& s = state();
+    pending.imuBiasNs = s.vs.imuBiasNs;
+    pending.virtualSyncCtrl = s.cfg.virtualSyncCtrl;
+    pending.predictionS = s.predictionS;
+    std::memcpy(pending.boresight, s.boresight, sizeof pending.boresight);
+    std::memcpy(pending.tipOffset, s.tipOffset, sizeof pending.tipOffset);
+    pending.imuDtS = s.imuDt;
+    pending.neutral = s.neutralAdjustment ? 1 : 0;
+    ring.publish(pending);
+}
+
+void OrvPoseFeed::Impl::wake() {
+    if (wakeFd < 0) return;
+    wakesSent.fetch_add(1);
+    const uint64_t one = 1;
+    // A full counter already wakes the thread; nothing else can fail here.
+    (void)!::write(wakeFd, &one, sizeof one);
+}
+
+// A wake counted but not yet written is read on a later turn: the
+// descriptor stays ready until then, so the thread comes back for it.
+void OrvPoseFeed::Impl::drainWake() {
+    if (wakeFd < 0 || wakesSent.load() == wakesTaken) return;
+    uint64_t count = 0;
+    if (::read(wakeFd, &count, sizeof count) == sizeof count) wakesTaken += count;
+}
+
+bool OrvPoseFeed::Impl::open() {
+    if (wakeFd < 0) wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (wakeFd < 0) {
+        startError = "Unable to start the pose feed: ";
+        startError += std::strerror(errno);
+        return false;
+    }
+    OrvAccess::State& s = state();
+    s.wakeFd = wakeFd;
+    s.passLimit = kPassLimit;
+    object->setIniPath(iniPath);
+    if (!object->open()) {
+        startError = object->getLastError();
+        return false;
+    }
+    // The records queued before the thread runs are its to take.
+    publishSettings();
+    return true;
+}
+
+void OrvPoseFeed::Impl::run() {
+    std::unique_lock<std::mutex> held(lock);
+    while (!stopping.load()) {
+        stepAside.wait(held, [&] { return callers.load() == 0 || stopping.load(); });
+        if (stopping.load()) break;
+        const bool serviced = object->serviceUdp(true);
+        takeRecords();
+        bool ready = false;
+        if (serviced && object->waitUdp(kWaitMs, &ready)) {
+            noteServiceError("");
+            drainWake();
+            continue;
+        }
+        noteServiceError(object->getLastError());
+        stepAside.wait_for(held, kRetryPause, [&] { return callers.load() > 0 || stopping.load(); });
+    }
+}
+
+OrvPoseFeed::OrvPoseFeed(const std::string& iniPath) : impl_(new Impl(iniPath)) { start(); }
+
+OrvPoseFeed::~OrvPoseFeed() {
+    stop();
+    if (impl_->wakeFd >= 0) ::close(impl_->wakeFd);
+}
+
+bool OrvPoseFeed::start() {
+    Impl& f = *impl_;
+    if (f.running) return true;
+    f.startError.clear();
+    {
+        std::lock_guard<std::mutex> held(f.lock);
+        if (!f.open()) return false;
+    }
+    f.noteServiceError("");
+    f.stopping = false;
+    try {
+        f.thread = std::thread([&f] { f.run(); });
+    } catch (const std::exception& e) {
+        f.startError = std::string("Unable to start the pose feed's thread: ") + e.what();
+        std::lock_guard<std::mutex> held(f.lock);
+        f.object->close();
+        return false;
+    }
+    f.running = true;
+    return true;
+}
+
+bool OrvPoseFeed::stop() {
+    Impl& f = *impl_;
+    if (!f.running) return true;
+    // The wake ends a sleep in waitUdp(); passing through the lock before
+    // the notice makes sure the thread is either waiting for it or has yet
+    // to test the flag.
+    f.stopping = true;
+    f.wake();
+    { std::lock_guard<std::mutex> held(f.lock); }
+    f.stepAside.notify_all();
+    f.thread.join();
+    f.running = false;
+    f.noteServiceError("");
+    std::lock_guard<std::mutex> held(f.lock);
+    f.object->close();
+    f.drainWake();
+    return true;
+}
+
+bool OrvPoseFeed::isRunning() const { return impl_->running; }
+
+std::string OrvPoseFeed::getLastError() const { return impl_->startError; }
+
+std::string OrvPoseFeed::getServiceError() const {
+    const Impl& f = *impl_;
+    {
+        std::lock_guard<std::mutex> held(f.errorLock);
+        if (!f.serviceError.empty()) return f.serviceError;
+    }
+    if (!f.running) return "";
+    s_OrvPoseFeedPose pose;
+    getLatest(&pose);
+    if (!pose.stale) return "";
+    const unsigned long staleMs = getStaleTimeUs() / 1000;
+    if (!pose.valid)
+        return "No pose yet (stale after " + std::to_string(staleMs) +
+               " ms): is orvCore running and sending to this host's orvCore port?";
+    return "No pose for " + std::to_string(pose.ageUs / 1000) + " ms (stale after " + std::to_string(staleMs) +
+           " ms): has orvCore stopped, or lost the target?";
+}
+
+void OrvPoseFeed::setStaleTimeUs(unsigned long staleUs) { impl_->staleUs.store(staleUs, std::memory_order_relaxed); }
+
+unsigned long OrvPoseFeed::getStaleTimeUs() const { return impl_->staleUs.load(std::memory_order_relaxed); }
+
+namespace {
+
+// Age and stale flag of a snapshot at the call; the record itself is left
+// to the caller.
+void describe(const FeedSnapshot& snap, bool published, unsigned long staleUs, s_OrvPoseFeedPose* pose) {
+    pose->sequence = snap.sequence;
+    pose->receivedUs = snap.receivedUs;
+    const uint64_t now = OrvosiUtil::getTimeSysUs();
+    pose->ageUs = published && snap.sequence != 0 && now > snap.receivedUs ? now - snap.receivedUs : 0;
+    pose->valid = published && snap.sequence != 0 ? 1 : 0;
+    pose->stale = !pose->valid || pose->ageUs > staleUs ? 1 : 0;
+    pose->predictionS = 0.0;
+}
+
+}  // namespace
+
+bool OrvPoseFeed::getLatest(s_OrvPoseFeedPose* pose) const noexcept {
+    FeedSnapshot snap;
+    const bool published = impl_->ring.read(&snap);
+    describe(snap, published, getStaleTimeUs(), pose);
+    if (!pose->valid) return false;
+    pose->data = snap.record;
+    pose->predictionS = snap.predictionS;
+    OrvPose::exportRecord(snap.predictionS, snap.neutral != 0, snap.boresight, snap.tipOffset, &pose->data);
+    return true;
+}
+
+OrvPoseFeed::Reader::Reader(const OrvPoseFeed& feed) : feed_(&feed) {}
+
+bool OrvPoseFeed::Reader::getAtTime(unsigned long displayTimeUs, s_OrvPoseFeedPose* pose) noexcept {
+    FeedSnapshot snap;
+    const bool published = feed_->impl_->ring.read(&snap);
+    describe(snap, published, feed_->getStaleTimeUs(), pose);
+    if (!pose->valid) return false;
+    // The access object's prediction state, with the IMU clock as the
+    // service thread left it and this reader's display clock.
+    PredictionState vs;
+    vs.imuBiasNs = snap.imuBiasNs;
+    vs.dispBiasNs = dispBiasNs_;
+    vs.prevDispUs = prevDispUs_;
+    vs.nominalDispUs = nominalDispUs_;
+    vs.dispPeriodNs = dispPeriodNs_;
+    uint64_t unlogged[PredictionState::kLogWords];
+    const double total = vs.predict(displayTimeUs, snap.record.packetTag, snap.record.poseTime, snap.nat,
+                                    snap.imuDtS, snap.virtualSyncCtrl, snap.predictionS, 0, unlogged);
+    dispBiasNs_ = vs.dispBiasNs;
+    prevDispUs_ = vs.prevDispUs;
+    nominalDispUs_ = vs.nominalDispUs;
+    dispPeriodNs_ = vs.dispPeriodNs;
+    pose->data = snap.record;
+    pose->predictionS = total;
+    OrvPose::exportRecord(total, snap.neutral != 0, snap.boresight, snap.tipOffset, &pose->data);
+    return true;
+}
+
+void OrvPoseFeed::Reader::resetDisplayClock() noexcept {
+    dispBiasNs_ = prevDispUs_ = nominalDispUs_ = dispPeriodNs_ = 0;
+}
+
+OrvAccess* OrvPoseFeed::lockAccess() {
+    Impl& f = *impl_;
+    f.callers.fetch_add(1);
+    f.wake();
+    try {
+        f.lock.lock();
+    } catch (...) {
+        f.callers.fetch_sub(1);
+        throw;
+    }
+    return f.object.get();
+}
+
+void OrvPoseFeed::unlockAccess() {
+    Impl& f = *impl_;
+    // The caller may have changed the prediction, boresight or tip offset.
+    f.publishSettings();
+    f.lock.unlock();
+    if (f.callers.fetch_sub(1) == 1) {
+        std::lock_guard<std::mutex> held(f.lock);  // so the thread cannot miss the notice
+        f.stepAside.notify_all();
+    }
+}
+
+OrvPoseFeed::Access OrvPoseFeed::access() { return Access(this, lockAccess()); }
+
+OrvPoseFeed::Access::Access(Access&& other) noexcept : feed_(other.feed_), object_(other.object_) {
+    other.feed_ = nullptr;
+    other.object_ = nullptr;
+}
+
+OrvPoseFeed::Access::~Access() {
+    if (feed_ != nullptr) feed_->unlockAccess();
+}

@@ -1,0 +1,145 @@
+// OrvUtil: the library's diagnostic output (prefixed text lines, hex dumps,
+// binary log files) and, with later subsystems, the packet framing check and
+// the float pose helpers. Everything is static. What it keeps for the whole
+// process (the log files, the standard streams' lines) is guarded; the
+// framing check's error text is kept per thread.
+#pragma once
+
+#include <iostream>
+#include <string>
+
+#include "orvaccess/orvwire.h"
+#include "wire/OrvosiCursor.hpp"
+
+class OrvUtil {
+public:
+    OrvUtil() = delete;
+
+    // Verbosity bits of the three kinds of text line.
+    static constexpr unsigned int kVerbLog = ORVACCESS_VERB_LOG;    // "ORVALOG: "  to the log stream
+    static constexpr unsigned int kVerbInfo = ORVACCESS_VERB_INFO;  // "ORVAINFO: " to standard output
+    static constexpr unsigned int kVerbErr = ORVACCESS_VERB_ERR;    // "ORVAERR: "  to the log stream
+
+    // Holds the library's diagnostic output (text lines, dumps, log files)
+    // while it lives, so that access objects on other threads never write
+    // inside one another's line or record. Taken only around output that is
+    // actually written; the thread holding it may take it again.
+    class OutputGuard {
+    public:
+        explicit OutputGuard(bool engage = true);
+        ~OutputGuard();
+        OutputGuard(const OutputGuard&) = delete;
+        OutputGuard& operator=(const OutputGuard&) = delete;
+
+    private:
+        bool engaged_;
+    };
+
+    // One text line: prefix, the arguments streamed in order, newline. The
+    // callers below test their bit first, so nothing is formatted (and no
+    // lock taken) when the line is off.
+    template <typename... Args>
+    static void textLine(std::ostream& os, const char* prefix, const Args&... args) {
+        OutputGuard guard;
+        os << prefix;
+        (os << ... << args);
+        os << '\n';
+    }
+    template <typename... Args>
+    static void logLine(unsigned int verbosity, const Args&... args) {
+        if (verbosity & kVerbLog) textLine(std::clog, "ORVALOG: ", args...);
+    }
+    template <typename... Args>
+    static void infoLine(unsigned int verbosity, const Args&... args) {
+        if (verbosity & kVerbInfo) textLine(std::cout, "ORVAINFO: ", args...);
+    }
+    template <typename... Args>
+    static void errLine(unsigned int verbosity, const Args&... args) {
+        if (verbosity & kVerbErr) textLine(std::clog, "ORVAERR: ", args...);
+    }
+
+    // One hex-dump line on standard output: the tag of the verbosity bit
+    // `type` ("ORVADUMP" for any other value), ": ", at most kDumpMax bytes
+    // as "%02X " groups, "..." when cut, newline; flushed, left in decimal.
+    static constexpr unsigned long kDumpMax = 200;
+    static void dumpBuf(const unsigned char* buf, unsigned long len, unsigned int type);
+    // The tag dumpBuf writes for `type`.
+    static const char* dumpTag(unsigned int type);
+
+    // Appends len raw bytes to the file of logging channel `type`, opened on
+    // first use as logPath + file name. Channel 8 (harmonisation) writes at
+    // most one record per 5000 ms. Unknown channels write nothing; a file
+    // that cannot be opened is skipped silently and tried again next time.
+    static void logBuf(const unsigned char* buf, unsigned long len, unsigned int type,
+                       const std::string& logPath);
+    // Closes every log file except the PRA one, which stays open for the
+    // life of the process.
+    static void logClose();
+    // Closes every log file, the PRA one included, and forgets the time of
+    // the last harmonisation record. Meant for tests, and for a process that
+    // wants to release every file it holds.
+    static void resetLogState();
+    // Sets the time (OrvosiUtil::getTimeMs) of the last harmonisation record,
+    // so that tests can open or shut the 5000 ms gate without waiting.
+    static void setLastHarmonisationMs(double ms);
+
+    // The framing check every received datagram passes before its parser:
+    // buf[0] is startByte ("Wrong start byte"), the little-endian word at
+    // buf[1..2] equals len ("Invalid size"), and the bytes sum to 0 modulo 256
+    // ("Invalid checksum"). The first failure sets getLastError() and returns
+    // false; success leaves the text alone. Reads nothing beyond len.
+    static bool udpPktOk(const unsigned char* buf, unsigned long len, unsigned char startByte);
+    // The same check of the first len bytes of a received packet, where those
+    // past its real bytes are zeros (a subpacket whose length field runs past
+    // the end of its datagram): they count, as zeros, towards the sum.
+    static bool udpPktOk(const OrvosiBytes& packet, unsigned long len, unsigned char startByte);
+    // The rules of both, on a packet's parts: its first byte, its length
+    // word, its size, and sum(), the sum of its bytes (only the low 8 bits
+    // count), asked last so that a packet refused for its start byte or size
+    // costs no sum. For a packet that does not lie in one piece of memory.
+    template <typename Sum>
+    static bool framingOk(unsigned char first, unsigned long lengthWord, unsigned long len, unsigned char startByte,
+                          Sum sum) {
+        if (len >= 1 && first != startByte) {
+            setLastError("Wrong start byte");
+            return false;
+        }
+        // Fewer than three bytes cannot hold the length word, let alone a body.
+        if (len < 3 || lengthWord != len) {
+            setLastError("Invalid size");
+            return false;
+        }
+        if ((sum() & 0xFFu) != 0) {
+            setLastError("Invalid checksum");
+            return false;
+        }
+        return true;
+    }
+
+    // ---- pose helpers on the float arrays of the public records ----
+    // Each widens to double, calls the OrvosiMath routine and narrows back.
+    static void matrixF2D(int n, int m, const float* a, double* out);
+    static void matrixD2F(int n, int m, const double* a, float* out);
+    static void euler2Cbn(const float* euler, double cbn[3][3]);
+    static void cbn2Euler(const float cbn[3][3], float* euler);
+    static void predictCbn(double dt, const float* rate, float cbn[3][3]);
+    static void predictPos(double dt, const float* vel, float* pos);
+    // cbn = cbn * transpose(ref), in place.
+    static void boresightM(const double ref[3][3], float cbn[3][3]);
+    // v = ref * v, in place.
+    static void boresightV(const double ref[3][3], float* v);
+
+    // Running mean of a clock difference. d = (t - tNominal) * 1000 (us to
+    // ns, unsigned 64-bit, so a negative difference wraps). A mean of 0 means
+    // "not yet estimated" and takes d as it is; a d more than 200 ms away
+    // from the mean resets the mean to 0 and returns false; otherwise the
+    // mean moves to ((n - 1) * mean + d) / n in integer arithmetic. An n of 0
+    // is taken as 1.
+    static bool updateTimeDiff(unsigned int n, unsigned long t, unsigned long tNominal,
+                               unsigned long* meanNs);
+
+    // The packet-check error text of the calling thread, set when a framing
+    // check on this thread fails: objects on other threads never change it.
+    static std::string getLastError();
+    static void setLastError(const char* text);
+};

@@ -1,0 +1,171 @@
+// Decoding of the inertial chip's packets: compact packets (types 1 and 2)
+// with bit-packed fields, and mask-driven packets whose type names the
+// optional fields present, in a fixed order.
+#include <cstring>
+
+#include "wire/BrevantData.hpp"
+#include "wire/OrvosiCursor.hpp"
+#include "os/OrvosiUtil.hpp"
+
+namespace {
+
+struct ChipType {
+    unsigned char type;
+    unsigned int length;
+    unsigned int mask;  // 0 for the compact types
+};
+
+// Fixed by the chip; read-only for the life of the process.
+constexpr ChipType kChipTypes[] = {
+    {1, 15, 0},     {2, 17, 0},    {3, 19, 0x1D}, {4, 21, 0x3D},    {5, 13, 0x45},    {6, 15, 0x85},
+    {7, 25, 0x105}, {8, 27, 0x7D}, {9, 29, 0xBD}, {20, 32, 0x783F}, {21, 38, 0xF83F}, {22, 42, 0x1F81F},
+};
+
+constexpr const ChipType* findType(unsigned char type) {
+    for (const ChipType& t : kChipTypes)
+        if (t.type == type) return &t;
+    return nullptr;
+}
+
+constexpr bool fitsRaw() {
+    for (const ChipType& t : kChipTypes)
+        if (t.length > sizeof(BrevantData::raw)) return false;
+    return true;
+}
+static_assert(fitsRaw(), "every chip packet must fit the raw copy");
+
+// Two's-complement value of the low `bits` bits of v.
+constexpr int signExtend(unsigned int v, unsigned int bits) {
+    const unsigned int m = (1u << bits) - 1;
+    const int x = static_cast<int>(v & m);
+    return (x & (1 << (bits - 1))) ? x - static_cast<int>(m + 1) : x;
+}
+static_assert(signExtend(0x8000, 16) == -32768 && signExtend(0x1FF, 10) == 511 &&
+                  signExtend(0x200, 10) == -512,
+              "sign extension");
+
+int i16(OrvosiReader& r) { return signExtend(r.u16(), 16); }
+
+float scaled(int v, double factor) { return static_cast<float>(v * factor); }
+
+// Stores a float `index` floats after triad[0]; the index may be -1 or 3,
+// reaching triadAxis (with its padding) or vec40[0] as the chip format has it.
+void storeTriad(BrevantData* out, int index, float v) {
+    const size_t at =
+        offsetof(BrevantData, triad) + static_cast<size_t>(index + 1) * sizeof(float) - sizeof(float);
+    std::memcpy(reinterpret_cast<unsigned char*>(out) + at, &v, sizeof v);
+}
+
+constexpr double kTwoPowMinus15 = 1.0 / 32768.0;
+
+}  // namespace
+
+unsigned int OrvosiUtil::GetBvPacketLength(unsigned char type) {
+    const ChipType* t = findType(type);
+    return t != nullptr ? t->length : 0;
+}
+
+unsigned int OrvosiUtil::GetPacketMask(unsigned char type) {
+    const ChipType* t = findType(type);
+    return t != nullptr ? t->mask : 0;
+}
+
+bool OrvosiUtil::ParseBrevantPacket(unsigned char* pkt, BrevantData* out) {
+    const unsigned char* b = pkt;  // read only, whatever the signature allows
+    const unsigned int length = GetBvPacketLength(b[1]);
+    if (length == 0 || checksum(b, length) != 0) return false;
+
+    *out = BrevantData{};
+    out->type = b[1];
+    out->length = static_cast<uint8_t>(length);
+    std::memcpy(out->raw, b, length);
+    if (out->type == 1 || out->type == 2) return ParseCompactPacket(pkt, out);
+
+    out->mask = GetPacketMask(out->type);
+    if (out->mask == 0) return false;
+    out->tag = 0;
+    out->pid = b[2];
+    out->timeUs = getTimeSysUs();
+
+    // Every type's fields fit before its checksum byte; the cursor keeps
+    // that true should the tables ever change.
+    OrvosiReader r(b, length - 1);
+    r.seek(3);
+    const uint32_t mask = out->mask;
+    if (mask & 0x1) out->status = r.u8();
+    if (mask & 0x2) out->status2 = r.u8();
+    if (mask & 0x4) out->word = r.u16();
+    if (mask & 0x8) {
+        for (int i = 0; i < 3; ++i) {
+            out->gyroRaw[i] = r.u16();
+            out->gyro[i] = scaled(signExtend(out->gyroRaw[i], 16), 3.90625e-5);
+        }
+    }
+    if (mask & 0x10) {
+        for (int i = 0; i < 3; ++i) {
+            out->accelRaw[i] = r.u16();
+            out->accel[i] = scaled(signExtend(out->accelRaw[i], 16), 6.25e-6);
+        }
+    }
+    if (mask & 0x20) {
+        out->triadAxis = out->status & 3;
+        const int axis = out->triadAxis;
+        for (float& f : out->triad) f = 0.0f;
+        // Axis 0 lands one float before triad, over triadAxis itself.
+        storeTriad(out, axis - 1, scaled(i16(r), 0.00025));
+    }
+    if (mask & 0x40)
+        for (float& f : out->vec40) f = scaled(i16(r), 0.0001);
+    if (mask & 0x80)
+        for (float& f : out->vec80) f = scaled(i16(r), kTwoPowMinus15);
+    if (mask & 0x100)
+        for (float& f : out->vec100) f = scaled(i16(r), kTwoPowMinus15);
+    if (mask & 0x200)
+        for (float& f : out->vec200) f = scaled(i16(r), kTwoPowMinus15);
+    if (mask & 0x400)
+        for (float& f : out->vec400) f = scaled(i16(r), kTwoPowMinus15);
+    // The only 16-bit field the chip sends unsigned.
+    if (mask & 0x800) out->scalar800 = scaled(r.u16(), 0.0014648);
+    if (mask & 0x1000) out->scalar1000 = scaled(i16(r), 0.05);
+    if (mask & kBrevantMaskAux) {
+        const unsigned char first = r.u8();
+        out->hi2000 = first >> 5;
+        out->lo2000 = first & 0x1F;
+        out->byte2000 = r.u8();
+        r.skip(3);
+    }
+    if (mask & 0x4000) out->byte4000 = r.u8();
+    if (mask & 0x8000) {
+        // Single precision, in this order: the chip's own arithmetic.
+        float a = static_cast<float>(r.u24());
+        a = a * 2.4414e-5f;
+        a = a * 1000.0f;
+        out->value8000a = a;
+        out->value8000b = scaled(i16(r), 0.0020833);
+    }
+    // All three axes, on top of whatever 0x20 left.
+    if (mask & 0x10000)
+        for (float& f : out->triad) f = scaled(i16(r), 0.00025);
+    return true;
+}
+
+bool OrvosiUtil::ParseCompactPacket(unsigned char* pkt, BrevantData* out) {
+    const unsigned char* b = pkt;
+    out->pid = static_cast<uint8_t>((b[5] >> 4) | (b[3] & 0xF0));
+    out->status = static_cast<uint8_t>((((b[3] >> 2) << 6) | ((b[5] * 4) & 0x30) | (b[7] & 0x0C)) & 0xFF);
+    out->word = static_cast<uint16_t>(((b[7] << 8) & 0xF000) | ((b[9] << 4) & 0x0F00) | (b[11] & 0xF0) |
+                                      (b[13] >> 4));
+    for (int i = 0; i < 3; ++i) {
+        out->gyro[i] = scaled(signExtend(b[2 + 2 * i] + 256u * b[3 + 2 * i], 10), 0.0025);
+        out->accel[i] = scaled(signExtend(b[8 + 2 * i] + 256u * b[9 + 2 * i], 12), 0.0001);
+    }
+    out->mask |= 0x1D;
+    if (b[1] == 1) return true;
+
+    out->triadAxis = b[15] >> 6;
+    // One index higher than the mask-driven packets: axis 3 lands in vec40[0].
+    if (out->triadAxis >= 1 && out->triadAxis <= 3)
+        storeTriad(out, out->triadAxis, scaled(signExtend(b[14] + 256u * b[15], 14), 0.00025));
+    out->mask |= 0x3D;
+    return true;
+}
