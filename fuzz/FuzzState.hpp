@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "access/State.hpp"
-#include "fuzz/FuzzSupport.hpp"
+#include "FuzzSupport.hpp"
 #include "diag/OrvUtil.hpp"
 
 namespace orvfuzz {

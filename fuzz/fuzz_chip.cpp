@@ -6,7 +6,7 @@
 // packet; bytes it is short of read as zeros.
 #include <cstring>
 
-#include "fuzz/FuzzSupport.hpp"
+#include "FuzzSupport.hpp"
 #include "wire/BrevantData.hpp"
 #include "orvsim/Wire.hpp"
 

@@ -13,8 +13,8 @@
 #include <chrono>
 #include <cstring>
 
-#include "fuzz/FuzzSupport.hpp"
-#include "fuzz/capi.h"
+#include "FuzzSupport.hpp"
+#include "capi.h"
 #include "orvaccess/orvaccess.h"
 #include "support/Loopback.hpp"
 

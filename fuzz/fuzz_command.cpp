@@ -25,7 +25,7 @@
 #include <thread>
 
 #include "wire/CommandCodes.hpp"
-#include "fuzz/FuzzSupport.hpp"
+#include "FuzzSupport.hpp"
 #include "orvaccess/OrvAccess.hpp"
 #include "support/Loopback.hpp"
 

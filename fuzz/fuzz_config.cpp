@@ -7,7 +7,7 @@
 
 #include "access/Config.hpp"
 #include "access/State.hpp"
-#include "fuzz/FuzzSupport.hpp"
+#include "FuzzSupport.hpp"
 
 namespace {
 

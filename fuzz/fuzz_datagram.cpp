@@ -10,7 +10,7 @@
 // subpackets and the chip packet inside it, so that mutated contents reach
 // their parsers too.
 #include "wire/Wire.hpp"
-#include "fuzz/FuzzState.hpp"
+#include "FuzzState.hpp"
 
 namespace {
 

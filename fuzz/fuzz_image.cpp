@@ -13,7 +13,7 @@
 //      a little (u8 modulo 4, less 2).
 #include <algorithm>
 
-#include "fuzz/FuzzSupport.hpp"
+#include "FuzzSupport.hpp"
 #include "orvaccess/OrvAccess.hpp"
 #include "support/Loopback.hpp"
 

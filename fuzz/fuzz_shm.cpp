@@ -11,7 +11,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 
-#include "fuzz/FuzzSupport.hpp"
+#include "FuzzSupport.hpp"
 #include "orvaccess/OrvAccess.hpp"
 #include "os/OrvosiSharedMem.hpp"
 #include "support/Loopback.hpp"

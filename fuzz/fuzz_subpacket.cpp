@@ -9,7 +9,7 @@
 // the subpacket so that it passes its check; bits 4-7 how far it reaches
 // past its real bytes, in steps of 4096 (0: not at all).
 #include "wire/Wire.hpp"
-#include "fuzz/FuzzState.hpp"
+#include "FuzzState.hpp"
 
 namespace {
 

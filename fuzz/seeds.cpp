@@ -20,7 +20,7 @@
 #include "wire/CommandCodes.hpp"
 #include "access/Config.hpp"
 #include "wire/Wire.hpp"
-#include "fuzz/FuzzState.hpp"
+#include "FuzzState.hpp"
 #include "orvsim/Wire.hpp"
 
 namespace {
