@@ -12,6 +12,7 @@ cannot slip into the stub as Any.
 """
 import argparse
 import contextlib
+import importlib
 import io
 import os
 import re
@@ -137,6 +138,8 @@ def split_args(text):
 
 
 class Stub:
+    """stubgen's text made precise; what it could not type ends in problems."""
+
     def __init__(self):
         self.used = set()
         self.problems = []
@@ -179,7 +182,7 @@ class Stub:
         ret = self.declared(key, ret)
         return f"{indent}def {name}({', '.join(typed)}) -> {ret}: ..."
 
-    def ordinary_class(self, cls, name, body):
+    def ordinary_class(self, name, body):
         out = []
         lines = iter(body)
         for line in lines:
@@ -281,12 +284,13 @@ class Stub:
                 lines = self.named_tuple(cls, name)
                 bases = "NamedTuple"
             else:
-                lines = self.ordinary_class(cls, name, body)
+                lines = self.ordinary_class(name, body)
             if type(cls).__name__ == "pybind11_type":
                 bases = ", ".join(filter(None, (bases, "metaclass=_Pybind11Type")))
             out += ["", f"class {name}({bases}):" if bases else f"class {name}:", *lines]
         stub = "\n".join(out).rstrip("\n") + "\n"
-        for number, line in enumerate(stub.splitlines()[len(HEADER.splitlines()):]):
+        for line in stub.splitlines()[len(HEADER.splitlines()):]:
+            # These take any object by their nature.
             if line.strip().startswith(("def __eq__", "def __deepcopy__", "def __exit__")):
                 continue
             vague = VAGUE.search(line)
@@ -318,8 +322,6 @@ def main():
     here = os.path.dirname(os.path.abspath(__file__))
     sys.path[:] = [p for p in sys.path if os.path.abspath(p or ".") != here]
     try:
-        import importlib
-
         module = importlib.import_module(MODULE)
     except ImportError as e:
         sys.exit(f"gen_stubs: cannot import {MODULE} ({e}); put the built package on PYTHONPATH")
