@@ -120,6 +120,31 @@ class _Pybind11Type(type): ...
 
 DEF = re.compile(r"^(\s*)def (\w+)\((.*)\) -> (.*): \.\.\.$")
 
+# Marks the lines of docstrings, which the check for untyped names skips.
+DOC = "\0"
+
+
+def docstring(obj, name, indent):
+    """The lines of obj's docstring as a stub carries it (editors show it),
+    without the signature pybind11 puts first."""
+    lines = (getattr(obj, "__doc__", None) or "").strip("\n").splitlines()
+    if lines and re.match(rf"^({re.escape(name)})?\(.*\)( -> .*)?$", lines[0]):
+        lines = lines[1:]
+    text = "\n".join(lines).strip().replace("\\", "\\\\").replace('"""', '\\"\\"\\"')
+    if not text:
+        return []
+    if text.endswith('"'):
+        text += " "
+    lines = f'"""{text}"""'.splitlines()
+    return [DOC + (indent + line if line.strip() else "") for line in lines]
+
+
+def documented(line, doc):
+    """A one-line stub definition with its docstring as the body."""
+    if not doc:
+        return [line]
+    return [line[: -len(" ...")], *doc]
+
 
 def split_args(text):
     """Splits an argument list at its top-level commas."""
@@ -182,7 +207,7 @@ class Stub:
         ret = self.declared(key, ret)
         return f"{indent}def {name}({', '.join(typed)}) -> {ret}: ..."
 
-    def ordinary_class(self, name, body):
+    def ordinary_class(self, cls, name, body):
         out = []
         lines = iter(body)
         for line in lines:
@@ -197,7 +222,9 @@ class Stub:
                     out.append(line)
                     # pybind11 leaves a property's type to its docstring.
                     key = f"{name}.{pm.group(2)}"
-                    out.append(f"{pm.group(1)}def {pm.group(2)}(self) -> {self.declared(key, pm.group(4))}: ...")
+                    out += documented(
+                        f"{pm.group(1)}def {pm.group(2)}(self) -> {self.declared(key, pm.group(4))}: ...",
+                        docstring(cls.__dict__.get(pm.group(2)), pm.group(2), pm.group(1) + "    "))
                     continue
                 out += [line, prop]
                 continue
@@ -206,7 +233,9 @@ class Stub:
                 key = f"{name}.{am.group(2)}"
                 out.append(f"{am.group(1)}{am.group(2)}: {self.declared(key, am.group(3))}")
                 continue
-            out.append(self.function(name, line))
+            fm = DEF.match(line)
+            doc = docstring(getattr(cls, fm.group(2), None), fm.group(2), fm.group(1) + "    ") if fm else []
+            out += documented(self.function(name, line), doc)
         for attribute, kind in ATTRIBUTES.get(name, {}).items():
             out.append(f"    {attribute}: {kind}")
         out = [line for line in out if line.strip() != "..."]
@@ -274,7 +303,9 @@ class Stub:
                 if am:
                     out.append(f"{am.group(1)}: {self.declared(am.group(1), am.group(2))}")
                 else:
-                    out.append(self.function(None, body[0]))
+                    fm = DEF.match(body[0])
+                    doc = docstring(getattr(module, fm.group(2), None), fm.group(2), "    ") if fm else []
+                    out += documented(self.function(None, body[0]), doc)
                 continue
             cls = getattr(module, name)
             if hasattr(cls, "dtype") and hasattr(cls, "fields"):
@@ -284,21 +315,22 @@ class Stub:
                 lines = self.named_tuple(cls, name)
                 bases = "NamedTuple"
             else:
-                lines = self.ordinary_class(name, body)
+                lines = self.ordinary_class(cls, name, body)
             if type(cls).__name__ == "pybind11_type":
                 bases = ", ".join(filter(None, (bases, "metaclass=_Pybind11Type")))
-            out += ["", f"class {name}({bases}):" if bases else f"class {name}:", *lines]
+            out += ["", f"class {name}({bases}):" if bases else f"class {name}:", *docstring(cls, name, "    "),
+                    *lines]
         stub = "\n".join(out).rstrip("\n") + "\n"
         for line in stub.splitlines()[len(HEADER.splitlines()):]:
             # These take any object by their nature.
-            if line.strip().startswith(("def __eq__", "def __deepcopy__", "def __exit__")):
+            if line.startswith(DOC) or line.strip().startswith(("def __eq__", "def __deepcopy__", "def __exit__")):
                 continue
             vague = VAGUE.search(line)
             if vague:
                 self.problems.append(f"untyped ({vague.group(1)}): {line.strip()}")
         for key in sorted(set(TYPES) - self.used):
             self.problems.append(f"TYPES names {key}, which the module no longer has")
-        return stub
+        return stub.replace(DOC, "")
 
 
 def stubgen(module_name):
