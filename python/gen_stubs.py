@@ -11,6 +11,7 @@ cannot slip into the stub as Any.
     PYTHONPATH=build/python gen_stubs.py -o _orvaccess.pyi
 """
 import argparse
+import ast
 import contextlib
 import importlib
 import io
@@ -169,14 +170,19 @@ class Stub:
         self.used = set()
         self.problems = []
 
-    def declared(self, key, found, default=None):
+    def declared(self, key, found):
         if key in TYPES:
             self.used.add(key)
             return TYPES[key]
         for pattern, vague, precise in RULES:
             if pattern.match(key) and found == vague:
                 return precise
-        return found if default is None else default
+        # stubgen takes the first words of a docstring for a type it cannot see.
+        try:
+            ast.parse(found, mode="eval")
+        except SyntaxError:
+            self.problems.append(f"{key}: no type ({found!r})")
+        return found
 
     def function(self, owner, line):
         m = DEF.match(line)
@@ -364,7 +370,8 @@ def main():
     stub = Stub()
     result = stub.build(module, text)
     if stub.problems:
-        sys.exit("gen_stubs: declare these types in TYPES of gen_stubs.py:\n  " + "\n  ".join(stub.problems))
+        sys.exit(f"gen_stubs: the stub of {MODULE} would be incomplete; declare or remove these in TYPES of "
+                 f"{os.path.abspath(__file__)}:\n  " + "\n  ".join(stub.problems))
     try:
         with open(args.output, encoding="utf-8") as f:
             if f.read() == result:

@@ -119,9 +119,13 @@ def test_stub_generator_names_what_it_cannot_type():
                "class Widget:\n"
                "    def get(self) -> object: ...\n"
                "    def put(self, value: handle, count: int = ...) -> None: ...\n"
-               "    def size(self) -> int: ...\n")
+               "    def size(self) -> int: ...\n"
+               "    @property\n"
+               "    def level(self) -> How full it is: ...\n")
     untyped = [p for p in stub.problems if p.startswith("untyped")]
     assert untyped == ["untyped (object): def get(self) -> object: ...",
                        "untyped (handle): def put(self, value: handle, count: int = ...) -> None: ..."]
+    # stubgen's guess from a docstring's first words is no type either.
+    assert "Widget.level: no type ('How full it is')" in stub.problems
     # A declaration the module no longer has is named as well.
     assert "TYPES names Access.get_image, which the module no longer has" in stub.problems
