@@ -28,6 +28,8 @@ packages=(
   python3-numpy
   python3-pytest
   python3-matplotlib
+  # The package's type stub (stubgen) and its typing tests (mypy, stubtest).
+  python3-mypy
   # The OpenXR API layer: the SDK's headers, the loader its tests run, and
   # Khronos's validation layer the tests stack around it.
   libopenxr-dev

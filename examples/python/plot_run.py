@@ -15,13 +15,17 @@ as it is. It also prints the error at fixed horizons from the pose time (0,
 orvsim with --motion gaze (or gaze+vibration, or your own trace) to see it
 on motion like your users'.
 """
+from __future__ import annotations
+
 import argparse
 import configparser
 import pathlib
 import sys
 import time
+from typing import NamedTuple
 
 import numpy as np
+from numpy.typing import NDArray
 
 import orvaccess
 
@@ -32,12 +36,22 @@ MIN_HORIZON_S, MAX_HORIZON_S = -0.005, 0.2
 # Fixed horizons from the pose time at which the prediction is measured too.
 HORIZONS_S = (0.0, 0.010, 0.020, 0.040)
 
+Floats = NDArray[np.float64]
 
-def prediction_settings(ini):
+
+class Recording(NamedTuple):
+    truth: dict[int, orvaccess.TrkDataExt]  # pose time -> reported pose
+    predictions: list[tuple[int, int, NDArray[np.float32]]]  # (pose time, display time, predicted cbn)
+    arrivals: dict[str, list[int]]  # channel -> arrival times, us
+    errors: NDArray[np.void]  # the error codes queued meanwhile
+    fixed: list[tuple[int, float, NDArray[np.float32]]]  # (pose time, horizon, predicted cbn) at HORIZONS_S
+
+
+def prediction_settings(ini: str) -> tuple[float, int]:
     """predictionS and virtualSyncCtrl as the library reads them (0 when absent)."""
     parser = configparser.ConfigParser(strict=False, inline_comment_prefixes=(";", "#"))
     parser.read(ini)
-    values = {}
+    values: dict[str, str] = {}
     for section in parser.sections():
         if section.lower() == "processing":
             values.update(parser[section])
@@ -47,7 +61,7 @@ def prediction_settings(ini):
         return 0.0, 0
 
 
-def seconds_arg(text):
+def seconds_arg(text: str) -> float:
     """A finite number of seconds, 0 or more, for argparse."""
     value = float(text)
     if not 0 <= value < float("inf"):
@@ -55,21 +69,22 @@ def seconds_arg(text):
     return value
 
 
-def is_nft_pose(p):
+def is_nft_pose(p: orvaccess.TrkDataExt) -> bool:
     # NFT poses share the tracking queue; they carry extB/extD, orvCore's do not.
     if p.extB.any() or p.extD.any():
         return True
     return not p.cbn2.any() and p.time2 == 0 and p.statusWord == 0
 
 
-def rotation_angle_deg(a, b):
+def rotation_angle_deg(a: Floats, b: Floats) -> Floats:
     """The angle between attitudes, from the distance of their matrices
     (exact near zero, where the trace formula drowns in rounding)."""
     d = np.linalg.norm((a - b).reshape(len(a), -1), axis=1)
-    return np.degrees(2 * np.arcsin(np.minimum(1.0, d / (2 * np.sqrt(2)))))
+    angle: Floats = np.degrees(2 * np.arcsin(np.minimum(1.0, d / (2 * np.sqrt(2)))))
+    return angle
 
 
-def truth_at(times, cbns, t):
+def truth_at(times: NDArray[np.int64], cbns: Floats, t: NDArray[np.int64]) -> Floats:
     """Reported attitudes interpolated to the times t; NaN where no two
     reported poses close enough enclose a time."""
     i = np.searchsorted(times, t)
@@ -81,18 +96,19 @@ def truth_at(times, cbns, t):
     m = (1 - w) * cbns[i - 1] + w * cbns[i]
     # Back onto a rotation: the nearest orthonormal matrix.
     u, _, vt = np.linalg.svd(m)
-    m = u @ vt
-    m[~ok] = np.nan
-    return m
+    rotation: Floats = u @ vt
+    rotation[~ok] = np.nan
+    return rotation
 
 
-def record(a, seconds, ahead_us, prediction_s):
-    truth = {}  # pose time -> reported pose
-    predictions = []  # (pose time, display time, predicted cbn)
-    fixed = []  # (pose time, horizon, predicted cbn) at HORIZONS_S
-    arrivals = {name: [] for name in ("imu", "hub", "nft", "diag", "platform pose", "gps", "images")}
-    nft_seen = set()
-    poses_seen = set()
+def record(a: orvaccess.Access, seconds: float, ahead_us: int, prediction_s: float) -> Recording:
+    truth: dict[int, orvaccess.TrkDataExt] = {}
+    predictions: list[tuple[int, int, NDArray[np.float32]]] = []
+    fixed: list[tuple[int, float, NDArray[np.float32]]] = []
+    arrivals: dict[str, list[int]] = {
+        name: [] for name in ("imu", "hub", "nft", "diag", "platform pose", "gps", "images")}
+    nft_seen: set[int] = set()
+    poses_seen: set[int] = set()
     end = time.monotonic() + seconds
     next_progress = time.monotonic() + 1
     while time.monotonic() < end:
@@ -137,10 +153,10 @@ def record(a, seconds, ahead_us, prediction_s):
         a.drain_pose_recovery_stats()
         time.sleep(0.0005)
     errors = a.drain_error_codes()
-    return truth, predictions, arrivals, errors, fixed
+    return Recording(truth, predictions, arrivals, errors, fixed)
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--ini", default="orvaccess.ini", help="configuration file (default: %(default)s)")
     parser.add_argument("--duration", type=seconds_arg, default=10.0, help="seconds to record (default: %(default)s)")
@@ -178,7 +194,9 @@ def main():
     # Each prediction against the truth at the moment it was meant for.
     pose_t = np.array([p[0] for p in predictions], dtype=np.int64)
     display_t = np.array([p[1] for p in predictions], dtype=np.int64)
-    horizon = prediction_s + ((display_t - pose_t) / 1e6 if sync & 0x3 else 0.0)
+    # To the display time when the library follows the display clock, else by the fixed interval alone.
+    ahead_s = (display_t - pose_t) / 1e6 if sync & 0x3 else np.zeros(len(pose_t))
+    horizon = prediction_s + ahead_s
     target = pose_t + np.round(np.clip(horizon, MIN_HORIZON_S, MAX_HORIZON_S) * 1e6).astype(np.int64)
     later = truth_at(times, cbns, target)
     as_reported = np.array([truth[t].cbn if t in truth else np.full((3, 3), np.nan) for t in pose_t])

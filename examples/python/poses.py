@@ -13,7 +13,7 @@ import time
 import orvaccess
 
 
-def seconds_arg(text):
+def seconds_arg(text: str) -> float:
     """A finite number of seconds, 0 or more, for argparse."""
     value = float(text)
     if not 0 <= value < float("inf"):
@@ -21,7 +21,7 @@ def seconds_arg(text):
     return value
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--ini", default="orvaccess.ini", help="configuration file (default: %(default)s)")
     parser.add_argument("--duration", type=seconds_arg, default=10.0, help="seconds to run (default: %(default)s)")

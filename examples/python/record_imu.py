@@ -8,17 +8,20 @@ The file holds one structured array, "imu", with the fields of the C record
 s_OrvAccessImuData (time in us, dt in s, gyroRate and accelRate the
 increments divided by dt, ...). Read it back with numpy.load("imu.npz")["imu"].
 """
+from __future__ import annotations
+
 import argparse
 import os
 import sys
 import time
 
 import numpy as np
+from numpy.typing import NDArray
 
 import orvaccess
 
 
-def seconds_arg(text):
+def seconds_arg(text: str) -> float:
     """A finite number of seconds, 0 or more, for argparse."""
     value = float(text)
     if not 0 <= value < float("inf"):
@@ -26,7 +29,7 @@ def seconds_arg(text):
     return value
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--ini", default="orvaccess.ini", help="configuration file (default: %(default)s)")
     parser.add_argument("--duration", type=seconds_arg, default=5.0, help="seconds to record (default: %(default)s)")
@@ -38,7 +41,7 @@ def main():
     if not os.path.isdir(folder) or not os.access(folder, os.W_OK):
         sys.exit(f"record_imu: cannot write {args.out}: {folder} is not a folder this user may write to")
 
-    chunks = []
+    chunks: list[NDArray[np.void]] = []
     try:
         with orvaccess.Access(args.ini) as a:
             end = time.monotonic() + args.duration

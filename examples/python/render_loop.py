@@ -6,7 +6,10 @@ the tracker. The main thread prints a line a second and the error codes.
     build/bin/orvsim --ini examples/orvaccess.ini &
     PYTHONPATH=build/python /usr/bin/python3 examples/python/render_loop.py --ini examples/orvaccess.ini
 """
+from __future__ import annotations
+
 import argparse
+import dataclasses
 import math
 import sys
 import threading
@@ -19,7 +22,15 @@ FRAME_S = 1 / 90
 FRAME_TO_DISPLAY_US = round(2 * FRAME_S * 1e6)
 
 
-def render(feed, stop, stats):
+@dataclasses.dataclass
+class Stats:
+    frames: int = 0
+    stale: int = 0  # frames shown with an old pose: the tracker has gone quiet
+    new: int = 0  # frames with a pose newer than the frame before
+    last: orvaccess.FeedPose | None = None  # the newest frame with a pose
+
+
+def render(feed: orvaccess.PoseFeed, stop: threading.Event, stats: Stats) -> None:
     reader = feed.reader()  # one per render thread: it learns this loop's display clock
     next_frame = time.monotonic()
     last_sequence = 0
@@ -28,16 +39,16 @@ def render(feed, stop, stats):
         time.sleep(max(0.0, next_frame - time.monotonic()))
         display_us = round(orvaccess.get_time_ms() * 1000) + FRAME_TO_DISPLAY_US
         frame = reader.at_time(display_us)
-        stats["frames"] += 1
+        stats.frames += 1
         if frame.pose is not None:
-            stats["stale"] += frame.stale  # an old pose: the tracker has gone quiet
-            stats["new"] += frame.sequence != last_sequence
+            stats.stale += frame.stale
+            stats.new += frame.sequence != last_sequence
             last_sequence = frame.sequence
-            stats["last"] = frame
+            stats.last = frame
         # ... draw the scene with frame.pose.cbn and frame.pose.position
 
 
-def main():
+def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--ini", default="orvaccess.ini", help="configuration file (default: %(default)s)")
     parser.add_argument("--duration", type=float, default=10.0, help="seconds to run (default: %(default)s)")
@@ -48,7 +59,7 @@ def main():
     except orvaccess.Error as e:
         print(f"render_loop.py: {e}", file=sys.stderr)
         return 1
-    stats = {"frames": 0, "stale": 0, "new": 0, "last": None}
+    stats = Stats()
     stop = threading.Event()
     with feed:
         renderer = threading.Thread(target=render, args=(feed, stop, stats))
@@ -57,20 +68,20 @@ def main():
         frames_before = 0
         while time.monotonic() < end:
             time.sleep(min(1.0, max(0.0, end - time.monotonic())))
-            last = stats["last"]
-            if last is not None:
+            last = stats.last
+            if last is not None and last.pose is not None:
                 yaw = math.degrees(last.pose.euler[2])
-                print(f"{stats['frames'] - frames_before:3d} frames/s  tag {last.pose.packetTag:10d}  "
+                print(f"{stats.frames - frames_before:3d} frames/s  tag {last.pose.packetTag:10d}  "
                       f"yaw {yaw:7.2f} deg  predicted {last.prediction_s * 1000:5.1f} ms  "
-                      f"stale frames {stats['stale']}")
-            frames_before = stats["frames"]
+                      f"stale frames {stats.stale}")
+            frames_before = stats.frames
             for code, value in feed.error_codes():
                 print(f"  error {code}: {orvaccess.error_message(code)} (value {value})")
             if feed.service_error:
                 print(f"  {feed.service_error}")
         stop.set()
         renderer.join()
-    print(f"{stats['frames']} frames, {stats['new']} with a new pose, {stats['stale']} stale")
+    print(f"{stats.frames} frames, {stats.new} with a new pose, {stats.stale} stale")
     return 0
 
 

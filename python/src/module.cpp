@@ -1,6 +1,6 @@
-// orvaccess._orvaccess: the compiled half of the Python package. The
-// package's __init__.py turns the enumeration tables into IntEnum and
-// IntFlag classes; everything else lives here.
+// orvaccess._orvaccess: the compiled half of the Python package. The build
+// writes the enumeration tables out as the package's _enums.py (IntEnum and
+// IntFlag classes, gen_pyenums.py); everything else lives here.
 #include <orvaccess/orvaccess.h>
 
 #include <stdexcept>
