@@ -1,6 +1,8 @@
-// Rotation matrices for the prediction-error measurement: geodesic
-// interpolation between two attitudes and the angle between two attitudes.
-// Matrices are row-major 3x3, body to navigation, in double precision.
+// Rotation matrices for the prediction-error measurement, as the monitor's
+// value types: geodesic interpolation between two attitudes and the angle
+// between two attitudes, computed by the library's attitude maths
+// (OrvosiMath). Matrices are row-major 3x3, body to navigation, in double
+// precision.
 #pragma once
 
 #include <array>

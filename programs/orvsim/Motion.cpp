@@ -8,6 +8,8 @@
 #include <iterator>
 #include <sstream>
 
+#include "math/OrvosiMath.hpp"
+
 namespace orvsim {
 
 namespace {
@@ -302,18 +304,9 @@ MotionSample Motion::at(double t) const {
     if (kind_ == Kind::Gaze) addGaze(t, s);
     if (kind_ == Kind::Trace && trace_) addTrace(*trace_, t, s);
     if (vibrating_) addParams(MotionParams::vibration(), t, s);
+    OrvosiMath::euler2Cbn(s.euler, s.cbn);
     const double sr = std::sin(s.euler[0]), cr = std::cos(s.euler[0]);
     const double sp = std::sin(s.euler[1]), cp = std::cos(s.euler[1]);
-    const double sy = std::sin(s.euler[2]), cy = std::cos(s.euler[2]);
-    s.cbn[0][0] = cy * cp;
-    s.cbn[0][1] = cy * sp * sr - sy * cr;
-    s.cbn[0][2] = cy * sp * cr + sy * sr;
-    s.cbn[1][0] = sy * cp;
-    s.cbn[1][1] = sy * sp * sr + cy * cr;
-    s.cbn[1][2] = sy * sp * cr - cy * sr;
-    s.cbn[2][0] = -sp;
-    s.cbn[2][1] = cp * sr;
-    s.cbn[2][2] = cp * cr;
     // Body rate of the z-y-x sequence, so that d(cbn)/dt = cbn * skew(rate).
     const double dr = s.eulerRate[0], dp = s.eulerRate[1], dy = s.eulerRate[2];
     s.rate[0] = dr - dy * sp;

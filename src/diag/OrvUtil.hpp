@@ -1,17 +1,21 @@
 // OrvUtil: the library's diagnostic output (prefixed text lines, hex dumps,
-// binary log files) and, with later subsystems, the packet framing check and
-// the float pose helpers. Everything is static. What it keeps for the whole
-// process (the log files, the standard streams' lines) is guarded; the
-// framing check's error text is kept per thread.
+// binary log files) and the packet framing check. Everything is static. What
+// it keeps for the whole process (the log files, the standard streams'
+// lines) is guarded; the framing check's error text is kept per thread. The
+// float pose helpers and the clock-alignment mean belong to the maths layer
+// (OrvFloatPose, OrvClockMean); OrvUtil inherits them, so that
+// OrvUtil::predictCbn and its siblings keep their names.
 #pragma once
 
 #include <iostream>
 #include <string>
 
+#include "math/OrvClockMean.hpp"
+#include "math/OrvPose.hpp"
 #include "orvaccess/orvwire.h"
 #include "wire/OrvosiCursor.hpp"
 
-class OrvUtil {
+class OrvUtil : public OrvFloatPose, public OrvClockMean {
 public:
     OrvUtil() = delete;
 
@@ -115,28 +119,6 @@ public:
         }
         return true;
     }
-
-    // ---- pose helpers on the float arrays of the public records ----
-    // Each widens to double, calls the OrvosiMath routine and narrows back.
-    static void matrixF2D(int n, int m, const float* a, double* out);
-    static void matrixD2F(int n, int m, const double* a, float* out);
-    static void euler2Cbn(const float* euler, double cbn[3][3]);
-    static void cbn2Euler(const float cbn[3][3], float* euler);
-    static void predictCbn(double dt, const float* rate, float cbn[3][3]);
-    static void predictPos(double dt, const float* vel, float* pos);
-    // cbn = cbn * transpose(ref), in place.
-    static void boresightM(const double ref[3][3], float cbn[3][3]);
-    // v = ref * v, in place.
-    static void boresightV(const double ref[3][3], float* v);
-
-    // Running mean of a clock difference. d = (t - tNominal) * 1000 (us to
-    // ns, unsigned 64-bit, so a negative difference wraps). A mean of 0 means
-    // "not yet estimated" and takes d as it is; a d more than 200 ms away
-    // from the mean resets the mean to 0 and returns false; otherwise the
-    // mean moves to ((n - 1) * mean + d) / n in integer arithmetic. An n of 0
-    // is taken as 1.
-    static bool updateTimeDiff(unsigned int n, unsigned long t, unsigned long tNominal,
-                               unsigned long* meanNs);
 
     // The packet-check error text of the calling thread, set when a framing
     // check on this thread fails: objects on other threads never change it.

@@ -1,41 +1,40 @@
-// The float pose helpers of OrvUtil, the adjustment of outgoing tracking
-// records, and the running mean of the clock alignment. The public records
-// hold single precision; every computation is done in double and only the
-// final result is narrowed, in place.
+// The float pose helpers and the adjustment of outgoing tracking records
+// built on them, in one unit so that the adjustment inlines the helpers. The
+// public records hold single precision; every computation is done in double
+// and only the final result is narrowed, in place.
 #include "math/OrvPose.hpp"
 
 #include <cstdint>
 #include <cstring>
 
 #include "math/OrvosiMath.hpp"
-#include "diag/OrvUtil.hpp"
 
-void OrvUtil::matrixF2D(int n, int m, const float* a, double* out) {
+void OrvFloatPose::matrixF2D(int n, int m, const float* a, double* out) {
     if (n < 1 || m < 1) return;
     const long long count = static_cast<long long>(n) * m;
     for (long long k = 0; k < count; ++k) out[k] = a[k];
 }
 
-void OrvUtil::matrixD2F(int n, int m, const double* a, float* out) {
+void OrvFloatPose::matrixD2F(int n, int m, const double* a, float* out) {
     if (n < 1 || m < 1) return;
     const long long count = static_cast<long long>(n) * m;
     for (long long k = 0; k < count; ++k) out[k] = static_cast<float>(a[k]);
 }
 
-void OrvUtil::euler2Cbn(const float* euler, double cbn[3][3]) {
+void OrvFloatPose::euler2Cbn(const float* euler, double cbn[3][3]) {
     double e[3];
     matrixF2D(3, 1, euler, e);
     OrvosiMath::euler2Cbn(e, cbn);
 }
 
-void OrvUtil::cbn2Euler(const float cbn[3][3], float* euler) {
+void OrvFloatPose::cbn2Euler(const float cbn[3][3], float* euler) {
     double c[3][3], e[3];
     matrixF2D(3, 3, cbn[0], c[0]);
     OrvosiMath::cbn2Euler(c, e);
     matrixD2F(3, 1, e, euler);
 }
 
-void OrvUtil::predictCbn(double dt, const float* rate, float cbn[3][3]) {
+void OrvFloatPose::predictCbn(double dt, const float* rate, float cbn[3][3]) {
     double r[3], c[3][3];
     matrixF2D(3, 1, rate, r);
     matrixF2D(3, 3, cbn[0], c[0]);
@@ -43,7 +42,7 @@ void OrvUtil::predictCbn(double dt, const float* rate, float cbn[3][3]) {
     matrixD2F(3, 3, c[0], cbn[0]);
 }
 
-void OrvUtil::predictPos(double dt, const float* vel, float* pos) {
+void OrvFloatPose::predictPos(double dt, const float* vel, float* pos) {
     double v[3], p[3];
     matrixF2D(3, 1, vel, v);
     matrixF2D(3, 1, pos, p);
@@ -51,14 +50,14 @@ void OrvUtil::predictPos(double dt, const float* vel, float* pos) {
     matrixD2F(3, 1, p, pos);
 }
 
-void OrvUtil::boresightM(const double ref[3][3], float cbn[3][3]) {
+void OrvFloatPose::boresightM(const double ref[3][3], float cbn[3][3]) {
     double c[9], out[9];
     matrixF2D(3, 3, cbn[0], c);
     OrvosiMath::matrixMultTrans(3, 3, 3, c, ref[0], out);
     matrixD2F(3, 3, out, cbn[0]);
 }
 
-void OrvUtil::boresightV(const double ref[3][3], float* v) {
+void OrvFloatPose::boresightV(const double ref[3][3], float* v) {
     double in[3], out[3];
     matrixF2D(3, 1, v, in);
     OrvosiMath::matrixMult(3, 3, 1, ref[0], in, out);
@@ -70,25 +69,25 @@ void OrvUtil::boresightV(const double ref[3][3], float* v) {
 // frame, which is why the position is not boresight-rotated; the Euler
 // angles describe the final attitude.
 void OrvPose::adjust(double dt, const double ref[3][3], const double tip[3], s_OrvAccessTrkDataExt* rec) {
-    OrvUtil::predictCbn(dt, rec->angularRate, rec->cbn);
-    OrvUtil::predictCbn(dt, rec->angularRate, rec->cbn2);
+    OrvFloatPose::predictCbn(dt, rec->angularRate, rec->cbn);
+    OrvFloatPose::predictCbn(dt, rec->angularRate, rec->cbn2);
 
     double cbn[9], arm[3], position[3];
-    OrvUtil::matrixF2D(3, 3, rec->cbn[0], cbn);
+    OrvFloatPose::matrixF2D(3, 3, rec->cbn[0], cbn);
     OrvosiMath::matrixMult(3, 3, 1, cbn, tip, arm);
-    OrvUtil::matrixF2D(3, 1, rec->position, position);
+    OrvFloatPose::matrixF2D(3, 1, rec->position, position);
     OrvosiMath::matrixAdd(3, 1, position, arm, position);
-    OrvUtil::matrixD2F(3, 1, position, rec->position);
+    OrvFloatPose::matrixD2F(3, 1, position, rec->position);
 
-    OrvUtil::boresightM(ref, rec->cbn);
-    OrvUtil::boresightM(ref, rec->cbn2);
-    OrvUtil::boresightV(ref, rec->angularRate);
-    OrvUtil::boresightV(ref, rec->vecJ);
-    OrvUtil::boresightV(ref, rec->vecA);
-    OrvUtil::boresightV(ref, rec->vecL);
-    OrvUtil::boresightV(ref, rec->vecM);
+    OrvFloatPose::boresightM(ref, rec->cbn);
+    OrvFloatPose::boresightM(ref, rec->cbn2);
+    OrvFloatPose::boresightV(ref, rec->angularRate);
+    OrvFloatPose::boresightV(ref, rec->vecJ);
+    OrvFloatPose::boresightV(ref, rec->vecA);
+    OrvFloatPose::boresightV(ref, rec->vecL);
+    OrvFloatPose::boresightV(ref, rec->vecM);
 
-    OrvUtil::cbn2Euler(rec->cbn, rec->euler);
+    OrvFloatPose::cbn2Euler(rec->cbn, rec->euler);
 }
 
 bool OrvPose::isNeutral(const double ref[3][3], const double tip[3]) {
@@ -156,25 +155,6 @@ bool OrvPose::adjustNeutral(s_OrvAccessTrkDataExt* rec) {
     // The lever arm is then +0.0 whatever the position holds; adding it in
     // double as the full path does quiets a signalling NaN the same way.
     for (float& p : rec->position) p = static_cast<float>(static_cast<double>(p) + 0.0);
-    OrvUtil::cbn2Euler(rec->cbn, rec->euler);
-    return true;
-}
-
-bool OrvUtil::updateTimeDiff(unsigned int n, unsigned long t, unsigned long tNominal, unsigned long* meanNs) {
-    // A jump this large is a clock restart or a lost stream, not jitter.
-    constexpr unsigned long kMaxJumpNs = 200000000ul;
-    const unsigned long d = (t - tNominal) * 1000ul;
-    if (*meanNs == 0) {
-        *meanNs = d;
-        return true;
-    }
-    const unsigned long gap = d > *meanNs ? d - *meanNs : *meanNs - d;
-    if (gap > kMaxJumpNs) {
-        *meanNs = 0;
-        return false;
-    }
-    if (n == 0) n = 1;  // a weight of 0 would divide by zero
-    const unsigned int older = n - 1u;
-    *meanNs = (static_cast<unsigned long>(older) * *meanNs + d) / n;
+    OrvFloatPose::cbn2Euler(rec->cbn, rec->euler);
     return true;
 }

@@ -1,9 +1,34 @@
-// The adjustment of a tracking record on its way out (prediction, tip
-// offset, boresight, Euler angles), and its shortcut for the neutral
+// The pose helpers on the single-precision arrays of the public records,
+// and the adjustment of a tracking record on its way out (prediction, tip
+// offset, boresight, Euler angles) with its shortcut for the neutral
 // parameters. Stateless: the parameters are passed in.
 #pragma once
 
 #include "orvaccess/orvaccess.h"
+
+// Each helper widens its inputs to double, calls the OrvosiMath routine and
+// narrows only the final result, in place. OrvUtil offers them under its own
+// name (OrvUtil::predictCbn and so on), as applications have always called
+// them.
+struct OrvFloatPose {
+    OrvFloatPose() = delete;
+
+    // Widen or narrow (round to nearest) the n*m elements of a row-major
+    // matrix; nothing happens when n or m is below 1.
+    static void matrixF2D(int n, int m, const float* a, double* out);
+    static void matrixD2F(int n, int m, const double* a, float* out);
+    // Roll, pitch, yaw (radians) to cbn, body to navigation.
+    static void euler2Cbn(const float* euler, double cbn[3][3]);
+    static void cbn2Euler(const float cbn[3][3], float* euler);
+    // Constant-rate extrapolation over dt seconds: rate in rad/s, body axes;
+    // vel in m/s in the frame of pos.
+    static void predictCbn(double dt, const float* rate, float cbn[3][3]);
+    static void predictPos(double dt, const float* vel, float* pos);
+    // cbn = cbn * transpose(ref), in place.
+    static void boresightM(const double ref[3][3], float cbn[3][3]);
+    // v = ref * v, in place.
+    static void boresightV(const double ref[3][3], float* v);
+};
 
 namespace OrvPose {
 

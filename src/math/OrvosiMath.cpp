@@ -13,6 +13,27 @@ long long elements(int n, int m) {
     return static_cast<long long>(n) * m;
 }
 
+// Twice the axial vector of the antisymmetric part: 2 sin(angle) * axis.
+void vee2(const double r[3][3], double v[3]) {
+    v[0] = r[2][1] - r[1][2];
+    v[1] = r[0][2] - r[2][0];
+    v[2] = r[1][0] - r[0][1];
+}
+
+double cosAngle(const double r[3][3]) {
+    const double c = (r[0][0] + r[1][1] + r[2][2] - 1.0) / 2.0;
+    return c > 1.0 ? 1.0 : (c < -1.0 ? -1.0 : c);
+}
+
+// transpose(a) * b: the turn from a to b in a's body axes.
+void relative(const double a[3][3], const double b[3][3], double out[3][3]) {
+    double at[3][3];
+    OrvosiMath::matrixTrans(3, 3, a[0], at[0]);
+    OrvosiMath::matrixMult(3, 3, 3, at[0], b[0], out[0]);
+}
+
+constexpr double kPi = 3.14159265358979323846;
+
 }  // namespace
 
 void OrvosiMath::matrixScale(int n, int m, const double* a, double s, double* out) {
@@ -143,6 +164,72 @@ void OrvosiMath::cbn2Euler(const double cbn[3][3], double* euler) {
     euler[0] = std::atan2(cbn[2][1], cbn[2][2]);
     euler[1] = -std::asin(s);
     euler[2] = std::atan2(cbn[1][0], cbn[0][0]);
+}
+
+void OrvosiMath::cbn2RotVec(const double cbn[3][3], double rotVec[3]) {
+    double v[3];
+    vee2(cbn, v);
+    const double s = std::sqrt(vectorLen2(v)) / 2.0;  // sin(angle)
+    const double angle = std::atan2(s, cosAngle(cbn));
+    if (angle < 1e-9) {
+        for (int i = 0; i < 3; ++i) rotVec[i] = v[i] / 2.0;
+        return;
+    }
+    if (angle < kPi - 1e-2) {
+        const double k = angle / (2.0 * s);
+        for (int i = 0; i < 3; ++i) rotVec[i] = v[i] * k;
+        return;
+    }
+    // Near a half turn sin(angle) carries no axis; the symmetric part
+    // (R + R^T)/2 - cos(angle) I = (1 - cos(angle)) n n^T does.
+    const double c = std::cos(angle);
+    const int k = (cbn[0][0] >= cbn[1][1] && cbn[0][0] >= cbn[2][2]) ? 0 : (cbn[1][1] >= cbn[2][2] ? 1 : 2);
+    double n[3];
+    for (int i = 0; i < 3; ++i) n[i] = (cbn[i][k] + cbn[k][i]) / 2.0 - (i == k ? c : 0.0);
+    const double len = std::sqrt(vectorLen2(n));
+    const double sign = (v[0] * n[0] + v[1] * n[1] + v[2] * n[2]) < 0.0 ? -1.0 : 1.0;
+    for (int i = 0; i < 3; ++i) rotVec[i] = n[i] / len * angle * sign;
+}
+
+void OrvosiMath::rotVec2Cbn(const double rotVec[3], double cbn[3][3]) {
+    const double w0 = rotVec[0], w1 = rotVec[1], w2 = rotVec[2];
+    const double angle = std::sqrt(vectorLen2(rotVec));
+    if (angle < 1e-12) {
+        // First order: the second-order terms are below the rounding of 1.
+        const double first[3][3] = {{1.0, -w2, w1}, {w2, 1.0, -w0}, {-w1, w0, 1.0}};
+        matrixCopy(3, 3, first[0], cbn[0]);
+        return;
+    }
+    const double x = w0 / angle, y = w1 / angle, z = w2 / angle;
+    const double c = std::cos(angle), s = std::sin(angle), t = 1.0 - c;
+    cbn[0][0] = t * x * x + c;
+    cbn[0][1] = t * x * y - s * z;
+    cbn[0][2] = t * x * z + s * y;
+    cbn[1][0] = t * x * y + s * z;
+    cbn[1][1] = t * y * y + c;
+    cbn[1][2] = t * y * z - s * x;
+    cbn[2][0] = t * x * z - s * y;
+    cbn[2][1] = t * y * z + s * x;
+    cbn[2][2] = t * z * z + c;
+}
+
+void OrvosiMath::interpolateCbn(const double a[3][3], const double b[3][3], double f, double out[3][3]) {
+    double d[3][3], w[3], step[3][3];
+    relative(a, b, d);
+    cbn2RotVec(d, w);
+    matrixScale(3, 1, w, f, w);
+    rotVec2Cbn(w, step);
+    matrixMult(3, 3, 3, a[0], step[0], out[0]);
+}
+
+double OrvosiMath::angleBetween(const double a[3][3], const double b[3][3]) {
+    // atan2 of sine and cosine instead of acos of the cosine alone: acos
+    // near 1 turns the rounding of float attitudes into hundredths of a
+    // degree.
+    double d[3][3], v[3];
+    relative(a, b, d);
+    vee2(d, v);
+    return std::atan2(std::sqrt(vectorLen2(v)) / 2.0, cosAngle(d));
 }
 
 // Rodrigues: R = I + sin(t)/t * K + (1 - cos(t))/t^2 * K^2 with K the skew

@@ -45,6 +45,19 @@ public:
     // length, a zero one gives the identity.
     static void quat2Cbn(const double q[4], double cbn[3][3]);
 
+    // The rotation vector (axis times angle, angle in 0 ... pi) of a
+    // rotation matrix, exact also near a half turn, and back: rotVec2Cbn is
+    // the exact rotation at every angle (rotateCbn leaves the smallest
+    // out).
+    static void cbn2RotVec(const double cbn[3][3], double rotVec[3]);
+    static void rotVec2Cbn(const double rotVec[3], double cbn[3][3]);
+    // The attitude a fraction f of the way along the shortest turn from a to
+    // b: a * exp(f * log(transpose(a) * b)); f = 0 gives a, f = 1 gives b.
+    static void interpolateCbn(const double a[3][3], const double b[3][3], double f, double out[3][3]);
+    // The angle (rad, 0 ... pi) of the turn from a to b; accurate down to
+    // the smallest angles, where the rounding of float attitudes lives.
+    static double angleBetween(const double a[3][3], const double b[3][3]);
+
     // cbn = cbn * R(rotVec), R the rotation by |rotVec| about rotVec (body
     // axes). Angles below 1e-6 rad leave cbn untouched.
     static void rotateCbn(const double* rotVec, double* cbn);

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "math/OrvosiMath.hpp"
 
@@ -179,4 +180,81 @@ TEST(Attitude, QuaternionsOfRotationsAndBack) {
     double id[3][3];
     M::quat2Cbn(zero, id);
     expectNear(&id[0][0], kI3, 9, 0.0);
+}
+
+// The rotation vector and its exponential, against the prediction's own
+// Rodrigues update (an independent formulation) and across every branch of
+// the logarithm: tiny angles, ordinary ones, and half turns about axes that
+// make each diagonal element the largest.
+TEST(Attitude, RotationVectorsBothWaysOnEveryBranch) {
+    const double axes[][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {0.48, -0.6, 0.64}, {-0.8, 0.0, 0.6}};
+    const double pi = std::acos(-1.0);
+    for (const auto& axis : axes) {
+        for (double a : {1e-10, 1e-7, 0.3, 3.0, pi - 1e-4, pi - 1e-9}) {
+            const double w[3] = {axis[0] * a, axis[1] * a, axis[2] * a};
+            double c[3][3];
+            M::rotVec2Cbn(w, c);
+            if (a > 1e-6) {
+                double r[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+                M::rotateCbn(w, &r[0][0]);
+                expectNear(&c[0][0], &r[0][0], 9, 1e-15);
+            }
+            double back[3];
+            M::cbn2RotVec(c, back);
+            expectNear(back, w, 3, a < 1e-6 ? 1e-22 : 1e-9);
+        }
+    }
+    // Below the prediction's threshold the exponential still turns.
+    const double tiny[3] = {0.0, 0.0, 4e-7};
+    double c[3][3];
+    M::rotVec2Cbn(tiny, c);
+    EXPECT_NEAR(c[1][0], 4e-7, 1e-19);
+    EXPECT_NEAR(c[0][1], -4e-7, 1e-19);
+}
+
+TEST(Attitude, InterpolationFollowsTheShortestTurnAndAnglesStaySmall) {
+    // From a tilted base, a turn of 170 degrees about a mixed axis: the
+    // point a fraction f along is the base turned by f of it, and its
+    // distance from either end adds up to the whole.
+    double base[3][3], b[3][3], turn[3][3], w[3] = {0.48 * 2.967, -0.6 * 2.967, 0.64 * 2.967};
+    const double e[3] = {0.2, -0.4, 1.1};
+    M::euler2Cbn(e, base);
+    M::rotVec2Cbn(w, turn);
+    M::matrixMult(3, 3, 3, &base[0][0], &turn[0][0], &b[0][0]);
+    EXPECT_NEAR(M::angleBetween(base, b), 2.967, 1e-12);
+    EXPECT_NEAR(M::angleBetween(b, base), 2.967, 1e-12);
+    for (double f : {0.0, 0.25, 0.5, 1.0}) {
+        double mid[3][3], part[3][3], want[3][3];
+        const double wf[3] = {w[0] * f, w[1] * f, w[2] * f};
+        M::interpolateCbn(base, b, f, mid);
+        M::rotVec2Cbn(wf, part);
+        M::matrixMult(3, 3, 3, &base[0][0], &part[0][0], &want[0][0]);
+        expectNear(&mid[0][0], &want[0][0], 9, 1e-12);
+        EXPECT_NEAR(M::angleBetween(base, mid) + M::angleBetween(mid, b), 2.967, 1e-12) << f;
+    }
+    // Attitudes a microradian apart, as the prediction error sees them:
+    // acos of the trace would give 0 or some 1e-8 of noise here.
+    const double step[3] = {0.0, 1e-6, 0.0};
+    double near[3][3];
+    M::rotVec2Cbn(step, turn);
+    M::matrixMult(3, 3, 3, &base[0][0], &turn[0][0], &near[0][0]);
+    EXPECT_NEAR(M::angleBetween(base, near), 1e-6, 1e-12);
+    EXPECT_EQ(M::angleBetween(base, base), 0.0);
+}
+
+// The image reduction offered to applications: its rounding and its walk
+// through the source.
+TEST(Downsample, RoundsHalvesUpAndWalksTwoRowsPerOutputRow) {
+    // Blocks summing to 140, 220, 1, 2, 3 and 1020: the means 35 and 55,
+    // a quarter rounds down, a half and three quarters round up, 255 stays.
+    unsigned char src[] = {10, 20, 30, 40, 1, 0, 1, 1, 1, 1, 255, 255,  //
+                           50, 60, 70, 80, 0, 0, 0, 0, 1, 0, 255, 255};
+    unsigned char dst[7] = {0, 0, 0, 0, 0, 0, 0xEE};
+    OrvosiMath::DownsampleImage(12, 2, src, 6, 1, dst);
+    EXPECT_EQ(std::vector<int>(dst, dst + 7), (std::vector<int>{35, 55, 0, 1, 1, 255, 0xEE}));
+
+    // Each output row comes from its own two source rows.
+    unsigned char square[] = {0, 0, 4, 4, 0, 0, 4, 4, 8, 8, 12, 12, 8, 8, 12, 12}, quarter[4] = {};
+    OrvosiMath::DownsampleImage(4, 4, square, 2, 2, quarter);
+    EXPECT_EQ(std::vector<int>(quarter, quarter + 4), (std::vector<int>{0, 4, 8, 12}));
 }

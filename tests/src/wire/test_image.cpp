@@ -1,11 +1,8 @@
-// The image helpers offered to applications: the format table and the 2x2
-// box reduction, with its rounding and its walk through the source.
+// The image-format table offered to applications.
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
-#include "math/OrvosiMath.hpp"
 #include "os/OrvosiUtil.hpp"
 
 TEST(ImageResolution, ElevenLegalCodesAndNothingElse) {
@@ -22,19 +19,4 @@ TEST(ImageResolution, ElevenLegalCodesAndNothingElse) {
     EXPECT_EQ(legal,
               "10:640x480x1 11:640x480x2 12:640x480x1 20:752x480x1 21:752x480x2 30:1280x1024x1 "
               "31:1280x1024x2 40:1280x960x1 41:1280x960x1 50:640x480x3 51:1280x960x3 ");
-}
-
-TEST(Downsample, RoundsHalvesUpAndWalksTwoRowsPerOutputRow) {
-    // Blocks summing to 140, 220, 1, 2, 3 and 1020: the means 35 and 55,
-    // a quarter rounds down, a half and three quarters round up, 255 stays.
-    unsigned char src[] = {10, 20, 30, 40, 1, 0, 1, 1, 1, 1, 255, 255,  //
-                           50, 60, 70, 80, 0, 0, 0, 0, 1, 0, 255, 255};
-    unsigned char dst[7] = {0, 0, 0, 0, 0, 0, 0xEE};
-    OrvosiMath::DownsampleImage(12, 2, src, 6, 1, dst);
-    EXPECT_EQ(std::vector<int>(dst, dst + 7), (std::vector<int>{35, 55, 0, 1, 1, 255, 0xEE}));
-
-    // Each output row comes from its own two source rows.
-    unsigned char square[] = {0, 0, 4, 4, 0, 0, 4, 4, 8, 8, 12, 12, 8, 8, 12, 12}, quarter[4] = {};
-    OrvosiMath::DownsampleImage(4, 4, square, 2, 2, quarter);
-    EXPECT_EQ(std::vector<int>(quarter, quarter + 4), (std::vector<int>{0, 4, 8, 12}));
 }
