@@ -143,7 +143,7 @@ TEST_F(Dissector, ShowsEveryFieldOfEveryKindAsBuilt) {
     s_OrvAccessGpsData g{};
     g.lat = 48.25;
     g.lon = -11.5;
-    g.gpsHalf = 777;
+    g.gpsHalf = 4242;
     g.gpsDouble2 = 1e9;
     g.gpsByte2 = 0x1FF;  // only the low byte travels
     m.gps = g;
@@ -259,7 +259,7 @@ TEST_F(Dissector, ShowsEveryFieldOfEveryKindAsBuilt) {
     EXPECT_EQ(f["orv.gps.format"], "1");
     expectNumbers("lat", f["orv.gps.lat"], {48.25});
     expectNumbers("lon", f["orv.gps.lon"], {-11.5});
-    EXPECT_EQ(f["orv.gps.gpsHalf"], "777");
+    EXPECT_EQ(f["orv.gps.gpsHalf"], "4242");
     expectNumbers("gpsDouble2", f["orv.gps.gpsDouble2"], {1e9});
     EXPECT_EQ(f["orv.gps.gpsByte2"], "255");
 
