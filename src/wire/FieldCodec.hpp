@@ -107,7 +107,7 @@ template <class T> constexpr ByBits<T> byBits(T* p) { return {p}; }
 template <class T> constexpr AsFlag<T> asFlag(T* p) { return {p}; }
 
 template <Type T>
-inline auto readOne(OrvosiReader& r) {
+[[gnu::always_inline]] inline auto readOne(OrvosiReader& r) {
     if constexpr (T == Type::u8 || T == Type::x8) return r.u8();
     else if constexpr (T == Type::u16 || T == Type::x16) return r.u16();
     else if constexpr (T == Type::u24) return r.u24();
@@ -136,7 +136,7 @@ inline void writeOne(OrvosiWriter& w, V v) {
 
 // ---- reading --------------------------------------------------------------
 template <Type T, unsigned N, class D>
-inline void get(OrvosiReader& r, ByValue<D> d) {
+[[gnu::always_inline]] inline void get(OrvosiReader& r, ByValue<D> d) {
     constexpr size_t n = elementsOf(T) * N;
     if constexpr (isReal(T) && T != Type::f64 && std::is_same<D, float>::value) {
         r.f32s(d.p, n);
@@ -145,7 +145,7 @@ inline void get(OrvosiReader& r, ByValue<D> d) {
     }
 }
 template <Type T, unsigned N, class D>
-inline void get(OrvosiReader& r, ByBits<D> d) {
+[[gnu::always_inline]] inline void get(OrvosiReader& r, ByBits<D> d) {
     constexpr size_t words = fieldSize(T, N) / sizeof(D);
     static_assert(words * sizeof(D) == fieldSize(T, N), "a field stored as words fills them exactly");
     for (size_t i = 0; i < words; ++i) {
@@ -155,11 +155,11 @@ inline void get(OrvosiReader& r, ByBits<D> d) {
     }
 }
 template <Type T, unsigned N, class D>
-inline void get(OrvosiReader& r, AsFlag<D> d) {
+[[gnu::always_inline]] inline void get(OrvosiReader& r, AsFlag<D> d) {
     for (size_t i = 0; i < N; ++i) d.p[i] = readOne<T>(r) != 0 ? 1 : 0;
 }
 template <Type T, unsigned N>
-inline void get(OrvosiReader& r, Dropped) {
+[[gnu::always_inline]] inline void get(OrvosiReader& r, Dropped) {
     r.skip(fieldSize(T, N));
 }
 
@@ -204,12 +204,13 @@ inline void put(OrvosiWriter& w, Dropped) {
 
 // Makes, from the list LIST, the table kNameFields, the check that it runs
 // without gaps, decodeName(reader, rec), reading from the reader's position,
-// and encodeName(writer, rec), writing at the writer's.
+// and encodeName(writer, rec), writing at the writer's. The decoder is
+// inlined into its parser so that the reader's position stays in registers.
 #define ORVWIRE_FIELD_LIST(Name, LIST)                                                         \
     inline constexpr ::orvwire::Field k##Name##Fields[] = {LIST(ORVWIRE_FIELD_ROW)};            \
     static_assert(::orvwire::contiguous(k##Name##Fields), #Name " fields leave a gap");        \
     template <class Rec>                                                                        \
-    inline void decode##Name(OrvosiReader& r, [[maybe_unused]] Rec& rec) {                      \
+    [[gnu::always_inline]] inline void decode##Name(OrvosiReader& r, [[maybe_unused]] Rec& rec) { \
         LIST(ORVWIRE_FIELD_GET)                                                                 \
     }                                                                                           \
     template <class Rec>                                                                        \
