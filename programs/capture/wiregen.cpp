@@ -12,6 +12,8 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <iterator>
+#include <tuple>
 #include <utility>
 
 #include "wire/Chip.hpp"
@@ -133,6 +135,16 @@ void table(std::ostream& o) {
                            {"triad", orvwire::kCompactTriad}})
         o << "    " << name << " = {at = " << v.at << ", bits = " << v.bits << ", scale = " << v.scale << "},\n";
     o << "    withTriad = " << int(orvwire::kCompactWithTriad) << ",\n";
+    // The small fields' pieces: {byte, left shift (negative: right), mask}.
+    for (auto [name, pieces, n] : {std::tuple<const char*, const orvwire::BitPiece*, size_t>{
+                                       "pid", orvwire::kCompactPid, std::size(orvwire::kCompactPid)},
+                                   {"status", orvwire::kCompactStatus, std::size(orvwire::kCompactStatus)},
+                                   {"word", orvwire::kCompactWord, std::size(orvwire::kCompactWord)}}) {
+        o << "    " << name << " = {";
+        for (size_t i = 0; i < n; ++i)
+            o << "{" << int(pieces[i].at) << ", " << int(pieces[i].shift) << ", " << pieces[i].mask << "}, ";
+        o << "},\n";
+    }
     o << "  },\n  families = {\n";
     for (const orvwire::Family* f : {&orvwire::kMeta, &orvwire::kImage, &orvwire::kTracking, &orvwire::kPra,
                                      &orvwire::kHubError, &orvwire::kHubData, &orvwire::kNft, &orvwire::kOptical,

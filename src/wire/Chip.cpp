@@ -141,10 +141,9 @@ bool OrvwireChip::decode(const unsigned char* pkt, BrevantData* out, uint64_t ti
 
 bool OrvwireChip::ParseCompactPacket(unsigned char* pkt, BrevantData* out) {
     const unsigned char* b = pkt;
-    out->pid = static_cast<uint8_t>((b[5] >> 4) | (b[3] & 0xF0));
-    out->status = static_cast<uint8_t>((((b[3] >> 2) << 6) | ((b[5] * 4) & 0x30) | (b[7] & 0x0C)) & 0xFF);
-    out->word = static_cast<uint16_t>(((b[7] << 8) & 0xF000) | ((b[9] << 4) & 0x0F00) | (b[11] & 0xF0) |
-                                      (b[13] >> 4));
+    out->pid = static_cast<uint8_t>(orvwire::gather(b, orvwire::kCompactPid));
+    out->status = static_cast<uint8_t>(orvwire::gather(b, orvwire::kCompactStatus));
+    out->word = static_cast<uint16_t>(orvwire::gather(b, orvwire::kCompactWord));
     for (int i = 0; i < 3; ++i) {
         out->gyro[i] = compact(b, orvwire::kCompactGyro, i);
         out->accel[i] = compact(b, orvwire::kCompactAccel, i);

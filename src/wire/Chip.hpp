@@ -93,6 +93,28 @@ inline constexpr CompactValue kCompactAccel{8, 12, 0.0001};   // x, y, z at 8, 1
 inline constexpr CompactValue kCompactTriad{14, 14, 0.00025};  // type 2; the axis in the top two bits
 inline constexpr unsigned char kCompactWithTriad = 2;
 
+// The compact types' small fields are gathered from the spare bits of those
+// words: each piece is (byte at `at`, shifted left by `shift`, or right by
+// -shift) masked with `mask`, and a field is its pieces ORed.
+struct BitPiece {
+    unsigned char at;
+    signed char shift;
+    unsigned int mask;
+};
+inline constexpr BitPiece kCompactPid[] = {{5, -4, 0x0F}, {3, 0, 0xF0}};
+inline constexpr BitPiece kCompactStatus[] = {{3, 4, 0xC0}, {5, 2, 0x30}, {7, 0, 0x0C}};
+inline constexpr BitPiece kCompactWord[] = {{7, 8, 0xF000}, {9, 4, 0x0F00}, {11, 0, 0x00F0}, {13, -4, 0x000F}};
+
+template <size_t N>
+constexpr unsigned int gather(const unsigned char* b, const BitPiece (&pieces)[N]) {
+    unsigned int v = 0;
+    for (const BitPiece& p : pieces)
+        v |= (p.shift >= 0 ? static_cast<unsigned int>(b[p.at]) << p.shift
+                           : static_cast<unsigned int>(b[p.at]) >> -p.shift) &
+             p.mask;
+    return v;
+}
+
 }  // namespace orvwire
 
 // The decoder; OrvosiUtil (os/) derives from it, which adds the host clock.

@@ -417,8 +417,8 @@ local function signExtend(v, bits)
     return v
 end
 
--- A compact chip packet's signed value: `bits` bits of the little-endian
--- word at c.at + 2 * i (the rest of the word is other fields'), scaled.
+-- A compact chip packet's signed values: `bits` bits of the little-endian
+-- word at at + 2 * i (the rest of the word is other fields'), scaled.
 local CG, CA, CT = W.compact.gyro, W.compact.accel, W.compact.triad
 
 local function imu(tree, tvb, at, limit)
@@ -443,14 +443,21 @@ local function imu(tree, tvb, at, limit)
         local w = cv.at + 2 * i
         return signExtend(b(w) + 256 * b(w + 1), cv.bits) * cv.scale
     end
+    -- A small field of a compact packet: its pieces {byte, shift, mask} ORed.
+    local function gather(pieces)
+        local v = 0
+        for _, p in ipairs(pieces) do
+            local x = p[2] >= 0 and shl(b(p[1]), p[2]) or shr(b(p[1]), -p[2])
+            v = bor(v, band(x, p[3]))
+        end
+        return v
+    end
     if c.mask == 0 then
         -- Compact types: bit-packed fields across the packet.
         local r = tvb(at, length)
-        sub:add(pf["imu.pid"], r, bor(shr(b(5), 4), band(b(3), 0xF0))):set_generated()
-        sub:add(pf["imu.status"], r, band(bor(shl(shr(b(3), 2), 6), band(b(5) * 4, 0x30), band(b(7), 0x0C)), 0xFF))
-            :set_generated()
-        sub:add(pf["imu.word"], r, bor(band(shl(b(7), 8), 0xF000), band(shl(b(9), 4), 0x0F00), band(b(11), 0xF0),
-                                       shr(b(13), 4))):set_generated()
+        sub:add(pf["imu.pid"], r, gather(W.compact.pid)):set_generated()
+        sub:add(pf["imu.status"], r, gather(W.compact.status)):set_generated()
+        sub:add(pf["imu.word"], r, gather(W.compact.word)):set_generated()
         for i = 0, 2 do
             sub:add(pf["imu.gyro"], tvb(at + CG.at + 2 * i, 2), compact(CG, i)):set_generated()
         end
