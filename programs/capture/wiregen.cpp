@@ -119,13 +119,17 @@ void table(std::ostream& o) {
     layout(o, "GPS_BODY", orvwire::kGpsBodyFields);
     layout(o, "UPLINK_POSE", orvwire::kUplinkPoseFields);
     layout(o, "INPUT", orvwire::kInputFields);
-    // The chip's fields in wire order: {mask bit, name, bytes[, scale[, raw name]]}.
+    // The chip's fields in wire order: {mask bit, name, bytes, scale, raw name, unsigned}.
     o << "  },\n  chipFields = {\n" << std::setprecision(17);
     for (const orvwire::ChipField& f : orvwire::kChipFields) {
         o << "    {" << f.bit << ", " << quoted(f.name) << ", " << f.bytes;
-        if (f.scale != 0) o << ", " << f.scale;
-        if (f.raw != nullptr) o << ", " << quoted(f.raw);
-        o << "},\n";
+        o << ", ";
+        if (f.scale != 0)
+            o << f.scale;
+        else
+            o << "nil";
+        o << ", " << (f.raw != nullptr ? quoted(f.raw) : "nil") << ", " << (f.isUnsigned ? "true" : "false")
+          << "},\n";
     }
     o << "  },\n  chipFieldsAt = " << orvwire::kChipFieldsAt << ",\n  chipValue8000a = {scale = "
       << orvwire::kChipValue8000aScale << ", factor = " << orvwire::kChipValue8000aFactor

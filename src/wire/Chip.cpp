@@ -114,8 +114,10 @@ bool OrvwireChip::decode(const unsigned char* pkt, BrevantData* out, uint64_t ti
         for (float& f : out->vec200) f = scaled(i16(r), chipField(0x200).scale);
     if (mask & 0x400)
         for (float& f : out->vec400) f = scaled(i16(r), chipField(0x400).scale);
-    // The only 16-bit field the chip sends unsigned.
-    if (mask & 0x800) out->scalar800 = scaled(r.u16(), chipField(0x800).scale);
+    if (mask & 0x800) {
+        static_assert(chipField(0x800).isUnsigned, "read as the chip sends it");
+        out->scalar800 = scaled(r.u16(), chipField(0x800).scale);
+    }
     if (mask & 0x1000) out->scalar1000 = scaled(i16(r), chipField(0x1000).scale);
     if (mask & kBrevantMaskAux) {
         const unsigned char first = r.u8();

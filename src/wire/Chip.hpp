@@ -36,14 +36,16 @@ constexpr const ChipType* findChipType(unsigned char type) {
 }
 
 // The fields of the mask-driven types, in wire order: the mask bit that
-// brings one, its name, its bytes, the scale of each signed 16-bit word in
-// it (0: not scaled), and the name its raw words keep (or null).
+// brings one, its name, its bytes, the scale of each 16-bit word in it (0:
+// not scaled), the name its raw words keep (or null), and whether those
+// words are unsigned (else two's complement).
 struct ChipField {
     uint32_t bit;
     const char* name;
     unsigned int bytes;
     double scale;
     const char* raw;
+    bool isUnsigned = false;
 };
 // The mask bits a sample of the tracker's front end is made of.
 inline constexpr uint32_t kChipStatus = 0x1;
@@ -63,7 +65,7 @@ inline constexpr ChipField kChipFields[] = {
     {0x100, "vec100", 6, kTwoPowMinus15, nullptr},
     {0x200, "vec200", 6, kTwoPowMinus15, nullptr},
     {0x400, "vec400", 6, kTwoPowMinus15, nullptr},
-    {0x800, "scalar800", 2, 0.0014648, nullptr},  // the only word the chip sends unsigned
+    {0x800, "scalar800", 2, 0.0014648, nullptr, true},  // the only word the chip sends unsigned
     {0x1000, "scalar1000", 2, 0.05, nullptr},
     {0x2000, "aux", 5, 0, nullptr},  // hi2000:3 lo2000:5, byte2000, three bytes unread
     {0x4000, "byte4000", 1, 0, nullptr},

@@ -130,7 +130,8 @@ for _, it in ipairs(LY.GPS_BODY) do table.insert(GPS, it); table.insert(UPLINK_G
 
 -- ---- the inertial chip packet (IMU subpacket) ----
 -- Mask-driven types: the fields present in this fixed order, each with its
--- bytes and scale as the library decodes them: {bit, name, bytes, scale, raw name}.
+-- bytes and scale as the library decodes them: {bit, name, bytes, scale, raw
+-- name, unsigned}.
 local CHIP_FIELDS = W.chipFields
 
 local function chipFields()
@@ -474,7 +475,7 @@ local function imu(tree, tvb, at, limit)
     local pos = at + W.chipFieldsAt
     local status = 0
     for _, cf in ipairs(CHIP_FIELDS) do
-        local bit, name, n, scale, raw = cf[1], cf[2], cf[3], cf[4], cf[5]
+        local bit, name, n, scale, raw, unsigned = cf[1], cf[2], cf[3], cf[4], cf[5], cf[6]
         if band(c.mask, bit) ~= 0 then
             if name == "status" then status = b(pos - at) end
             if n == 1 then
@@ -490,14 +491,14 @@ local function imu(tree, tvb, at, limit)
                 local va = W.chipValue8000a
                 sub:add(pf["imu.value8000a"], tvb(pos, 3), tvb(pos, 3):le_uint() * va.scale * va.factor)
                 sub:add(pf["imu.value8000b"], tvb(pos + 3, 2), tvb(pos + 3, 2):le_int() * scale)
-            elseif bit == 0x20 then
+            elseif name == "triad" and n == 2 then  -- one axis, named by the status byte
                 sub:add(pf["imu.triadAxis"], tvb(pos, 2), band(status, 3)):set_generated()
                 sub:add(pf["imu.triad"], tvb(pos, 2), tvb(pos, 2):le_int() * scale)
             else
                 for i = 0, n / 2 - 1 do
                     local r = tvb(pos + 2 * i, 2)
                     if raw then sub:add_le(pf["imu." .. raw], r) end
-                    local x = bit == 0x800 and r:le_uint() * scale or r:le_int() * scale
+                    local x = unsigned and r:le_uint() * scale or r:le_int() * scale
                     sub:add(pf["imu." .. name], r, x)
                 end
             end
