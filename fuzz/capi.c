@@ -1,6 +1,6 @@
 /* The calls of the C interface that take or give an enumeration, made from
  * C, where any int may stand for one, just as a C application makes them. */
-#include "fuzz/capi.h"
+#include "capi.h"
 
 int orvfuzz_getImuData(OrvAccess* handle, int imu, int* delivered, s_OrvAccessImuData* data) {
     return OrvAccess_getImuData(handle, (e_OrvAccessImuSelect)imu, delivered, data);

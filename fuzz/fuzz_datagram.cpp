@@ -9,7 +9,7 @@
 // frames the datagram so that it passes its check; bit 4 also frames the
 // subpackets and the chip packet inside it, so that mutated contents reach
 // their parsers too.
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
 #include "FuzzState.hpp"
 
 namespace {

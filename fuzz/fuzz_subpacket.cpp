@@ -8,7 +8,7 @@
 // build up. Record control: bits 0-2 the family (modulo six); bit 3 frames
 // the subpacket so that it passes its check; bits 4-7 how far it reaches
 // past its real bytes, in steps of 4096 (0: not at all).
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
 #include "FuzzState.hpp"
 
 namespace {

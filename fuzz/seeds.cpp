@@ -19,7 +19,7 @@
 
 #include "wire/CommandCodes.hpp"
 #include "access/Config.hpp"
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
 #include "FuzzState.hpp"
 #include "orvsim/Wire.hpp"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
 #include "capture/Packets.hpp"
 
 namespace orvtools {

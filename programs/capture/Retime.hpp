@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
 
 namespace orvtools {
 

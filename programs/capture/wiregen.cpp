@@ -8,13 +8,19 @@
 //   orvwiregen TEMPLATE OUTPUT
 #include <cstdio>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <iterator>
+#include <tuple>
+#include <utility>
 
+#include "wire/Chip.hpp"
 #include "wire/CommandCodes.hpp"
+#include "wire/Fields.hpp"
 #include "access/Config.hpp"
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
 #include "orvaccess/OrvAccess.hpp"
 #include "os/OrvosiUtil.hpp"
 
@@ -59,6 +65,18 @@ void family(std::ostream& o, const orvwire::Family& f) {
       << "},\n";
 }
 
+// A field list as the dissector walks it: {name, kind, description[, count]}.
+template <size_t N>
+void layout(std::ostream& o, const char* name, const orvwire::Field (&fields)[N]) {
+    o << "    " << name << " = {\n";
+    for (const orvwire::Field& f : fields) {
+        o << "      {" << quoted(f.name) << ", " << quoted(orvwire::typeName(f.type)) << ", " << quoted(f.description);
+        if (f.count != 1 || f.type == orvwire::Type::skip) o << ", " << f.count;
+        o << "},\n";
+    }
+    o << "    },\n";
+}
+
 // The numbers of orvwire.h by their names, less the ORVWIRE_ prefix. A
 // name that changes there fails this build, not the dissector at run time.
 #define NUMBER(name) o << "    " #name " = " << static_cast<long>(ORVWIRE_##name) << ",\n"
@@ -78,6 +96,59 @@ void table(std::ostream& o) {
     NUMBER(PRA_SIZE); NUMBER(NFT_FEATURES_AT); NUMBER(NFT_FEATURE_SIZE); NUMBER(NFT_SIZE);
     NUMBER(IMAGE_PIXELS_AT); NUMBER(IMAGE_OVERHEAD); NUMBER(UPLINK_PLATPOSE_SIZE); NUMBER(UPLINK_GPS_SIZE);
     NUMBER(UPLINK_INPUT_SIZE); NUMBER(PLATPOSE_FORMAT2); NUMBER(PLATPOSE_FORMAT3); NUMBER(GPS_FORMAT);
+    o << "  },\n  layouts = {\n";
+    layout(o, "TRACKING", orvwire::kTrackingFields);
+    layout(o, "OPTICAL", orvwire::kOpticalFields);
+    layout(o, "OPTICAL_TARGET", orvwire::kOpticalTargetFields);
+    layout(o, "STATS", orvwire::kStatsFields);
+    layout(o, "PRA", orvwire::kPraFields);
+    layout(o, "HUB", orvwire::kHubFields);
+    layout(o, "HUB_ERROR", orvwire::kHubErrorFields);
+    layout(o, "NFT", orvwire::kNftFields);
+    layout(o, "NFT_TAIL", orvwire::kNftTailFields);
+    layout(o, "META", orvwire::kMetaFields);
+    layout(o, "IMAGE", orvwire::kImageFields);
+    layout(o, "PLATPOSE", orvwire::kPlatPoseFields);
+    layout(o, "POSE", orvwire::kPoseFields);
+    layout(o, "TARGET", orvwire::kTargetFields);
+    layout(o, "TARGET_ENTRY", orvwire::kTargetEntryFields);
+    layout(o, "DIAG", orvwire::kDiagFields);
+    layout(o, "DIAG_OPTIONAL", orvwire::kDiagOptionalFields);
+    layout(o, "GPS", orvwire::kGpsFields);
+    layout(o, "UPLINK_GPS", orvwire::kUplinkGpsFields);
+    layout(o, "GPS_BODY", orvwire::kGpsBodyFields);
+    layout(o, "UPLINK_POSE", orvwire::kUplinkPoseFields);
+    layout(o, "INPUT", orvwire::kInputFields);
+    // The chip's fields in wire order: {mask bit, name, bytes, scale, raw name, unsigned}.
+    o << "  },\n  chipFields = {\n" << std::setprecision(17);
+    for (const orvwire::ChipField& f : orvwire::kChipFields) {
+        o << "    {" << f.bit << ", " << quoted(f.name) << ", " << f.bytes;
+        o << ", ";
+        if (f.scale != 0)
+            o << f.scale;
+        else
+            o << "nil";
+        o << ", " << (f.raw != nullptr ? quoted(f.raw) : "nil") << ", " << (f.isUnsigned ? "true" : "false")
+          << "},\n";
+    }
+    o << "  },\n  chipFieldsAt = " << orvwire::kChipFieldsAt << ",\n  chipValue8000a = {scale = "
+      << orvwire::kChipValue8000aScale << ", factor = " << orvwire::kChipValue8000aFactor
+      << "},\n  compact = {\n";
+    for (auto [name, v] : {std::pair<const char*, orvwire::CompactValue>{"gyro", orvwire::kCompactGyro},
+                           {"accel", orvwire::kCompactAccel},
+                           {"triad", orvwire::kCompactTriad}})
+        o << "    " << name << " = {at = " << v.at << ", bits = " << v.bits << ", scale = " << v.scale << "},\n";
+    o << "    withTriad = " << int(orvwire::kCompactWithTriad) << ",\n";
+    // The small fields' pieces: {byte, left shift (negative: right), mask}.
+    for (auto [name, pieces, n] : {std::tuple<const char*, const orvwire::BitPiece*, size_t>{
+                                       "pid", orvwire::kCompactPid, std::size(orvwire::kCompactPid)},
+                                   {"status", orvwire::kCompactStatus, std::size(orvwire::kCompactStatus)},
+                                   {"word", orvwire::kCompactWord, std::size(orvwire::kCompactWord)}}) {
+        o << "    " << name << " = {";
+        for (size_t i = 0; i < n; ++i)
+            o << "{" << int(pieces[i].at) << ", " << int(pieces[i].shift) << ", " << pieces[i].mask << "}, ";
+        o << "},\n";
+    }
     o << "  },\n  families = {\n";
     for (const orvwire::Family* f : {&orvwire::kMeta, &orvwire::kImage, &orvwire::kTracking, &orvwire::kPra,
                                      &orvwire::kHubError, &orvwire::kHubData, &orvwire::kNft, &orvwire::kOptical,

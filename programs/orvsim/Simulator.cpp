@@ -16,7 +16,7 @@
 #include <utility>
 
 #include "access/Config.hpp"
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
 #include "os/OrvosiSharedMem.hpp"
 #include "os/OrvosiUdp.hpp"
 #include "os/OrvosiUtil.hpp"

@@ -7,14 +7,17 @@
 #include <string>
 #include <utility>
 
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
+#include "wire/Chip.hpp"
+#include "wire/Fields.hpp"
 #include "wire/OrvosiCursor.hpp"
+#include "wire/Packets.hpp"
 
 namespace orvsim {
 
 namespace {
 
-constexpr size_t kMaxDatagram = ORVWIRE_MAX_DATAGRAM;
+using orvwire::kMaxDatagram;
 constexpr size_t kSmall = 256;  // room for every fixed-size packet and subpacket
 
 // A framed packet under construction in a buffer of the given capacity:
@@ -36,8 +39,6 @@ public:
     void f32s(const float* v, size_t n) {
         for (size_t i = 0; i < n; ++i) w.f32(v[i]);
     }
-    // The bytes written so far, for fields filled in after what follows them.
-    unsigned char* raw() { return buf_.data(); }
 
 private:
     Datagram buf_;
@@ -50,45 +51,6 @@ void require(bool condition, const char* what) {
     if (!condition) throw std::length_error(what);
 }
 
-void writeStats(OrvosiWriter& w, const s_OrvAccessPoseRecStats& s, bool pra) {
-    auto put = [&w](const float* v, size_t n) {
-        for (size_t i = 0; i < n; ++i) w.f32(v[i]);
-    };
-    if (pra) {
-        w.u8(static_cast<unsigned char>(s.flagA));
-        w.u8(static_cast<unsigned char>(s.stat0));
-        w.u8(static_cast<unsigned char>(s.stat1));
-        w.u8(static_cast<unsigned char>(s.stat2));
-        w.f32(s.value0);
-        put(s.vec1, 3);
-        put(s.vec2, 3);
-        put(s.vec3, 3);
-        put(s.vec4, 3);
-        for (int i = 0; i < 6; ++i) w.u32(s.extra[i]);  // vectors B and C as float bits
-        w.f32(s.value3);
-        w.f32(s.value4);
-        w.f32(s.value5);
-        for (int i = 6; i < 36; ++i) w.u32(s.extra[i]);  // sixty 16-bit counts
-        return;
-    }
-    w.u8(static_cast<unsigned char>(s.stat0));
-    w.u8(static_cast<unsigned char>(s.stat1));
-    w.u8(static_cast<unsigned char>(s.stat2));
-    w.u8(static_cast<unsigned char>(s.stat3));
-    w.f32(s.value0);
-    w.u8(s.flagA != 0 ? 1 : 0);
-    w.u8(s.flagB != 0 ? 1 : 0);
-    w.f32(s.value1);
-    put(s.vec1, 3);
-    put(s.vec2, 3);
-    put(s.vec3, 3);
-    put(s.vec4, 3);
-    w.f32(s.value2);
-    w.f32(s.value3);
-    w.f32(s.value4);
-    w.f32(s.value5);
-}
-
 }  // namespace
 
 Datagram buildOpticalSubpacket(const Optical& o) {
@@ -96,57 +58,32 @@ Datagram buildOpticalSubpacket(const Optical& o) {
     Packet p(orvwire::kOptical.startByte, orvwire::kOptical.fixedSize +
                                               ORVWIRE_OPTICAL_TARGET_SIZE * o.targets.size() +
                                               ORVWIRE_OPTICAL_STATS_SIZE);
-    p.w.u32(o.tag);
-    p.w.u8(static_cast<unsigned char>(o.targets.size()));
-    p.w.zeros(2);
-    for (const OpticalTarget& t : o.targets) {
-        p.w.u16(t.id);
-        p.f32s(t.resid, 5);
-    }
-    if (o.stats) writeStats(p.w, *o.stats, false);
+    orvwire::encodeOptical(p.w, orvwire::OpticalHeader{o.tag, static_cast<uint8_t>(o.targets.size())});
+    for (const OpticalTarget& t : o.targets) orvwire::encodeOpticalTarget(p.w, t);
+    if (o.stats) orvwire::encodeStats(p.w, *o.stats);
     return p.finish("optical subpacket");
 }
 
 Datagram buildPlatPoseSubpacket(const s_OrvAccessPlatPoseData& pose) {
     Packet p(orvwire::kPlatPose.startByte);
-    p.w.u32(pose.tag);
-    p.w.u8(ORVWIRE_PLATPOSE_FORMAT3);
-    p.f32s(pose.pose, 3);
+    orvwire::encodeUplinkPose(
+        p.w, orvwire::UplinkPose{pose.tag, ORVWIRE_PLATPOSE_FORMAT3, {pose.pose[0], pose.pose[1], pose.pose[2]}});
     return p.finish("platform pose");
 }
 
 Datagram buildDiagSubpacket(const s_OrvAccessDiagData& d) {
     Packet p(orvwire::kDiag.startByte);
-    p.w.u32(d.tag);
-    p.w.f32(d.diagValue1);
-    p.w.u24(d.diagCount);
-    p.w.u8(d.diagByte1);
-    p.w.f32(d.diagValue2);
-    p.w.u8(d.diagByte2);
-    p.w.bytes(d.errorCodes, 4);
-    p.w.u8(static_cast<unsigned char>(d.state));
-    p.w.bytes(d.optional, 4);
+    orvwire::encodeDiag(p.w, d);
+    orvwire::encodeDiagOptional(p.w, d);
     return p.finish("diagnostic");
 }
 
 Datagram buildGpsSubpacket(const s_OrvAccessGpsData& g) {
     Packet p(orvwire::kGps.startByte);
-    p.w.u8(ORVWIRE_GPS_FORMAT);
-    p.w.u32(g.gpsWord1);
-    p.w.f64(g.lat);
-    p.w.f64(g.lon);
-    p.w.f32(g.gpsValue1);
-    p.w.u16(g.gpsHalf);
-    p.w.u8(g.gpsByte1);
-    p.w.f32(g.gpsValue2);
-    p.w.f32(g.gpsValue3);
-    p.w.u32(g.gpsWord2);
-    p.w.f64(g.gpsDouble1);
-    p.w.f64(g.gpsDouble2);
-    p.w.f32(g.gpsValue4);
-    p.w.f32(g.gpsValue5);
-    p.w.f32(g.gpsValue6);
-    p.w.u8(static_cast<unsigned char>(g.gpsByte2));
+    s_OrvAccessGpsData sent = g;
+    sent.valid = ORVWIRE_GPS_FORMAT;
+    orvwire::encodeGps(p.w, sent);
+    orvwire::encodeGpsBody(p.w, sent);
     return p.finish("GPS");
 }
 
@@ -156,94 +93,69 @@ Datagram buildTracking(const s_OrvAccessTrkDataExt& r, const Optical* optical) {
 
 Datagram buildTracking(const s_OrvAccessTrkDataExt& r, const Datagram& sub) {
     Packet p(orvwire::kTracking.startByte, orvwire::kTracking.fixedSize + sub.size());
-    OrvosiWriter& w = p.w;
-    w.u32(r.packetTag);
-    w.u64(r.poseTime);
-    w.u32(r.platPoseTime);
-    w.u32(r.statusWord);
-    for (const float* v : {r.vecA, r.vecB, r.vecC, r.vecD, r.vecE, r.vecF}) p.f32s(v, 3);
-    w.u16(r.countA);
-    w.u16(r.countB);
-    p.f32s(r.cbn[0], 9);
-    for (const float* v : {r.position, r.vecG, r.vecH, r.angularRate, r.vecI}) p.f32s(v, 3);
-    p.f32s(r.cbn2[0], 9);
-    p.f32s(r.vecJ, 3);
-    p.f32s(r.vecK, 3);
-    w.u64(r.time2);
-    p.f32s(r.vecL, 3);
-    p.f32s(r.vecM, 3);
-    w.f32(r.scalarA);
-    w.f32(r.scalarB);
-    w.bytes(r.errorCodes, 4);
-    p.f32s(r.vecN, 3);
-    p.f32s(r.vecO, 3);
-    w.zeros(8);
-    w.bytes(sub.data(), sub.size());
+    orvwire::encodeTracking(p.w, r);
+    p.w.bytes(sub.data(), sub.size());
     return p.finish("tracking packet");
 }
 
 Datagram buildPra(const s_OrvAccessPoseRecStats& rec) {
     Packet p(orvwire::kPra.startByte);
-    p.w.u32(rec.tag);
-    writeStats(p.w, rec, true);
+    orvwire::encodePra(p.w, rec);
     return p.finish("PRA packet");
 }
 
 Datagram buildHubData(const s_OrvAccessHubData& r) {
     Packet p(orvwire::kHubData.startByte);
-    p.w.u32(r.word);
-    p.w.zeros(3);
-    p.w.u8(r.status);
-    p.w.u16(r.halfWord);
-    p.w.u32(r.words[0]);
-    p.w.u32(r.words[1]);
-    p.w.u64(r.time);
-    p.f32s(r.cbn[0], 9);
-    p.f32s(r.vec[0], 21);
-    p.w.u8(r.lastByte);
+    orvwire::encodeHub(p.w, r);
     return p.finish("hub data packet");
 }
 
 Datagram buildHubError(uint32_t value, uint8_t code) {
     Packet p(orvwire::kHubError.startByte);
-    p.w.u32(value);
-    p.w.u8(0);
-    p.w.u8(code);
+    orvwire::encodeHubError(p.w, orvwire::HubError{value, code});
     return p.finish("hub error packet");
 }
 
 Datagram buildNft(const s_OrvAccessTrkDataExt& r, const std::vector<std::array<float, 3>>& features) {
     Packet p(orvwire::kNft.startByte, orvwire::kNft.fixedSize + ORVWIRE_NFT_FEATURE_SIZE * features.size());
-    p.w.u32(r.packetTag);
-    p.w.u64(r.poseTime);
-    p.f32s(r.cbn[0], 9);
-    for (const float* v : {r.position, r.vecG, r.vecH, r.angularRate, r.vecJ}) p.f32s(v, 3);
-    p.f32s(r.extB, 6);
-    p.w.u8(static_cast<unsigned char>(r.countA));
-    p.w.u32(features.size());
+    orvwire::encodeNft(p.w, r);
+    // The count is the header's last field, which the record does not keep.
+    p.w.patch(orvwire::offsetOf(orvwire::kNftFields, "featureCount"), features.size(),
+              orvwire::fieldSize(orvwire::typeOf(orvwire::kNftFields, "featureCount"), 1));
     for (const auto& f : features) p.f32s(f.data(), 3);
-    p.f32s(r.extD, 3);
+    orvwire::encodeNftTail(p.w, r);
     return p.finish("NFT packet");
 }
 
 Datagram buildChipPacket(const ChipSample& c) {
-    require(c.type == 3 || c.type == 20, "chip packet type other than 3 or 20");
-    Datagram buf(32);
+    require(c.type == orvwire::kChipTypeImu || c.type == orvwire::kChipTypeImuAux,
+            ("chip packet type other than " + std::to_string(orvwire::kChipTypeImu) + " or " +
+             std::to_string(orvwire::kChipTypeImuAux))
+                .c_str());
+    const unsigned int mask = OrvwireChip::GetPacketMask(c.type);
+    Datagram buf(OrvwireChip::GetBvPacketLength(c.type));
     OrvosiWriter w(buf.data(), buf.size());
     w.u8(orvwire::kImu.startByte);
     w.u8(c.type);
     w.u8(c.pid);
-    w.u8(c.status);
-    if (c.type == 20) w.u8(0);  // second status byte
-    w.u16(c.word);
-    for (uint16_t g : c.gyroRaw) w.u16(g);
-    for (uint16_t a : c.accelRaw) w.u16(a);
-    if (c.type == 20) {
-        w.zeros(6);                 // one magnetometer axis, two scalars
-        w.u8(c.hasAux ? 0x20 : 0);  // top three bits: the auxiliary byte is valid
-        w.u8(c.aux);
-        w.zeros(4);
+    // The fields the type's mask names, in the chip's order; those the
+    // sample does not model go out as zeros.
+    for (const orvwire::ChipField& f : orvwire::kChipFields) {
+        if (!(mask & f.bit)) continue;
+        switch (f.bit) {
+        case orvwire::kChipStatus: w.u8(c.status); break;
+        case orvwire::kChipWord: w.u16(c.word); break;
+        case orvwire::kChipGyro: for (uint16_t g : c.gyroRaw) w.u16(g); break;
+        case orvwire::kChipAccel: for (uint16_t a : c.accelRaw) w.u16(a); break;
+        case kBrevantMaskAux:
+            w.u8(c.hasAux ? 0x20 : 0);  // top three bits: the auxiliary byte is valid
+            w.u8(c.aux);
+            w.zeros(f.bytes - 2);
+            break;
+        default: w.zeros(f.bytes); break;
+        }
     }
+    w.zeros(buf.size() - 1 - w.pos());  // bytes of the type that carry no field
     w.seal();
     buf.resize(w.pos());
     return buf;
@@ -265,12 +177,11 @@ Datagram buildMeta(uint32_t tag, float interval, uint64_t time, const Datagram& 
     for (const Datagram& sub : subs) size += sub.size();
     Packet p(orvwire::kMeta.startByte, size);
     OrvosiWriter& w = p.w;
-    w.u32(tag);
-    w.u8(0);
-    w.f32(interval);
-    w.u8(0);
-    w.zeros(ORVWIRE_META_TIME_AT - w.pos());  // the subpackets' offsets, patched below
-    w.u64(time);
+    orvwire::MetaHeader header{};  // the subpackets' offsets are patched below
+    header.tag = tag;
+    header.interval = interval;
+    header.time = time;
+    orvwire::encodeMeta(w, header);
     w.bytes(chip.data(), chip.size());
     static_assert(std::tuple_size<MetaSubpackets>::value == std::size(orvwire::kMetaSlots),
                   "one subpacket per slot of the meta header");
@@ -280,7 +191,7 @@ Datagram buildMeta(uint32_t tag, float interval, uint64_t time, const Datagram& 
         const size_t at = w.pos();
         require(at < (size_t{1} << (8 * slot.offsetWidth)), "meta subpacket beyond the reach of its offset");
         w.bytes(subs[i].data(), subs[i].size());
-        OrvosiUtil::lendian(p.raw() + slot.offsetAt, at, slot.offsetWidth);
+        p.w.patch(slot.offsetAt, at, slot.offsetWidth);
     }
     return p.finish("meta packet");
 }
@@ -296,22 +207,11 @@ std::vector<Datagram> buildTargetSubpackets(const std::vector<OrvAccess::s_TgtDa
         const size_t n = std::min(perSubpacket, list.size() - first);
         const OrvAccess::s_TgtData& head = n > 0 ? list[first] : kNone;
         Packet p(orvwire::kTarget.startByte, orvwire::kTarget.fixedSize + ORVWIRE_TARGET_ENTRY_SIZE * n);
-        p.w.u32(head.tag);
-        p.w.u8(static_cast<unsigned char>(n));
-        p.w.u8(static_cast<unsigned char>(head.hdrByte));
-        p.w.u8(0);
-        p.w.u16(list.size());
-        p.w.u16(first);
-        for (size_t i = first; i < first + n; ++i) {
-            const OrvAccess::s_TgtData& t = list[i];
-            p.w.u8(static_cast<unsigned char>(t.kind));
-            p.w.u16(t.id);
-            p.w.u16(t.word1);
-            p.w.u16(t.word2);
-            p.w.u16(t.word3);
-            p.w.u16(t.word4);
-            for (float v : {t.value1, t.value2, t.value3, t.value4, t.value5, t.value6}) p.w.f32(v);
-        }
+        orvwire::encodeTarget(p.w, orvwire::TargetHeader{head.tag, static_cast<uint8_t>(n),
+                                                         static_cast<uint8_t>(head.hdrByte),
+                                                         static_cast<uint16_t>(list.size()),
+                                                         static_cast<uint16_t>(first)});
+        for (size_t i = first; i < first + n; ++i) orvwire::encodeTargetEntry(p.w, list[i]);
         p.w.u8(static_cast<unsigned char>(head.trailer));
         out.push_back(p.finish("target subpacket"));
         first += n;
@@ -321,15 +221,14 @@ std::vector<Datagram> buildTargetSubpackets(const std::vector<OrvAccess::s_TgtDa
 
 std::vector<Datagram> buildImagePieces(uint32_t sequenceId, uint8_t format, const unsigned char* pixels,
                                        size_t size, size_t pieceSize) {
-    require(pieceSize > 0 && pieceSize <= kMaxDatagram - 12, "image piece size outside 1..65523");
+    require(pieceSize > 0 && pieceSize <= orvwire::kMaxImagePiece,
+            ("image piece size outside 1.." + std::to_string(orvwire::kMaxImagePiece)).c_str());
     require(size <= 0xFFFFFF, "image larger than a 24-bit address");
     std::vector<Datagram> out;
     for (size_t at = 0; at < size; at += pieceSize) {
         const size_t n = std::min(pieceSize, size - at);
         Packet p(orvwire::kImage.startByte, n + orvwire::kImage.fixedSize);
-        p.w.u32(sequenceId);
-        p.w.u8(format);
-        p.w.u24(at);
+        orvwire::encodeImage(p.w, orvwire::ImageHeader{sequenceId, format, static_cast<uint32_t>(at)});
         p.w.bytes(pixels + at, n);
         out.push_back(p.finish("image piece"));
     }

@@ -111,7 +111,7 @@ std::vector<Datagram> buildTargetSubpackets(const std::vector<OrvAccess::s_TgtDa
 // ---- images ---------------------------------------------------------------
 
 // Cuts an image into image packets of at most pieceSize pixel bytes (1 to
-// 65523), addressed by their offset in the image.
+// orvwire::kMaxImagePiece), addressed by their offset in the image.
 std::vector<Datagram> buildImagePieces(uint32_t sequenceId, uint8_t format, const unsigned char* pixels,
                                        size_t size, size_t pieceSize);
 

@@ -15,6 +15,7 @@
 
 #include "Args.hpp"
 #include "orvsim/Simulator.hpp"
+#include "wire/Packets.hpp"
 
 namespace {
 
@@ -134,7 +135,7 @@ int main(int argc, char** argv) {
         ->check(orvargs::number(0, 255, "format code"))
         ->capture_default_str();
     app.add_option("--image-piece", cfg.imagePiece, "Pixel bytes per image datagram")
-        ->check(orvargs::number(1, 65523, "bytes"))
+        ->check(orvargs::number(1, static_cast<double>(orvwire::kMaxImagePiece), "bytes"))
         ->capture_default_str();
     app.add_option("--drop", faults.drop, "Share of datagrams dropped")->check(share);
     app.add_option("--corrupt", faults.corrupt, "Share corrupted (bad checksum or wrong length)")

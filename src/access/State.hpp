@@ -19,13 +19,14 @@
 #include "os/OrvosiUdp.hpp"
 #include "os/OrvosiUtil.hpp"
 #include "math/OrvPose.hpp"
+#include "wire/Packets.hpp"
 
 // No configuration key bounds the hub data queue; it gets the bound the
 // configurable queues have by default.
 constexpr uint32_t kHubQueueSize = 10000;
 
 // Largest datagram any port can deliver, and what parsers may reach for.
-constexpr size_t kReceiveBufferSize = 65535;
+constexpr size_t kReceiveBufferSize = orvwire::kMaxDatagram;
 
 // Datagrams read from one endpoint in one system call and handed to the
 // service loop one per pass, so that a burst costs one read per batch, not
@@ -89,7 +90,7 @@ struct OrvAccess::State {
     // and per receiver, in the loop's order, the datagrams dropped unread
     // because another sent them; both set at open.
     SenderFilter senders;
-    uint64_t senderDrops[5] = {};
+    uint64_t senderDrops[orvwire::kPortCount] = {};
 
     // Status counters reported and cleared by getStatus().
     uint32_t receivedMask = 0;
@@ -145,12 +146,12 @@ struct OrvAccess::State {
     // (meta, image, orvCore, orvHub, NFT). Parsers see each through its real
     // size (OrvosiBytes), so what an earlier, longer datagram left in a slot
     // is never read.
-    ReadAhead ahead[5];
+    ReadAhead ahead[orvwire::kPortCount];
     // The open receivers' sockets, asked at once which have data, and the
     // receivers themselves in the loop's order (the set's member order);
     // both made by prepareReadAhead() at open.
     OrvosiReadySet readySet;
-    unsigned char openPorts[5] = {};
+    unsigned char openPorts[orvwire::kPortCount] = {};
     size_t openPortCount = 0;
 
     // Set by a pose feed, which owns the object: a descriptor that wakes its

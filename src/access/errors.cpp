@@ -2,7 +2,7 @@
 #include <cstdint>
 
 #include "access/State.hpp"
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
 
 namespace {
 

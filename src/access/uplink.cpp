@@ -2,6 +2,7 @@
 // once: nothing is queued or retried. The setters check the uplink sender;
 // the packet builders assume it is open.
 #include "access/State.hpp"
+#include "wire/Fields.hpp"
 #include "wire/OrvosiCursor.hpp"
 
 namespace {
@@ -26,9 +27,8 @@ bool sendPlatformPosePkt(OrvAccess::State& s, const s_OrvAccessPlatPoseData* pos
     OrvosiWriter w(buf, sizeof buf);
     w.u8(ORVWIRE_START_PLATPOSE);
     w.u16(0);
-    w.u32(pose->tag);
-    w.u8(ORVWIRE_PLATPOSE_FORMAT3);
-    for (float v : pose->pose) w.f32(v);
+    orvwire::UplinkPose out{pose->tag, ORVWIRE_PLATPOSE_FORMAT3, {pose->pose[0], pose->pose[1], pose->pose[2]}};
+    orvwire::encodeUplinkPose(w, out);
     return transmit(s, w, "Error transmitting pose to orvRx: ");
 }
 
@@ -38,23 +38,8 @@ bool sendGpsDataPkt(OrvAccess::State& s, const s_OrvAccessGpsData* gps) {
     OrvosiWriter w(buf, sizeof buf);
     w.u8(ORVWIRE_START_GPS);
     w.u16(0);
-    w.u8(gps->valid);
-    w.u32(gps->gpsWord1);
-    w.f64(gps->lat);
-    w.f64(gps->lon);
-    w.f32(gps->gpsValue1);
-    w.u16(gps->gpsHalf);
-    w.u8(gps->gpsByte1);
-    w.f32(gps->gpsValue2);
-    w.f32(gps->gpsValue3);
-    w.u32(gps->gpsWord2);
-    w.f64(gps->gpsDouble1);
-    w.f64(gps->gpsDouble2);
-    w.f32(gps->gpsValue4);
-    w.f32(gps->gpsValue5);
-    w.f32(gps->gpsValue6);
-    // Only the low byte of the widened field travels.
-    w.u8(static_cast<unsigned char>(gps->gpsByte2));
+    orvwire::encodeUplinkGps(w, *gps);
+    orvwire::encodeGpsBody(w, *gps);
     return transmit(s, w, "Error transmitting GPS to orvHub: ");
 }
 
@@ -64,7 +49,7 @@ bool sendInputDataPkt(OrvAccess::State& s, unsigned char code) {
     OrvosiWriter w(buf, sizeof buf);
     w.u8(ORVWIRE_START_INPUT);
     w.u16(0);
-    w.u8(code);
+    orvwire::encodeInput(w, orvwire::UplinkInput{code});
     return transmit(s, w, "Error transmitting input data to orvRx: ");
 }
 

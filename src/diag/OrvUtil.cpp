@@ -231,12 +231,11 @@ void OrvUtil::setLastHarmonisationMs(double ms) {
 // ---- packet framing check ------------------------------------------------------
 
 bool OrvUtil::udpPktOk(const unsigned char* buf, unsigned long len, unsigned char startByte) {
-    return udpPktOk(OrvosiBytes{buf, len, len}, len, startByte);
+    return passed(orvwire::framingProblem(buf, len, startByte));
 }
 
 bool OrvUtil::udpPktOk(const OrvosiBytes& packet, unsigned long len, unsigned char startByte) {
-    return framingOk(packet.at(0), static_cast<unsigned long>(packet.at(1) | packet.at(2) << 8), len, startByte,
-                     [&] { return OrvosiUtil::checksum(packet.data, len < packet.size ? len : packet.size); });
+    return passed(orvwire::framingProblem(packet, len, startByte));
 }
 
 // ---- packet-check error text ---------------------------------------------------

@@ -13,6 +13,7 @@
 #include "math/OrvClockMean.hpp"
 #include "math/OrvPose.hpp"
 #include "orvaccess/orvwire.h"
+#include "wire/Framing.hpp"
 #include "wire/OrvosiCursor.hpp"
 
 class OrvUtil : public OrvFloatPose, public OrvClockMean {
@@ -87,41 +88,31 @@ public:
     // so that tests can open or shut the 5000 ms gate without waiting.
     static void setLastHarmonisationMs(double ms);
 
-    // The framing check every received datagram passes before its parser:
-    // buf[0] is startByte ("Wrong start byte"), the little-endian word at
-    // buf[1..2] equals len ("Invalid size"), and the bytes sum to 0 modulo 256
-    // ("Invalid checksum"). The first failure sets getLastError() and returns
-    // false; success leaves the text alone. Reads nothing beyond len.
+    // The framing check every received datagram passes before its parser
+    // (orvwire::framingProblem: "Wrong start byte", "Invalid size", "Invalid
+    // checksum"). The first failure sets getLastError() and returns false;
+    // success leaves the text alone. Reads nothing beyond len.
     static bool udpPktOk(const unsigned char* buf, unsigned long len, unsigned char startByte);
     // The same check of the first len bytes of a received packet, where those
-    // past its real bytes are zeros (a subpacket whose length field runs past
-    // the end of its datagram): they count, as zeros, towards the sum.
+    // past its real bytes count as zeros.
     static bool udpPktOk(const OrvosiBytes& packet, unsigned long len, unsigned char startByte);
-    // The rules of both, on a packet's parts: its first byte, its length
-    // word, its size, and sum(), the sum of its bytes (only the low 8 bits
-    // count), asked last so that a packet refused for its start byte or size
-    // costs no sum. For a packet that does not lie in one piece of memory.
+    // The same on a packet's parts, for a packet not in one piece of memory.
     template <typename Sum>
     static bool framingOk(unsigned char first, unsigned long lengthWord, unsigned long len, unsigned char startByte,
                           Sum sum) {
-        if (len >= 1 && first != startByte) {
-            setLastError("Wrong start byte");
-            return false;
-        }
-        // Fewer than three bytes cannot hold the length word, let alone a body.
-        if (len < 3 || lengthWord != len) {
-            setLastError("Invalid size");
-            return false;
-        }
-        if ((sum() & 0xFFu) != 0) {
-            setLastError("Invalid checksum");
-            return false;
-        }
-        return true;
+        return passed(orvwire::framingProblem(first, lengthWord, len, startByte, sum));
     }
 
     // The packet-check error text of the calling thread, set when a framing
     // check on this thread fails: objects on other threads never change it.
     static std::string getLastError();
     static void setLastError(const char* text);
+
+private:
+    // True for no problem; else the problem becomes the last error.
+    static bool passed(const char* problem) {
+        if (problem == nullptr) return true;
+        setLastError(problem);
+        return false;
+    }
 };

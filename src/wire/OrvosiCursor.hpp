@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "os/OrvosiUtil.hpp"
+#include "wire/Codec.hpp"
 
 // A received packet, or a part of one, as its parser sees it: `size` real
 // bytes at `data`, followed by zeros up to `reach`. A packet shorter than its
@@ -71,39 +71,39 @@ public:
     unsigned short u16() {
         unsigned char scratch[2];
         const unsigned char* p = next(2, scratch);
-        return p ? OrvosiUtil::word16(p) : 0;
+        return p ? OrvwireCodec::word16(p) : 0;
     }
     unsigned int u24() {
         unsigned char scratch[3];
         const unsigned char* p = next(3, scratch);
-        return p ? OrvosiUtil::word24(p) : 0;
+        return p ? OrvwireCodec::word24(p) : 0;
     }
     unsigned int u32() {
         unsigned char scratch[4];
         const unsigned char* p = next(4, scratch);
-        return p ? OrvosiUtil::word32(p) : 0;
+        return p ? OrvwireCodec::word32(p) : 0;
     }
     unsigned long u64() {
         unsigned char scratch[8];
         const unsigned char* p = next(8, scratch);
-        return p ? OrvosiUtil::word64(p) : 0;
+        return p ? OrvwireCodec::word64(p) : 0;
     }
     float f32() {
         unsigned char scratch[4];
         const unsigned char* p = next(4, scratch);
-        return p ? OrvosiUtil::float32(p) : 0.0f;
+        return p ? OrvwireCodec::float32(p) : 0.0f;
     }
     double f64() {
         unsigned char scratch[8];
         const unsigned char* p = next(8, scratch);
-        return p ? OrvosiUtil::float64(p) : 0.0;
+        return p ? OrvwireCodec::float64(p) : 0.0;
     }
     // n singles into out; those past the reach are zero (and fail the cursor).
     void f32s(float* out, size_t n) {
         if (pos_ + 4 * n <= size_) {
             const unsigned char* p = data_ + pos_;
             pos_ += 4 * n;
-            for (size_t i = 0; i < n; ++i) out[i] = OrvosiUtil::float32(p + 4 * i);
+            for (size_t i = 0; i < n; ++i) out[i] = OrvwireCodec::float32(p + 4 * i);
             return;
         }
         for (size_t i = 0; i < n; ++i) out[i] = f32();
@@ -163,10 +163,10 @@ public:
     void u32(unsigned long v) { put(v, 4); }
     void u64(unsigned long v) { put(v, 8); }
     void f32(float v) {
-        if (unsigned char* p = room(4)) OrvosiUtil::lendianFloat32(p, v);
+        if (unsigned char* p = room(4)) OrvwireCodec::lendianFloat32(p, v);
     }
     void f64(double v) {
-        if (unsigned char* p = room(8)) OrvosiUtil::lendianFloat64(p, v);
+        if (unsigned char* p = room(8)) OrvwireCodec::lendianFloat64(p, v);
     }
     void bytes(const void* src, size_t n) {
         if (n == 0) return;  // src may be null then
@@ -176,16 +176,18 @@ public:
         if (unsigned char* p = room(n)) std::memset(p, 0, n);
     }
     // Writes a 16-bit value at an earlier offset (a length field filled in last).
-    void patch16(size_t offset, unsigned long v) {
-        if (offset + 2 > pos_) {
+    void patch16(size_t offset, unsigned long v) { patch(offset, v, 2); }
+    // Writes the low n bytes of v at an earlier offset (a count filled in last).
+    void patch(size_t offset, unsigned long v, unsigned int n) {
+        if (offset > pos_ || n > pos_ - offset) {
             ok_ = false;
             return;
         }
-        OrvosiUtil::lendian(data_ + offset, v, 2);
+        OrvwireCodec::lendian(data_ + offset, v, n);
     }
     // Appends the byte that makes the 8-bit sum of everything written zero.
     void seal() {
-        const unsigned char sum = OrvosiUtil::checksum(data_, pos_);
+        const unsigned char sum = OrvwireCodec::checksum(data_, pos_);
         u8(static_cast<unsigned char>(-sum));
     }
 
@@ -200,7 +202,7 @@ private:
         return p;
     }
     void put(unsigned long v, unsigned int n) {
-        if (unsigned char* p = room(n)) OrvosiUtil::lendian(p, v, n);
+        if (unsigned char* p = room(n)) OrvwireCodec::lendian(p, v, n);
     }
 
     unsigned char* data_;

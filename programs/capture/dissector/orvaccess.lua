@@ -119,168 +119,20 @@ local function register(prefix, layout)
     end
 end
 
--- ---- datagrams ----
-local TRACKING = {
-    {"packetTag", "u32", "Packet tag; counts IMU samples"},
-    {"poseTime", "u64", "Time of the pose, us on the tracker's clock"},
-    {"platPoseTime", "u32", "Time tag of the platform pose orvCore used"},
-    {"statusWord", "x32", "Status word"},
-    {"vecA", "v3", "Vector A; boresight-corrected on export"},
-    {"vecB", "v3", "Vector B"}, {"vecC", "v3", "Vector C"}, {"vecD", "v3", "Vector D"},
-    {"vecE", "v3", "Vector E"}, {"vecF", "v3", "Vector F"},
-    {"countA", "u16", "Counter A"}, {"countB", "u16", "Counter B"},
-    {"cbn", "m33", "Head attitude, body to navigation, row-major"},
-    {"position", "v3", "Position, m"},
-    {"vecG", "v3", "Vector G"}, {"vecH", "v3", "Vector H"},
-    {"angularRate", "v3", "Angular rate, rad/s, body axes; drives the prediction"},
-    {"vecI", "v3", "Vector I"},
-    {"cbn2", "m33", "Second attitude matrix, row-major"},
-    {"vecJ", "v3", "Vector J; boresight-corrected on export"}, {"vecK", "v3", "Vector K"},
-    {"time2", "u64", "Second time, us"},
-    {"vecL", "v3", "Vector L; boresight-corrected on export"}, {"vecM", "v3", "Vector M; boresight-corrected on export"},
-    {"scalarA", "f32", "Scalar A"}, {"scalarB", "f32", "Scalar B"},
-    {"errorCodes", "u8", "orvCore error code, 0 = none", 4},
-    {"vecN", "v3", "Vector N"}, {"vecO", "v3", "Vector O"},
-    {"reserved", "skip", "Reserved, not read", 8},
-}
-local OPTICAL = {
-    {"tag", "u32", "Tag of the optical measurement"},
-    {"targetCount", "u8", "Targets in this subpacket"},
-    {"notRead", "skip", "Not read", 2},
-}
-local OPTICAL_TARGET = {
-    {"id", "u16", "Target id"},
-    {"resid", "f32", "Residual", 5},
-}
-local STATS = {
-    {"stat0", "u8", "Statistic 0"}, {"stat1", "u8", "Statistic 1"}, {"stat2", "u8", "Statistic 2"},
-    {"stat3", "u8", "Statistic 3"},
-    {"value0", "f32", "Value 0"},
-    {"flagA", "u8", "Flag A (non-zero is 1)"}, {"flagB", "u8", "Flag B (non-zero is 1)"},
-    {"value1", "f32", "Value 1"},
-    {"vec1", "v3", "Vector 1"}, {"vec2", "v3", "Vector 2"}, {"vec3", "v3", "Vector 3"}, {"vec4", "v3", "Vector 4"},
-    {"value2", "f32", "Value 2"}, {"value3", "f32", "Value 3"}, {"value4", "f32", "Value 4"},
-    {"value5", "f32", "Value 5"},
-}
-local PRA = {
-    {"tag", "u32", "Tag"},
-    {"flagA", "u8", "Flag A"},
-    {"stat0", "u8", "Statistic 0"}, {"stat1", "u8", "Statistic 1"}, {"stat2", "u8", "Statistic 2"},
-    {"value0", "f32", "Value 0"},
-    {"vec1", "v3", "Matrix row 1"}, {"vec2", "v3", "Matrix row 2"}, {"vec3", "v3", "Matrix row 3"},
-    {"vec4", "v3", "Vector A"},
-    {"extraB", "v3", "Vector B (extra words 0-2)"}, {"extraC", "v3", "Vector C (extra words 3-5)"},
-    {"value3", "f32", "Value 3"}, {"value4", "f32", "Value 4"}, {"value5", "f32", "Value 5"},
-    {"counts", "u16", "Counts (extra words 6-35, two to a word)", 60},
-}
-local HUB = {
-    {"word", "u32", "First word"},
-    {"notRead", "skip", "Not read", 3},
-    {"status", "u8", "Status byte"},
-    {"halfWord", "u16", "16-bit word"},
-    {"words", "u32", "Two words", 2},
-    {"time", "u64", "Time, us"},
-    {"cbn", "m33", "Attitude, body to navigation, row-major"},
-    {"vec", "v3", "Seven vectors", 7},
-    {"lastByte", "u8", "Last byte"},
-}
-local HUB_ERROR = {
-    {"value", "u32", "Value queued with the error code"},
-    {"notRead", "skip", "Not read", 1},
-    {"code", "u8", "orvHub error code, 0 = none (queued as 0x400 + code)"},
-}
-local NFT = {
-    {"packetTag", "u32", "Packet tag"},
-    {"poseTime", "u64", "Time of the pose, us on the tracker's clock"},
-    {"cbn", "m33", "Attitude, body to navigation, row-major"},
-    {"position", "v3", "Position, m"},
-    {"vecG", "v3", "Vector G"}, {"vecH", "v3", "Vector H"},
-    {"angularRate", "v3", "Angular rate, rad/s, body axes"},
-    {"vecJ", "v3", "Vector J"},
-    {"extB", "v3", "extB, two triples", 2},
-    {"countA", "u8", "Low byte of countA"},
-    {"featureCount", "u32", "Features that follow"},
-}
-local NFT_TAIL = {{"extD", "v3", "extD of the NFT record, after the features"}}
-local META = {
-    {"tag", "u32", "Tag, copied into every IMU record"},
-    {"notRead", "skip", "Not read", 1},
-    {"interval", "f32", "IMU sample interval, s; 0 or less: no IMU subpacket"},
-    {"notRead2", "skip", "Not read", 1},
-    {"platPoseAt", "u8", "Offset of the platform-pose subpacket, 0 = absent"},
-    {"targetAt", "u8", "Offset of the target subpacket, 0 = absent"},
-    {"diagAt", "u16", "Offset of the diagnostic subpacket, 0 = absent"},
-    {"gpsAt", "u16", "Offset of the GPS subpacket, 0 = absent"},
-    {"time", "u64", "Time of the IMU sample, us on the tracker's clock"},
-}
-local IMAGE = {
-    {"sequenceId", "u32", "Sequence id of the image"},
-    {"format", "u8", "Image format code"},
-    {"address", "u24", "Byte offset of this piece in the image"},
-}
-
--- ---- subpackets of a meta packet, and the uplink ----
-local PLATPOSE = {
-    {"tag", "u32", "Time tag of the pose"},
-    {"format", "u8", "Format identifier: 3 (pose at 8) or 2 (pose at 20)"},
-}
-local POSE = {{"pose", "f32", "Roll, pitch, yaw, rad", 3}}
-local TARGET = {
-    {"tag", "u32", "Tag"},
-    {"entryCount", "u8", "Entries in this subpacket"},
-    {"hdrByte", "u8", "Header byte"},
-    {"notRead", "skip", "Not read", 1},
-    {"total", "u16", "Targets in the whole list"},
-    {"first", "u16", "List index of this subpacket's first entry"},
-}
-local TARGET_ENTRY = {
-    {"kind", "u8", "Kind"},
-    {"id", "u16", "Target id"},
-    {"word1", "u16", "Word 1"}, {"word2", "u16", "Word 2"}, {"word3", "u16", "Word 3"}, {"word4", "u16", "Word 4"},
-    {"value1", "f32", "Value 1"}, {"value2", "f32", "Value 2"}, {"value3", "f32", "Value 3"},
-    {"value4", "f32", "Value 4"}, {"value5", "f32", "Value 5"}, {"value6", "f32", "Value 6"},
-}
-local DIAG = {
-    {"tag", "u32", "Tag"},
-    {"diagValue1", "f32", "Diagnostic value 1"},
-    {"diagCount", "u24", "Diagnostic count (24 bits)"},
-    {"diagByte1", "u8", "Diagnostic byte 1"},
-    {"diagValue2", "f32", "Diagnostic value 2"},
-    {"diagByte2", "u8", "Diagnostic byte 2"},
-    {"errorCodes", "u8", "orvRx error code, 0 = none (queued as 0x100 + code)", 4},
-    {"state", "u8", "orvRx state; 3 = stopped streaming"},
-}
-local DIAG_OPTIONAL = {{"optional", "u8", "Optional byte, zero when absent", 4}}
-local GPS_BODY = {
-    {"gpsWord1", "u32", "GPS word 1"},
-    {"lat", "f64", "Latitude"}, {"lon", "f64", "Longitude"},
-    {"gpsValue1", "f32", "GPS value 1"}, {"gpsHalf", "u16", "GPS 16-bit value"}, {"gpsByte1", "u8", "GPS byte 1"},
-    {"gpsValue2", "f32", "GPS value 2"}, {"gpsValue3", "f32", "GPS value 3"}, {"gpsWord2", "u32", "GPS word 2"},
-    {"gpsDouble1", "f64", "GPS double 1"}, {"gpsDouble2", "f64", "GPS double 2"},
-    {"gpsValue4", "f32", "GPS value 4"}, {"gpsValue5", "f32", "GPS value 5"}, {"gpsValue6", "f32", "GPS value 6"},
-    {"gpsByte2", "u8", "GPS last byte"},
-}
-local GPS = {{"format", "u8", "Format: only 1 is taken"}}
-local UPLINK_GPS = {{"valid", "u8", "Valid"}}
-for _, it in ipairs(GPS_BODY) do table.insert(GPS, it); table.insert(UPLINK_GPS, it) end
-local UPLINK_POSE = {
-    {"tag", "u32", "Time tag of the pose"},
-    {"format", "u8", "Platform data format identifier, always 3"},
-    {"pose", "f32", "Roll, pitch, yaw, rad", 3},
-}
-local INPUT = {{"code", "u8", "Input code"}}
+-- ---- the layouts: the library's own field lists ----
+local LY = W.layouts
+local TRACKING, OPTICAL, OPTICAL_TARGET, STATS = LY.TRACKING, LY.OPTICAL, LY.OPTICAL_TARGET, LY.STATS
+local PRA, HUB, HUB_ERROR, NFT, NFT_TAIL = LY.PRA, LY.HUB, LY.HUB_ERROR, LY.NFT, LY.NFT_TAIL
+local META, IMAGE, PLATPOSE, POSE = LY.META, LY.IMAGE, LY.PLATPOSE, LY.POSE
+local TARGET, TARGET_ENTRY, DIAG, DIAG_OPTIONAL = LY.TARGET, LY.TARGET_ENTRY, LY.DIAG, LY.DIAG_OPTIONAL
+local GPS, UPLINK_GPS, UPLINK_POSE, INPUT = LY.GPS, LY.UPLINK_GPS, LY.UPLINK_POSE, LY.INPUT
+for _, it in ipairs(LY.GPS_BODY) do table.insert(GPS, it); table.insert(UPLINK_GPS, it) end
 
 -- ---- the inertial chip packet (IMU subpacket) ----
 -- Mask-driven types: the fields present in this fixed order, each with its
--- bytes and scale as the library decodes them.
-local CHIP_FIELDS = {
-    {0x1, "status", 1}, {0x2, "status2", 1}, {0x4, "word", 2},
-    {0x8, "gyro", 6, 3.90625e-5, "gyroRaw"}, {0x10, "accel", 6, 6.25e-6, "accelRaw"},
-    {0x20, "triad", 2, 0.00025}, {0x40, "vec40", 6, 0.0001}, {0x80, "vec80", 8, 2 ^ -15},
-    {0x100, "vec100", 6, 2 ^ -15}, {0x200, "vec200", 6, 2 ^ -15}, {0x400, "vec400", 6, 2 ^ -15},
-    {0x800, "scalar800", 2, 0.0014648}, {0x1000, "scalar1000", 2, 0.05},
-    {0x2000, "aux", 5}, {0x4000, "byte4000", 1}, {0x8000, "value8000", 5}, {0x10000, "triad", 6, 0.00025},
-}
+-- bytes and scale as the library decodes them: {bit, name, bytes, scale, raw
+-- name, unsigned}.
+local CHIP_FIELDS = W.chipFields
 
 local function chipFields()
     newField("orv", "imu.sync", "u8", "sync", "Sync byte of the chip packet, 5")
@@ -566,6 +418,10 @@ local function signExtend(v, bits)
     return v
 end
 
+-- A compact chip packet's signed values: `bits` bits of the little-endian
+-- word at at + 2 * i (the rest of the word is other fields'), scaled.
+local CG, CA, CT = W.compact.gyro, W.compact.accel, W.compact.triad
+
 local function imu(tree, tvb, at, limit)
     local ctype = limit - at >= 2 and tvb(at + 1, 1):uint() or -1
     local c = W.chip[ctype]
@@ -579,37 +435,47 @@ local function imu(tree, tvb, at, limit)
         local why = tvb(at, 1):uint() ~= S.CHIP_SYNC and "wrong sync byte"
                     or c == nil and "unknown chip packet type"
                     or span < length and "cut short by the datagram" or "bad checksum"
-        sub:add_proto_expert_info(EX.chip, "Bad IMU subpacket: " .. why .. " (the library raises 777)")
+        sub:add_proto_expert_info(EX.chip, string.format("Bad IMU subpacket: %s (the library raises %d)", why,
+                                                         FAM.imu.badCode))
         return "imu?"
     end
     local b = function(i) return tvb(at + i, 1):uint() end
+    local function compact(cv, i)
+        local w = cv.at + 2 * i
+        return signExtend(b(w) + 256 * b(w + 1), cv.bits) * cv.scale
+    end
+    -- A small field of a compact packet: its pieces {byte, shift, mask} ORed.
+    local function gather(pieces)
+        local v = 0
+        for _, p in ipairs(pieces) do
+            local x = p[2] >= 0 and shl(b(p[1]), p[2]) or shr(b(p[1]), -p[2])
+            v = bor(v, band(x, p[3]))
+        end
+        return v
+    end
     if c.mask == 0 then
         -- Compact types: bit-packed fields across the packet.
         local r = tvb(at, length)
-        sub:add(pf["imu.pid"], r, bor(shr(b(5), 4), band(b(3), 0xF0))):set_generated()
-        sub:add(pf["imu.status"], r, band(bor(shl(shr(b(3), 2), 6), band(b(5) * 4, 0x30), band(b(7), 0x0C)), 0xFF))
-            :set_generated()
-        sub:add(pf["imu.word"], r, bor(band(shl(b(7), 8), 0xF000), band(shl(b(9), 4), 0x0F00), band(b(11), 0xF0),
-                                       shr(b(13), 4))):set_generated()
+        sub:add(pf["imu.pid"], r, gather(W.compact.pid)):set_generated()
+        sub:add(pf["imu.status"], r, gather(W.compact.status)):set_generated()
+        sub:add(pf["imu.word"], r, gather(W.compact.word)):set_generated()
         for i = 0, 2 do
-            sub:add(pf["imu.gyro"], tvb(at + 2 + 2 * i, 2), signExtend(b(2 + 2 * i) + 256 * b(3 + 2 * i), 10) * 0.0025)
-                :set_generated()
+            sub:add(pf["imu.gyro"], tvb(at + CG.at + 2 * i, 2), compact(CG, i)):set_generated()
         end
         for i = 0, 2 do
-            sub:add(pf["imu.accel"], tvb(at + 8 + 2 * i, 2), signExtend(b(8 + 2 * i) + 256 * b(9 + 2 * i), 12) * 0.0001)
-                :set_generated()
+            sub:add(pf["imu.accel"], tvb(at + CA.at + 2 * i, 2), compact(CA, i)):set_generated()
         end
-        if ctype == 2 then
-            sub:add(pf["imu.triadAxis"], tvb(at + 15, 1), shr(b(15), 6)):set_generated()
-            sub:add(pf["imu.triad"], tvb(at + 14, 2), signExtend(b(14) + 256 * b(15), 14) * 0.00025):set_generated()
+        if ctype == W.compact.withTriad then
+            sub:add(pf["imu.triadAxis"], tvb(at + CT.at + 1, 1), shr(b(CT.at + 1), 6)):set_generated()
+            sub:add(pf["imu.triad"], tvb(at + CT.at, 2), compact(CT, 0)):set_generated()
         end
         return "imu"
     end
     sub:add(pf["imu.pid"], tvb(at + 2, 1))
-    local pos = at + 3
+    local pos = at + W.chipFieldsAt
     local status = 0
     for _, cf in ipairs(CHIP_FIELDS) do
-        local bit, name, n, scale, raw = cf[1], cf[2], cf[3], cf[4], cf[5]
+        local bit, name, n, scale, raw, unsigned = cf[1], cf[2], cf[3], cf[4], cf[5], cf[6]
         if band(c.mask, bit) ~= 0 then
             if name == "status" then status = b(pos - at) end
             if n == 1 then
@@ -622,16 +488,17 @@ local function imu(tree, tvb, at, limit)
                 sub:add(pf["imu.lo2000"], tvb(pos, 1), band(first, 0x1F))
                 sub:add(pf["imu.byte2000"], tvb(pos + 1, 1))
             elseif name == "value8000" then
-                sub:add(pf["imu.value8000a"], tvb(pos, 3), tvb(pos, 3):le_uint() * 2.4414e-5 * 1000)
-                sub:add(pf["imu.value8000b"], tvb(pos + 3, 2), tvb(pos + 3, 2):le_int() * 0.0020833)
-            elseif bit == 0x20 then
+                local va = W.chipValue8000a
+                sub:add(pf["imu.value8000a"], tvb(pos, 3), tvb(pos, 3):le_uint() * va.scale * va.factor)
+                sub:add(pf["imu.value8000b"], tvb(pos + 3, 2), tvb(pos + 3, 2):le_int() * scale)
+            elseif name == "triad" and n == 2 then  -- one axis, named by the status byte
                 sub:add(pf["imu.triadAxis"], tvb(pos, 2), band(status, 3)):set_generated()
                 sub:add(pf["imu.triad"], tvb(pos, 2), tvb(pos, 2):le_int() * scale)
             else
                 for i = 0, n / 2 - 1 do
                     local r = tvb(pos + 2 * i, 2)
                     if raw then sub:add_le(pf["imu." .. raw], r) end
-                    local x = bit == 0x800 and r:le_uint() * scale or r:le_int() * scale
+                    local x = unsigned and r:le_uint() * scale or r:le_int() * scale
                     sub:add(pf["imu." .. name], r, x)
                 end
             end
@@ -664,8 +531,8 @@ local function target(tree, tvb, at, limit)
     local count = v.entryCount or 0
     if L.TARGET_ENTRIES_AT + L.TARGET_ENTRY_SIZE * count + 1 > n - 1 then
         sub:add_proto_expert_info(EX.overrun, string.format(
-            "%d entries need %d bytes but the subpacket has %d (the library raises 778)",
-            count, L.TARGET_ENTRIES_AT + L.TARGET_ENTRY_SIZE * count + 2, n))
+            "%d entries need %d bytes but the subpacket has %d (the library raises %d)",
+            count, L.TARGET_ENTRIES_AT + L.TARGET_ENTRY_SIZE * count + 2, n, FAM.target.overrunCode))
     end
     for i = 0, count - 1 do
         if pos + L.TARGET_ENTRY_SIZE > at + n - 2 then break end
@@ -686,10 +553,12 @@ local function diag(tree, tvb, at, limit)
     -- Two optional bytes above one length, two more above the next.
     local optional = n > L.DIAG_OPTIONAL_2 and 4 or n > L.DIAG_OPTIONAL_1 and 2 or 0
     if optional > 0 then walk(sub, tvb, pos, math.min(pos + optional, at + n - 1), "diag", DIAG_OPTIONAL) end
-    local consumed = n > L.DIAG_OPTIONAL_2 and 29 or n > L.DIAG_OPTIONAL_1 and 27 or 25
+    local consumed = n > L.DIAG_OPTIONAL_2 and L.DIAG_OPTIONAL_2 or n > L.DIAG_OPTIONAL_1 and L.DIAG_OPTIONAL_1
+                     or L.DIAG_OPTIONAL_1 - 2
     if consumed > n - 1 then
         sub:add_proto_expert_info(EX.overrun, string.format(
-            "The fields run to byte %d but the subpacket has %d bytes (the library raises 779)", consumed, n))
+            "The fields run to byte %d but the subpacket has %d bytes (the library raises %d)", consumed, n,
+            FAM.diagnostic.overrunCode))
     end
     return ok
 end
@@ -750,8 +619,8 @@ local function optical(tree, tvb, at, limit)
     end
     if n - 1 < consumed then
         sub:add_proto_expert_info(EX.overrun, string.format(
-            "%d targets (and statistics) need %d bytes but the subpacket has %d (the library raises 780)",
-            count, consumed + 1, n))
+            "%d targets (and statistics) need %d bytes but the subpacket has %d (the library raises %d)",
+            count, consumed + 1, n, FAM.optical.overrunCode))
     end
     return ok
 end

@@ -4,7 +4,8 @@
 #include <cstring>
 
 #include "access/State.hpp"
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
+#include "wire/Fields.hpp"
 #include "wire/OrvosiCursor.hpp"
 
 namespace orvwire {
@@ -13,17 +14,7 @@ const char* processHubDataPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
     s_OrvAccessHubData rec{};
     OrvosiReader r(pkt);
     r.skip(ORVWIRE_HEADER_SIZE);
-    rec.word = r.u32();
-    // Bytes 7 to 9 carry nothing the library uses; the status byte follows them.
-    r.skip(3);
-    rec.status = r.u8();
-    rec.halfWord = r.u16();
-    rec.words[0] = r.u32();
-    rec.words[1] = r.u32();
-    rec.time = r.u64();
-    r.f32s(&rec.cbn[0][0], 9);
-    for (float* v : rec.vec) r.f32s(v, 3);
-    rec.lastByte = r.u8();
+    decodeHub(r, rec);
     OrvUtil::cbn2Euler(rec.cbn, rec.euler);
     s.hubData.push(rec, s.cfg.verbosity);
     return nullptr;
@@ -33,10 +24,9 @@ const char* processHubDataPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
 const char* processHubErrPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
     OrvosiReader r(pkt);
     r.skip(ORVWIRE_HEADER_SIZE);
-    const uint32_t value = r.u32();
-    r.skip(1);
-    const unsigned char code = r.u8();
-    if (code != 0) s.addErrorCode(static_cast<unsigned short>(code | ORVACCESS_ORIGIN_ORVHUB), value);
+    HubError e{};
+    decodeHubError(r, e);
+    if (e.code != 0) s.addErrorCode(static_cast<unsigned short>(e.code | ORVACCESS_ORIGIN_ORVHUB), e.value);
     return nullptr;
 }
 
@@ -44,27 +34,7 @@ const char* processPraPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
     s_OrvAccessPoseRecStats rec{};
     OrvosiReader r(pkt);
     r.skip(ORVWIRE_HEADER_SIZE);
-    rec.tag = r.u32();
-    rec.flagA = r.u8();
-    rec.stat0 = r.u8();
-    rec.stat1 = r.u8();
-    rec.stat2 = r.u8();
-    rec.value0 = r.f32();
-    r.f32s(rec.vec1, 3);
-    r.f32s(rec.vec2, 3);
-    r.f32s(rec.vec3, 3);
-    r.f32s(rec.vec4, 3);
-    // Vectors B and C travel as the first six words of extra.
-    for (int i = 0; i < 6; ++i) {
-        const float f = r.f32();
-        std::memcpy(&rec.extra[i], &f, sizeof f);
-    }
-    rec.value3 = r.f32();
-    rec.value4 = r.f32();
-    rec.value5 = r.f32();
-    // Sixty 16-bit counts, two to a word with the first of a pair in the low
-    // half: each word is simply the next four bytes read little-endian.
-    for (int i = 6; i < 36; ++i) rec.extra[i] = r.u32();
+    decodePra(r, rec);
     s.poseRec.push(rec, s.cfg.verbosity, "Pose Recovery data queue overflow");
     return nullptr;
 }
@@ -74,18 +44,10 @@ const char* processNftDataPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
     s_OrvAccessTrkDataExt rec{};
     OrvosiReader r(pkt);
     r.skip(ORVWIRE_HEADER_SIZE);
-    rec.packetTag = r.u32();
-    rec.poseTime = r.u64();
-    r.f32s(&rec.cbn[0][0], 9);
+    decodeNft(r, rec);
     OrvUtil::cbn2Euler(rec.cbn, rec.euler);
-    r.f32s(rec.position, 3);
-    r.f32s(rec.vecG, 3);
-    r.f32s(rec.vecH, 3);
-    r.f32s(rec.angularRate, 3);
-    r.f32s(rec.vecJ, 3);
-    r.f32s(rec.extB, 3);
-    r.f32s(rec.extB + 3, 3);
-    rec.countA = r.u8();
+    // The count is the header's last field, which the record does not keep.
+    r.seek(endOf(kNftFields) - fieldSize(typeOf(kNftFields, "featureCount"), 1));
     const uint32_t count = r.u32();
 
     // The features and the triple after them may run past the packet's end
@@ -105,7 +67,7 @@ const char* processNftDataPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
         r.f32s(feat.position, 3);
         s.features.append(feat);
     }
-    r.f32s(rec.extD, 3);
+    decodeNftTail(r, rec);
 
     s.tracking.push(rec, verbosity);
     s.latestTrackingValid = true;

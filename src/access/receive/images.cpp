@@ -5,7 +5,8 @@
 #include <type_traits>
 
 #include "access/State.hpp"
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
+#include "wire/Fields.hpp"
 #include "wire/OrvosiCursor.hpp"
 #include "os/OrvosiUtil.hpp"
 
@@ -87,9 +88,11 @@ void takeImagePiece(OrvAccess::State& s, const unsigned char* header, const unsi
 
     OrvosiReader r(header, ORVWIRE_IMAGE_PIXELS_AT);
     r.skip(ORVWIRE_HEADER_SIZE);
-    const uint32_t seqId = r.u32();
-    const unsigned char format = r.u8();
-    const uint32_t address = r.u24();
+    ImageHeader piece{};
+    decodeImage(r, piece);
+    const uint32_t seqId = piece.sequenceId;
+    const unsigned char format = piece.format;
+    const uint32_t address = piece.address;
     img.format = format;
 
     if (address != 0) {

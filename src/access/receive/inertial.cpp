@@ -1,14 +1,19 @@
 // Meta packets from orvRx: IMU samples, auxiliary bytes and clock-relation
 // rows; the other subpackets are handed to their parsers.
 #include <cstring>
+#include <iterator>
 
 #include "access/State.hpp"
-#include "wire/Wire.hpp"
-#include "wire/BrevantData.hpp"
+#include "access/receive/Dispatch.hpp"
+#include "wire/Chip.hpp"
+#include "wire/Fields.hpp"
 #include "wire/OrvosiCursor.hpp"
 #include "os/OrvosiUtil.hpp"
 
 namespace {
+
+// Packet ids run 0 to 255 and wrap; a row of bits is complete at the last.
+constexpr unsigned int kLastPid = sizeof(OrvAccess::s_ImuCrs::bits) * 8 - 1;
 
 // The camera IMU's name in messages: it is the one meta packets carry.
 constexpr const char* kCameraName = "Camera";
@@ -30,7 +35,7 @@ void collectCrsBit(OrvAccess::s_ImuCrsBuf& crs, const char* name, unsigned int p
         else
             row[pid / 8] &= static_cast<uint8_t>(~bit);
         crs.lastPid = static_cast<int32_t>(pid);
-        if (pid == 255) {
+        if (pid == kLastPid) {
             crs.completeRow = static_cast<int32_t>(crs.fillRow & 1);
             crs.lastPid = -1;
             crs.fillRow = (crs.fillRow & 1) ^ 1;
@@ -57,8 +62,8 @@ const char* processImuSubPkt(OrvAccess::State& s, const OrvosiBytes& data) {
         chipBytes = padded;
     }
     BrevantData chip;
-    // The decoder takes a mutable pointer but only reads through it.
-    if (!OrvosiUtil::ParseBrevantPacket(const_cast<unsigned char*>(chipBytes), &chip)) return "";
+    // The time of decoding is of no use here: the sample's own time replaces it.
+    if (!OrvwireChip::decode(chipBytes, &chip, 0)) return "";
     chip.timeUs = s.metaTimeUs;
     chip.tag = s.metaTag;
     const float dt = s.imuDt;
@@ -96,23 +101,22 @@ const char* processImuSubPkt(OrvAccess::State& s, const OrvosiBytes& data) {
 // end reads as zeros, and fails its check.
 const char* processMetaPkt(OrvAccess::State& s, const OrvosiBytes& pkt) {
     OrvosiReader header(pkt);
-    header.skip(3);
-    s.metaTag = header.u32();
-    header.skip(1);
-    s.imuDt = header.f32();
-    header.seek(ORVWIRE_META_TIME_AT);
-    s.metaTimeUs = header.u64();
+    header.seek(ORVWIRE_HEADER_SIZE);
+    MetaHeader meta{};
+    decodeMeta(header, meta);
+    s.metaTag = meta.tag;
+    s.imuDt = meta.interval;
+    s.metaTimeUs = meta.time;
 
     if (s.imuDt > 0.0f) {
         handle(s, kImu, pkt.from(ORVWIRE_META_IMU_AT));
     } else {
         OrvUtil::infoLine(s.cfg.verbosity, "IMU data not present");
     }
-    for (const MetaSlot& slot : kMetaSlots) {
-        header.seek(slot.offsetAt);
-        const size_t offset = slot.offsetWidth == 1 ? header.u8() : header.u16();
-        if (offset != 0) handle(s, *slot.family, pkt.from(offset));
-    }
+    const size_t offsets[] = {meta.platPoseAt, meta.targetAt, meta.diagAt, meta.gpsAt};
+    static_assert(std::size(offsets) == std::size(kMetaSlots), "one offset per slot");
+    for (size_t i = 0; i < std::size(kMetaSlots); ++i)
+        if (offsets[i] != 0) handle(s, *kMetaSlots[i].family, pkt.from(offsets[i]));
     return nullptr;
 }
 

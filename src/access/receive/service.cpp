@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "access/State.hpp"
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
 
 namespace {
 

@@ -8,7 +8,8 @@
 #include <cstdint>
 
 #include "access/State.hpp"
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
+#include "wire/Fields.hpp"
 #include "wire/OrvosiCursor.hpp"
 
 namespace {
@@ -22,13 +23,15 @@ namespace orvwire {
 const char* processPlatPoseSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
     OrvosiReader r(sub);
     r.seek(ORVWIRE_HEADER_SIZE);
+    PlatPoseHeader header{};
+    decodePlatPose(r, header);
+    if (r.ok() && header.format != ORVWIRE_PLATPOSE_FORMAT2 && header.format != ORVWIRE_PLATPOSE_FORMAT3)
+        return nullptr;
     s_OrvAccessPlatPoseData rec{};
-    rec.tag = r.u32();
-    const unsigned char format = r.u8();
-    if (r.ok() && format != ORVWIRE_PLATPOSE_FORMAT2 && format != ORVWIRE_PLATPOSE_FORMAT3) return nullptr;
+    rec.tag = header.tag;
     // Format 2 carries its pose further back than format 3.
-    r.seek(format == ORVWIRE_PLATPOSE_FORMAT3 ? ORVWIRE_PLATPOSE_FORMAT3_AT : ORVWIRE_PLATPOSE_FORMAT2_AT);
-    r.f32s(rec.pose, 3);
+    r.seek(header.format == ORVWIRE_PLATPOSE_FORMAT3 ? ORVWIRE_PLATPOSE_FORMAT3_AT : ORVWIRE_PLATPOSE_FORMAT2_AT);
+    decodePose(r, rec);
     if (!r.ok()) return kPastReach;
     s.platPose.push(rec, s.cfg.verbosity);
     return nullptr;
@@ -38,13 +41,14 @@ const char* processTargetSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
     OrvosiReader r(sub);
     r.skip(1);
     const size_t length = r.u16();
+    TargetHeader header{};
+    decodeTarget(r, header);
     OrvAccess::s_TgtData rec{};
-    rec.tag = r.u32();
-    const unsigned int n = r.u8();
-    rec.hdrByte = r.u8();
-    r.skip(1);
-    const unsigned int total = r.u16();
-    const unsigned int first = r.u16();
+    rec.tag = header.tag;
+    rec.hdrByte = header.hdrByte;
+    const unsigned int n = header.entryCount;
+    const unsigned int total = header.total;
+    const unsigned int first = header.first;
     // The trailer sits before the checksum, wherever the entries end.
     rec.trailer = sub.at(length - 2);
     // Decided before anything is dropped or appended: all entries or none.
@@ -56,18 +60,7 @@ const char* processTargetSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
     rec.index = first;
     for (unsigned int i = 0; i < n; ++i) {
         rec.index = first + i;
-        rec.kind = r.u8();
-        rec.id = r.u16();
-        rec.word1 = r.u16();
-        rec.word2 = r.u16();
-        rec.word3 = r.u16();
-        rec.word4 = r.u16();
-        rec.value1 = r.f32();
-        rec.value2 = r.f32();
-        rec.value3 = r.f32();
-        rec.value4 = r.f32();
-        rec.value5 = r.f32();
-        rec.value6 = r.f32();
+        decodeTargetEntry(r, rec);
         s.targets.append(rec);
     }
     // Only the subpacket that reaches the list's total closes the list.
@@ -86,14 +79,7 @@ const char* processDiagSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
     r.skip(1);
     const size_t length = r.u16();
     s_OrvAccessDiagData rec{};
-    rec.tag = r.u32();
-    rec.diagValue1 = r.f32();
-    rec.diagCount = r.u24();
-    rec.diagByte1 = r.u8();
-    rec.diagValue2 = r.f32();
-    rec.diagByte2 = r.u8();
-    for (uint8_t& code : rec.errorCodes) code = r.u8();
-    rec.state = r.u8();
+    decodeDiag(r, rec);
     if (!r.ok()) return kPastReach;
 
     // orvRx error bytes become codes of the orvRx range.
@@ -123,25 +109,11 @@ const char* processDiagSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
 const char* processGpsSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
     OrvosiReader r(sub);
     r.seek(ORVWIRE_HEADER_SIZE);
-    const unsigned char format = r.u8();
-    if (r.ok() && format != ORVWIRE_GPS_FORMAT) return nullptr;
     s_OrvAccessGpsData rec{};
+    decodeGps(r, rec);
+    if (r.ok() && rec.valid != ORVWIRE_GPS_FORMAT) return nullptr;
     rec.valid = 1;
-    rec.gpsWord1 = r.u32();
-    rec.lat = r.f64();
-    rec.lon = r.f64();
-    rec.gpsValue1 = r.f32();
-    rec.gpsHalf = r.u16();
-    rec.gpsByte1 = r.u8();
-    rec.gpsValue2 = r.f32();
-    rec.gpsValue3 = r.f32();
-    rec.gpsWord2 = r.u32();
-    rec.gpsDouble1 = r.f64();
-    rec.gpsDouble2 = r.f64();
-    rec.gpsValue4 = r.f32();
-    rec.gpsValue5 = r.f32();
-    rec.gpsValue6 = r.f32();
-    rec.gpsByte2 = r.u8();
+    decodeGpsBody(r, rec);
     if (!r.ok()) return kPastReach;
     s.gps.push(rec, s.cfg.verbosity);
     return nullptr;

@@ -2,7 +2,8 @@
 #include <cstdio>
 
 #include "access/State.hpp"
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
+#include "wire/Fields.hpp"
 #include "wire/OrvosiCursor.hpp"
 #include "os/OrvosiUtil.hpp"
 
@@ -15,8 +16,10 @@ const char* processOpticalSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
     OrvosiReader r(sub);
     r.skip(1);
     const size_t length = r.u16();
-    const uint32_t tag = r.u32();
-    const size_t n = r.u8();
+    OpticalHeader header{};
+    decodeOptical(r, header);
+    const uint32_t tag = header.tag;
+    const size_t n = header.targetCount;
     // The check passed, so length >= 3 and length - 1 cannot wrap.
     size_t consumed = ORVWIRE_OPTICAL_TARGETS_AT + ORVWIRE_OPTICAL_TARGET_SIZE * n;
     const bool hasStats = length - 1 > consumed;
@@ -28,11 +31,9 @@ const char* processOpticalSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
     s.targetRes.makeRoom(verbosity, n + 1);
     OrvAccess::s_TgtResData res{};
     res.tag = tag;
-    r.seek(ORVWIRE_OPTICAL_TARGETS_AT);
     for (size_t i = 0; i < n; ++i) {
         res.index = static_cast<uint32_t>(i);
-        res.id = r.u16();
-        r.f32s(res.resid, 5);
+        decodeOpticalTarget(r, res);
         s.targetRes.append(res);
     }
     // The closing record repeats the last residuals (zero when there were none).
@@ -43,22 +44,7 @@ const char* processOpticalSubPkt(OrvAccess::State& s, const OrvosiBytes& sub) {
     if (hasStats) {
         s_OrvAccessPoseRecStats st{};
         st.tag = tag;
-        st.stat0 = r.u8();
-        st.stat1 = r.u8();
-        st.stat2 = r.u8();
-        st.stat3 = r.u8();
-        st.value0 = r.f32();
-        st.flagA = r.u8() != 0 ? 1 : 0;
-        st.flagB = r.u8() != 0 ? 1 : 0;
-        st.value1 = r.f32();
-        r.f32s(st.vec1, 3);
-        r.f32s(st.vec2, 3);
-        r.f32s(st.vec3, 3);
-        r.f32s(st.vec4, 3);
-        st.value2 = r.f32();
-        st.value3 = r.f32();
-        st.value4 = r.f32();
-        st.value5 = r.f32();
+        decodeStats(r, st);
         s.poseRec.push(st, verbosity);
         consumed += ORVWIRE_OPTICAL_STATS_SIZE;
     }
@@ -75,36 +61,7 @@ const char* processTrackingPkt(OrvAccess::State& s, const OrvosiBytes& packet) {
     OrvosiReader r(packet);
     r.skip(1);
     const size_t length = r.u16();
-    rec.packetTag = r.u32();
-    rec.poseTime = r.u64();
-    rec.platPoseTime = r.u32();
-    rec.statusWord = r.u32();
-    r.f32s(rec.vecA, 3);
-    r.f32s(rec.vecB, 3);
-    r.f32s(rec.vecC, 3);
-    r.f32s(rec.vecD, 3);
-    r.f32s(rec.vecE, 3);
-    r.f32s(rec.vecF, 3);
-    rec.countA = r.u16();
-    rec.countB = r.u16();
-    r.f32s(&rec.cbn[0][0], 9);
-    r.f32s(rec.position, 3);
-    r.f32s(rec.vecG, 3);
-    r.f32s(rec.vecH, 3);
-    r.f32s(rec.angularRate, 3);
-    r.f32s(rec.vecI, 3);
-    r.f32s(&rec.cbn2[0][0], 9);
-    r.f32s(rec.vecJ, 3);
-    r.f32s(rec.vecK, 3);
-    rec.time2 = r.u64();
-    r.f32s(rec.vecL, 3);
-    r.f32s(rec.vecM, 3);
-    rec.scalarA = r.f32();
-    rec.scalarB = r.f32();
-    for (unsigned char& code : rec.errorCodes) code = r.u8();
-    r.f32s(rec.vecN, 3);
-    r.f32s(rec.vecO, 3);
-    // The 8 reserved bytes before the optical subpacket are not read.
+    decodeTracking(r, rec);
 
     for (unsigned char code : rec.errorCodes)
         if (code != 0) s.addErrorCode(code, rec.packetTag);

@@ -10,6 +10,8 @@
 #include <map>
 
 #include "orvsim/Wire.hpp"
+#include "wire/Chip.hpp"
+#include "wire/Fields.hpp"
 #include "support/TestSupport.hpp"
 #include "capture/Packets.hpp"
 #include "capture/Pcap.hpp"
@@ -143,7 +145,7 @@ TEST_F(Dissector, ShowsEveryFieldOfEveryKindAsBuilt) {
     s_OrvAccessGpsData g{};
     g.lat = 48.25;
     g.lon = -11.5;
-    g.gpsHalf = 777;
+    g.gpsHalf = 4242;
     g.gpsDouble2 = 1e9;
     g.gpsByte2 = 0x1FF;  // only the low byte travels
     m.gps = g;
@@ -259,7 +261,7 @@ TEST_F(Dissector, ShowsEveryFieldOfEveryKindAsBuilt) {
     EXPECT_EQ(f["orv.gps.format"], "1");
     expectNumbers("lat", f["orv.gps.lat"], {48.25});
     expectNumbers("lon", f["orv.gps.lon"], {-11.5});
-    EXPECT_EQ(f["orv.gps.gpsHalf"], "777");
+    EXPECT_EQ(f["orv.gps.gpsHalf"], "4242");
     expectNumbers("gpsDouble2", f["orv.gps.gpsDouble2"], {1e9});
     EXPECT_EQ(f["orv.gps.gpsByte2"], "255");
 
@@ -337,13 +339,13 @@ TEST_F(Dissector, FlagsBadChecksumsWrongLengthsAndOverrunsOnTheirPacketOnly) {
     OrvAccess::s_TgtData e{};
     e.id = 5;
     Datagram target = orvsim::buildTargetSubpackets({e, e}, 4)[0];
-    target[7] = 3;
+    target[orvwire::offsetOf(orvwire::kTargetFields, "entryCount")] = 3;
     reseal(target);
     const int overrun = udp(kMeta, orvsim::buildMeta(2, 0.0f, 0, {}, {Datagram(), target, Datagram(), Datagram()}));
 
     s_OrvAccessTrkDataExt n{};
     Datagram nft = orvsim::buildNft(n, {{{1, 2, 3}}});
-    nft[136] = 100;  // the feature count
+    nft[orvwire::offsetOf(orvwire::kNftFields, "featureCount")] = 100;
     reseal(nft);
     const int features = udp(kNft, nft);
 
@@ -437,6 +439,29 @@ TEST_F(Dissector, FieldsCarryTheirDescriptionsAndSayWhatTheyAre) {
 
 // The command channel as the library speaks it: frames split over segments
 // and several in one, replies told apart by the command they answer.
+// The compact chip types pack pid, status and word into spare bits and carry
+// values of 10, 12 and 14 bits: the dissector shows what the library decodes.
+TEST_F(Dissector, DecodesCompactChipPacketsAsTheLibraryDoes) {
+    // Every piece of the small fields non-zero; triad axis 1 (top bits of byte 15).
+    Datagram chip = {5, 2, 0x34, 0xA7, 0x56, 0x5B, 0x78, 0x6E, 0x9A, 0x3C, 0xBC, 0x4D, 0xDE, 0xF9, 0x12, 0x45, 0};
+    reseal(chip);
+    BrevantData want{};
+    ASSERT_TRUE(OrvwireChip::decode(chip.data(), &want, 0));
+    ASSERT_EQ(want.triadAxis, 1);
+    const int meta = udp(kMeta, orvsim::buildMeta(1, 0.5f, 2, chip, {}));
+
+    fields_ = {"orv.imu.pid", "orv.imu.status", "orv.imu.word", "orv.imu.gyro", "orv.imu.accel",
+               "orv.imu.triadAxis", "orv.imu.triad"};
+    auto v = read(meta, fields_);
+    EXPECT_EQ(std::stoul(v["orv.imu.pid"], nullptr, 0), want.pid);
+    EXPECT_EQ(std::stoul(v["orv.imu.status"], nullptr, 0), want.status);
+    EXPECT_EQ(std::stoul(v["orv.imu.word"], nullptr, 0), want.word);
+    expectNumbers("orv.imu.gyro", v["orv.imu.gyro"], {want.gyro[0], want.gyro[1], want.gyro[2]});
+    expectNumbers("orv.imu.accel", v["orv.imu.accel"], {want.accel[0], want.accel[1], want.accel[2]});
+    EXPECT_EQ(v["orv.imu.triadAxis"], "1");
+    expectNumbers("orv.imu.triad", v["orv.imu.triad"], {want.triad[1]});
+}
+
 TEST_F(Dissector, ReadsTheCommandChannelAcrossSegments) {
     orvtools::TcpFlow flow(kHost, 40100, kHost, kCommands);
     for (int step = 0; step < 3; ++step) tcp(flow.open(step));

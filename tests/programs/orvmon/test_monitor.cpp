@@ -497,11 +497,11 @@ TEST(MonitorStreaming, StreamedDataAfterAnUnansweredRequestIsNotCalledNeverAckno
     uint64_t now = 1000000;
     for (; now < 1100000; now += 10000) m.poll(now);
     ASSERT_TRUE(m.streaming().lastFailed);
-    orvtest::Bytes pose(332, 0);  // a valid, empty tracking packet
-    pose[0] = 10;
-    pose[1] = 332 & 0xff;
-    pose[2] = 332 >> 8;
-    pose.back() = static_cast<unsigned char>(-(10 + (332 & 0xff) + (332 >> 8)));
+    orvtest::Bytes pose(ORVWIRE_TRACKING_SIZE, 0);  // a valid, empty tracking packet
+    pose[0] = ORVWIRE_START_TRACKING;
+    pose[1] = ORVWIRE_TRACKING_SIZE & 0xff;
+    pose[2] = ORVWIRE_TRACKING_SIZE >> 8;
+    pose.back() = static_cast<unsigned char>(-(ORVWIRE_START_TRACKING + (ORVWIRE_TRACKING_SIZE & 0xff) + (ORVWIRE_TRACKING_SIZE >> 8)));
     orvtest::UdpSender tx;
     ASSERT_TRUE(tx.send(std::stoi(core[1]), pose));
     const auto arrived = [&] { return (m.status().receivedEver & ORVACCESS_RECV_TRACKING) != 0; };
@@ -528,11 +528,11 @@ TEST_F(MonitorLive, TheWatchdogSeesTrackingAtTheMonitorsClockAndCountsWhenItStop
     Monitor m(access_, options);
     now_ = 5000000;  // a clock far from zero, as the library's is
     orvtest::UdpSender tx;
-    orvtest::Bytes pose(332, 0);  // a valid, empty tracking packet
-    pose[0] = 10;
-    pose[1] = 332 & 0xff;
-    pose[2] = 332 >> 8;
-    pose.back() = static_cast<unsigned char>(-(10 + (332 & 0xff) + (332 >> 8)));
+    orvtest::Bytes pose(ORVWIRE_TRACKING_SIZE, 0);  // a valid, empty tracking packet
+    pose[0] = ORVWIRE_START_TRACKING;
+    pose[1] = ORVWIRE_TRACKING_SIZE & 0xff;
+    pose[2] = ORVWIRE_TRACKING_SIZE >> 8;
+    pose.back() = static_cast<unsigned char>(-(ORVWIRE_START_TRACKING + (ORVWIRE_TRACKING_SIZE & 0xff) + (ORVWIRE_TRACKING_SIZE >> 8)));
     // Already arriving at the first poll.
     ASSERT_TRUE(tx.send(ports_[orvtest::kCore], pose));
     for (int i = 0; i < 2000 && watchdog.state() != orvwatch::Watchdog::State::Flowing; ++i) {
@@ -559,11 +559,11 @@ TEST_F(MonitorLive, ChannelsKnowTheirQuietTimesAndGoStale) {
     Monitor m(access_, {});
     orvtest::UdpSender tx;
     // A valid, empty tracking packet: start byte, length, zero body, checksum.
-    orvtest::Bytes pose(332, 0);
-    pose[0] = 10;
-    pose[1] = 332 & 0xff;
-    pose[2] = 332 >> 8;
-    pose.back() = static_cast<unsigned char>(-(10 + (332 & 0xff) + (332 >> 8)));
+    orvtest::Bytes pose(ORVWIRE_TRACKING_SIZE, 0);
+    pose[0] = ORVWIRE_START_TRACKING;
+    pose[1] = ORVWIRE_TRACKING_SIZE & 0xff;
+    pose[2] = ORVWIRE_TRACKING_SIZE >> 8;
+    pose.back() = static_cast<unsigned char>(-(ORVWIRE_START_TRACKING + (ORVWIRE_TRACKING_SIZE & 0xff) + (ORVWIRE_TRACKING_SIZE >> 8)));
     const size_t tracking = 2;                                // the received bits' order
     ASSERT_STREQ(Monitor::channelName(tracking), "tracking");
     for (int i = 0; i < 30; ++i) {

@@ -33,10 +33,10 @@ TEST(CWrap, TextsAreBoundedCodesUseTheirLow16BitsAndExceptionsStopAtTheBoundary)
     EXPECT_EQ(OrvAccess_getErrorCode(a.h, &code), 0);
     EXPECT_TRUE(code.code == 0 && code.value == 12345u);
     // Without a record the code still comes back, and is taken off the queue.
-    a.h->addErrorCode(770, 1);
-    a.h->addErrorCode(772, 2);
-    EXPECT_EQ(OrvAccess_getErrorCode(a.h, nullptr), 770);
-    EXPECT_EQ(OrvAccess_getErrorCode(a.h, &code), 772);
+    a.h->addErrorCode(ORVACCESS_ERR_BAD_TRACKING_PKT, 1);
+    a.h->addErrorCode(ORVACCESS_ERR_BAD_META_PKT, 2);
+    EXPECT_EQ(OrvAccess_getErrorCode(a.h, nullptr), ORVACCESS_ERR_BAD_TRACKING_PKT);
+    EXPECT_EQ(OrvAccess_getErrorCode(a.h, &code), ORVACCESS_ERR_BAD_META_PKT);
 
     // libstdc++ throws std::logic_error when a std::string is built from a
     // null pointer: a real exception, raised inside the wrappers' own

@@ -207,13 +207,13 @@ TEST_F(Feed, ReadersSeeWholeRecordsWhileTheCallerUsesTheObject) {
             auto access = feed.access();
             access->setPrediction(i % 100 == 0 ? 0.0f : 0.005f);
             s_OrvAccessErrorCode e{};
-            while (access->getErrorCode(&e) != 0) codes += e.code == 770 ? 1 : 1000;
+            while (access->getErrorCode(&e) != 0) codes += e.code == ORVACCESS_ERR_BAD_TRACKING_PKT ? 1 : 1000;
         }
     }
     ASSERT_TRUE(waitFor([&] {
         s_OrvAccessErrorCode e{};
         auto access = feed.access();
-        while (access->getErrorCode(&e) != 0) codes += e.code == 770 ? 1 : 1000;
+        while (access->getErrorCode(&e) != 0) codes += e.code == ORVACCESS_ERR_BAD_TRACKING_PKT ? 1 : 1000;
         return codes >= bad;
     }));
     EXPECT_EQ(codes, bad);

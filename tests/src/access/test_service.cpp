@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "orvaccess/OrvAccess.hpp"
+#include "wire/Fields.hpp"
 #include "os/OrvosiUtil.hpp"
 #include "orvaccess/orvaccess.h"
 #include "support/Allocations.hpp"
@@ -27,9 +28,14 @@ using namespace orvtest;
 // Zero bodies, so that the parsers behind the dispatch see empty records and
 // these tests observe the dispatch alone. An image piece also needs a legal
 // format (10: 640 x 480 x 1).
+// No kind the orvCore port carries.
+constexpr unsigned char kNotACoreKind = 9;
+
 Bytes frame(unsigned char start, size_t size) {
     Bytes b = zeroFrame(start, size);
-    if (start == 7 && size > 8) b[7] = 10;
+    // An image piece names a real format (640 x 480 x 1).
+    if (start == ORVWIRE_START_IMAGE && size > ORVWIRE_IMAGE_PIXELS_AT)
+        b[orvwire::offsetOf(orvwire::kImageFields, "format")] = 10;
     return seal(b, start);
 }
 
@@ -55,7 +61,7 @@ TEST_F(Service, FramingFaultsQueueThePortsCode) {
          ORVACCESS_RECV_TRACKING},
         {kCore, ORVWIRE_START_PRA, ORVWIRE_PRA_SIZE, ORVACCESS_ERR_BAD_PRA_PKT, ORVACCESS_RECV_PRA},
         {kHub, ORVWIRE_START_HUB_DATA, ORVWIRE_HUB_DATA_SIZE, ORVACCESS_ERR_BAD_HUB_PKT, ORVACCESS_RECV_HUB},
-        {kNft, ORVWIRE_START_NFT, 152, ORVACCESS_ERR_BAD_NFT_PKT, ORVACCESS_RECV_NFT}};
+        {kNft, ORVWIRE_START_NFT, ORVWIRE_NFT_SIZE, ORVACCESS_ERR_BAD_NFT_PKT, ORVACCESS_RECV_NFT}};
     for (const auto& [p, start, size, code, bit] : kinds) {
         Bytes good = frame(start, size), longer = good, bad = good;
         send(p, good);
@@ -81,8 +87,8 @@ TEST_F(Service, FramingFaultsQueueThePortsCode) {
 TEST_F(Service, UnknownCoreKindsAreDroppedAndDoNotCount) {
     // Kind 9 is dropped without an error code, and the pass that read it
     // counts as empty: the tracking packet behind it waits for the next call.
-    send(kCore, frame(9, 30));
-    send(kCore, frame(10, 332));
+    send(kCore, frame(kNotACoreKind, 30));
+    send(kCore, frame(ORVWIRE_START_TRACKING, ORVWIRE_TRACKING_SIZE));
     EXPECT_EQ(received(), 0u);
     EXPECT_EQ(received(), 0x10u);
     EXPECT_TRUE(errorCodes().empty());
@@ -92,14 +98,14 @@ TEST_F(Service, OneCallDrainsEveryPortRoundRobinAndDumpsBeforeTheCheck) {
     // One datagram per port per pass, ports in their fixed order; the bad
     // meta packet is dumped before its check fails; a hub error packet is
     // taken without any check.
-    Bytes bad = frame(19, 5), hubErr = frame(12, 201);
+    Bytes bad = frame(ORVWIRE_START_META, 5), hubErr = frame(ORVWIRE_START_HUB_ERROR, 201);
     bad[3] ^= 1;
     hubErr[200] ^= 0xFF;
     send(kMeta, bad);
-    for (int i = 0; i < 3; ++i) send(kCore, frame(10, 301 + i));
-    send(kHub, frame(11, 200));
+    for (int i = 0; i < 3; ++i) send(kCore, frame(ORVWIRE_START_TRACKING, 301 + i));
+    send(kHub, frame(ORVWIRE_START_HUB_DATA, 200));
     send(kHub, hubErr);
-    send(kNft, frame(14, 152));
+    send(kNft, frame(ORVWIRE_START_NFT, ORVWIRE_NFT_SIZE));
     CapturedStdout out;
     CapturedStderr err;
     access.setVerbosity(0x1 | 0x2 | 0x2000);
@@ -109,10 +115,11 @@ TEST_F(Service, OneCallDrainsEveryPortRoundRobinAndDumpsBeforeTheCheck) {
               "ORVAMETA: 13 05 00 01 E8 \n"
               "ORVAINFO: Received orvCore packet, size 301\n"
               "ORVAINFO: Received orvHub packet, size 200\n"
-              "ORVAINFO: Received NFT packet, size 152\n"
-              "ORVAINFO: Received orvCore packet, size 302\n"
-              "ORVAINFO: Received orvHub packet, size 201\n"
-              "ORVAINFO: Received orvCore packet, size 303\n");
+              "ORVAINFO: Received NFT packet, size " + std::to_string(ORVWIRE_NFT_SIZE) +
+                  "\n"
+                  "ORVAINFO: Received orvCore packet, size 302\n"
+                  "ORVAINFO: Received orvHub packet, size 201\n"
+                  "ORVAINFO: Received orvCore packet, size 303\n");
     EXPECT_EQ(err.text(),
               "ORVALOG: Setting verbosity to 8195\nORVALOG: Problem with meta packet: Invalid checksum\n");
     EXPECT_EQ(errorCodes(), (Codes{{ORVACCESS_ERR_BAD_META_PKT, 0}}));
@@ -147,14 +154,14 @@ TEST_F(Service, DatagramsBeyondOneBatchKeepTheRoundRobinOrder) {
 }
 
 TEST_F(Service, FlushKeepsOnlyHubPacketsAndAClosedObjectRefuses) {
-    send(kHub, frame(11, 64));
-    send(kCore, frame(10, 332));
+    send(kHub, frame(ORVWIRE_START_HUB_DATA, 64));
+    send(kCore, frame(ORVWIRE_START_TRACKING, ORVWIRE_TRACKING_SIZE));
     access.flushUdp();
     EXPECT_EQ(received(), 0x20u);
     // A tracking packet left behind by a call that ended on a dropped kind
     // is gone after a flush too.
-    send(kCore, frame(9, 30));
-    send(kCore, frame(10, 332));
+    send(kCore, frame(kNotACoreKind, 30));
+    send(kCore, frame(ORVWIRE_START_TRACKING, ORVWIRE_TRACKING_SIZE));
     EXPECT_EQ(received(), 0u);
     access.flushUdp();
     EXPECT_EQ(received(), 0u);
@@ -226,8 +233,8 @@ TEST_F(Service, ReadErrorStopsTheLoop) {
     pollfd p{coreFd, 0, 0};
     ASSERT_EQ(poll(&p, 1, 2000), 1);
 
-    send(kMeta, frame(19, 40));  // read before orvCore in the pass
-    send(kHub, frame(11, 40));   // after it: left for the next call
+    send(kMeta, frame(ORVWIRE_START_META, 40));  // read before orvCore in the pass
+    send(kHub, frame(ORVWIRE_START_HUB_DATA, 40));   // after it: left for the next call
     access.setVerbosity(0x4);
     CapturedStderr err;
     EXPECT_FALSE(access.serviceUdp(false));
@@ -238,8 +245,8 @@ TEST_F(Service, ReadErrorStopsTheLoop) {
 
 TEST_F(Service, BurstDoesNotAllocate) {
     const std::vector<std::pair<int, Bytes>> kinds = {
-        {kMeta, frame(19, 120)}, {kImage, frame(7, 900)}, {kCore, frame(10, 332)}, {kCore, frame(15, 220)},
-        {kHub, frame(11, 151)},  {kHub, frame(12, 20)},   {kNft, frame(14, 200)}};
+        {kMeta, frame(ORVWIRE_START_META, 120)}, {kImage, frame(ORVWIRE_START_IMAGE, 900)}, {kCore, frame(ORVWIRE_START_TRACKING, ORVWIRE_TRACKING_SIZE)}, {kCore, frame(ORVWIRE_START_PRA, ORVWIRE_PRA_SIZE)},
+        {kHub, frame(ORVWIRE_START_HUB_DATA, ORVWIRE_HUB_DATA_SIZE)},  {kHub, frame(ORVWIRE_START_HUB_ERROR, 20)},   {kNft, frame(ORVWIRE_START_NFT, 200)}};
     for (const auto& [p, b] : kinds) send(p, b);  // warm-up: first-use allocations of streams and queues
     EXPECT_EQ(received(), 0x1B6u);
     for (int i = 0; i < 29; ++i)  // 203 datagrams

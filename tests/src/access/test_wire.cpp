@@ -6,7 +6,7 @@
 #include <set>
 #include <utility>
 
-#include "wire/Wire.hpp"
+#include "access/receive/Dispatch.hpp"
 #include "orvsim/Wire.hpp"
 #include "support/TestSupport.hpp"
 #include "diag/OrvUtil.hpp"

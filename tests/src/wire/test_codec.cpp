@@ -1,4 +1,5 @@
-// Little-endian codec, checksum, and the bounded cursors built on them.
+// Little-endian codec, checksum, the bounded cursors built on them, and the
+// framing check.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -6,7 +7,9 @@
 #include <vector>
 
 #include "wire/OrvosiCursor.hpp"
+#include "diag/OrvUtil.hpp"
 #include "os/OrvosiUtil.hpp"
+#include "wire/Framing.hpp"
 
 using U = OrvosiUtil;
 using Bytes = std::vector<unsigned char>;
@@ -135,4 +138,28 @@ TEST(Cursor, ReaderAndWriterStayInsideTheirBuffers) {
     full.u32(0x01020304);
     full.seal();
     EXPECT_FALSE(p.ok() || full.ok());
+}
+
+// The wire's framing check answers why, in the order start byte, size,
+// checksum, and keeps no state: the thread's last-error text belongs to the
+// library's wrapper, which sets it only on a failure.
+TEST(Framing, AnswersTheFirstProblemAndLeavesTheLastErrorToItsWrapper) {
+    const unsigned char good[] = {10, 5, 0, 0x01, 0xF0};  // 10 + 5 + 1 + 0xF0 = 0x100
+    EXPECT_EQ(orvwire::framingProblem(good, 5, 10), nullptr);
+    EXPECT_STREQ(orvwire::framingProblem(good, 5, 11), "Wrong start byte");
+    EXPECT_STREQ(orvwire::framingProblem(good, 4, 10), "Invalid size");
+    unsigned char bad[sizeof good];
+    std::memcpy(bad, good, sizeof good);
+    bad[3] ^= 1;
+    EXPECT_STREQ(orvwire::framingProblem(bad, 5, 10), "Invalid checksum");
+    // A wrong start byte is reported before a wrong size or sum.
+    EXPECT_STREQ(orvwire::framingProblem(bad, 4, 11), "Wrong start byte");
+
+    OrvUtil::setLastError("earlier");
+    orvwire::framingProblem(bad, 5, 10);
+    EXPECT_EQ(OrvUtil::getLastError(), "earlier");
+    EXPECT_TRUE(OrvUtil::udpPktOk(good, 5, 10));
+    EXPECT_EQ(OrvUtil::getLastError(), "earlier");
+    EXPECT_FALSE(OrvUtil::udpPktOk(bad, 5, 10));
+    EXPECT_EQ(OrvUtil::getLastError(), "Invalid checksum");
 }

@@ -1,28 +1,18 @@
-// The protocol in one place: one row per kind of datagram and subpacket, with
-// everything the library does with it (check, parser, status bit, error code,
-// log channel, dump bit, texts). The service loop, the meta and tracking
-// parsers, the error messages and the simulator's builders all read these
-// rows; the numbers themselves are named in orvaccess/orvwire.h.
+// The access object's dispatch table: for every kind of datagram and
+// subpacket of the wire (wire/Packets.hpp), what the library does with it
+// (parser, status bit, error code, log channel, dump bit, texts). The service
+// loop, the meta and tracking parsers and the error messages read these rows.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 
 #include "orvaccess/OrvAccess.hpp"
 #include "wire/OrvosiCursor.hpp"
+#include "wire/Packets.hpp"
 
 namespace orvwire {
-
-// The receiving endpoints, in the order every pass of the service loop visits them.
-enum Port { kMetaPort, kImagePort, kCorePort, kHubPort, kNftPort, kPortCount };
-
-// What a packet must pass before its parser sees it.
-enum class Check {
-    none,       // taken as it comes (hub error reports)
-    datagram,   // framing against the datagram's size
-    subpacket,  // framing against the subpacket's own length word
-    chip,       // inertial chip packet: sync byte, known type, checksum
-};
 
 // Decodes a packet that passed its check; `packet` runs from its start byte
 // to the end of the datagram and reads as zeros beyond it. Returns null when
@@ -31,10 +21,7 @@ enum class Check {
 // check and not counted as received.
 using Parser = const char* (*)(OrvAccess::State& s, const OrvosiBytes& packet);
 
-struct Family {
-    const char* name;         // short name, for tools and tests
-    unsigned char startByte;
-    Check check;
+struct Family : Packet {
     Parser parse;
     uint32_t receivedBit;     // status bit set once parsed; 0 for none
     uint16_t badCode;         // queued, with value 0, when the packet is refused
@@ -42,7 +29,6 @@ struct Family {
     uint32_t dumpBit;         // verbosity bit of its hex dump
     const char* infoText;     // "ORVAINFO: " line on arrival (datagrams add their size); null for none
     const char* problemText;  // "ORVALOG: " line when refused, followed by the reason
-    size_t fixedSize;         // without its variable part, checksum included
     uint16_t overrunCode;     // counts claiming more than the packet holds; 0 for none
     const char* overrunText;  // "ORVALOG: " line with the overrun code
 };
@@ -69,53 +55,53 @@ const char* processNftDataPkt(OrvAccess::State& s, const OrvosiBytes& packet);
 
 // clang-format off: the rows read as a table.
 // ---- datagrams ----
-// name, start byte, check, parser, status bit, error code, log channel, dump bit, info text, problem text,
-// fixed size, overrun code, overrun text
-inline constexpr Family kMeta{"meta", ORVWIRE_START_META, Check::datagram, processMetaPkt,
+// wire row, parser, status bit, error code, log channel, dump bit, info text, problem text, overrun code,
+// overrun text
+inline constexpr Family kMeta{kMetaPacket, processMetaPkt,
     ORVACCESS_RECV_META, ORVACCESS_ERR_BAD_META_PKT, ORVACCESS_LOG_META, ORVACCESS_VERB_DUMP_META,
-    "Received orvRx meta packet, size ", "Problem with meta packet: ", ORVWIRE_META_IMU_AT + 1, 0, nullptr};
-inline constexpr Family kImage{"image", ORVWIRE_START_IMAGE, Check::datagram, processImagePkt,
+    "Received orvRx meta packet, size ", "Problem with meta packet: ", 0, nullptr};
+inline constexpr Family kImage{kImagePacket, processImagePkt,
     ORVACCESS_RECV_IMAGE, ORVACCESS_ERR_BAD_IMAGE_PKT, 0, ORVACCESS_VERB_DUMP_IMAGE,
-    "Received image packet, size ", "Problem with image packet: ", ORVWIRE_IMAGE_OVERHEAD, 0, nullptr};
-inline constexpr Family kTracking{"tracking", ORVWIRE_START_TRACKING, Check::datagram, processTrackingPkt,
+    "Received image packet, size ", "Problem with image packet: ", 0, nullptr};
+inline constexpr Family kTracking{kTrackingPacket, processTrackingPkt,
     ORVACCESS_RECV_TRACKING, ORVACCESS_ERR_BAD_TRACKING_PKT, ORVACCESS_LOG_TRACKING, ORVACCESS_VERB_DUMP_TRACKING,
-    "Received orvCore packet, size ", "Problem with orvCore packet: ", ORVWIRE_TRACKING_SIZE, 0, nullptr};
-inline constexpr Family kPra{"pra", ORVWIRE_START_PRA, Check::datagram, processPraPkt,
+    "Received orvCore packet, size ", "Problem with orvCore packet: ", 0, nullptr};
+inline constexpr Family kPra{kPraPacket, processPraPkt,
     ORVACCESS_RECV_PRA, ORVACCESS_ERR_BAD_PRA_PKT, ORVACCESS_LOG_PRA, ORVACCESS_VERB_DUMP_PRA,
-    "Received PRA packet, size ", "Problem with PRA packet: ", ORVWIRE_PRA_SIZE, 0, nullptr};
+    "Received PRA packet, size ", "Problem with PRA packet: ", 0, nullptr};
 // Hub error reports are taken unchecked and set no status bit.
-inline constexpr Family kHubError{"hub-error", ORVWIRE_START_HUB_ERROR, Check::none, processHubErrPkt,
+inline constexpr Family kHubError{kHubErrorPacket, processHubErrPkt,
     0, 0, ORVACCESS_LOG_HUB, ORVACCESS_VERB_DUMP_HUB,
-    "Received orvHub packet, size ", "Problem with hub packet: ", ORVWIRE_HUB_ERROR_SIZE, 0, nullptr};
-inline constexpr Family kHubData{"hub", ORVWIRE_START_HUB_DATA, Check::datagram, processHubDataPkt,
+    "Received orvHub packet, size ", "Problem with hub packet: ", 0, nullptr};
+inline constexpr Family kHubData{kHubDataPacket, processHubDataPkt,
     ORVACCESS_RECV_HUB, ORVACCESS_ERR_BAD_HUB_PKT, ORVACCESS_LOG_HUB, ORVACCESS_VERB_DUMP_HUB,
-    "Received orvHub packet, size ", "Problem with hub packet: ", ORVWIRE_HUB_DATA_SIZE, 0, nullptr};
-inline constexpr Family kNft{"nft", ORVWIRE_START_NFT, Check::datagram, processNftDataPkt,
+    "Received orvHub packet, size ", "Problem with hub packet: ", 0, nullptr};
+inline constexpr Family kNft{kNftPacket, processNftDataPkt,
     ORVACCESS_RECV_NFT, ORVACCESS_ERR_BAD_NFT_PKT, ORVACCESS_LOG_NFT, ORVACCESS_VERB_DUMP_NFT,
-    "Received NFT packet, size ", "Problem with NFT packet: ", ORVWIRE_NFT_SIZE, 0, nullptr};
+    "Received NFT packet, size ", "Problem with NFT packet: ", 0, nullptr};
 
 // ---- subpackets ----
-inline constexpr Family kOptical{"optical", ORVWIRE_START_OPTICAL, Check::subpacket, processOpticalSubPkt,
+inline constexpr Family kOptical{kOpticalPacket, processOpticalSubPkt,
     0, ORVACCESS_ERR_BAD_OPTICAL_SUBPKT, ORVACCESS_LOG_OPTICAL, ORVACCESS_VERB_DUMP_OPTICAL,
-    "Received optical subpacket", "Bad optical subpacket: ", ORVWIRE_OPTICAL_TARGETS_AT + 1,
+    "Received optical subpacket", "Bad optical subpacket: ",
     ORVACCESS_ERR_OPTICAL_OVERRUN, "Overrun in optical data subpacket"};
-inline constexpr Family kImu{"imu", ORVWIRE_CHIP_SYNC, Check::chip, processImuSubPkt,
+inline constexpr Family kImu{kImuPacket, processImuSubPkt,
     0, ORVACCESS_ERR_BAD_IMU_SUBPKT, ORVACCESS_LOG_IMU, ORVACCESS_VERB_DUMP_IMU_CAM,
-    nullptr, "Bad IMU subpacket", ORVWIRE_META_IMU_SIZE, 0, nullptr};
-inline constexpr Family kPlatPose{"platform-pose", ORVWIRE_START_PLATPOSE, Check::subpacket, processPlatPoseSubPkt,
+    nullptr, "Bad IMU subpacket", 0, nullptr};
+inline constexpr Family kPlatPose{kPlatPosePacket, processPlatPoseSubPkt,
     0, ORVACCESS_ERR_BAD_PLATPOSE_SUBPKT, ORVACCESS_LOG_PLATPOSE, ORVACCESS_VERB_DUMP_PLATPOSE,
-    "Received platform pose subpacket", "Bad platform pose subpacket: ", ORVWIRE_UPLINK_PLATPOSE_SIZE, 0, nullptr};
-inline constexpr Family kTarget{"target", ORVWIRE_START_TARGET, Check::subpacket, processTargetSubPkt,
+    "Received platform pose subpacket", "Bad platform pose subpacket: ", 0, nullptr};
+inline constexpr Family kTarget{kTargetPacket, processTargetSubPkt,
     0, ORVACCESS_ERR_BAD_TARGET_SUBPKT, ORVACCESS_LOG_TARGET, ORVACCESS_VERB_DUMP_TARGET,
-    "Received target subpacket", "Bad target subpacket: ", ORVWIRE_TARGET_ENTRIES_AT + 2,
+    "Received target subpacket", "Bad target subpacket: ",
     ORVACCESS_ERR_TARGET_OVERRUN, "Overrun in target subpacket"};
-inline constexpr Family kDiag{"diagnostic", ORVWIRE_START_DIAG, Check::subpacket, processDiagSubPkt,
+inline constexpr Family kDiag{kDiagPacket, processDiagSubPkt,
     0, ORVACCESS_ERR_BAD_DIAG_SUBPKT, ORVACCESS_LOG_DIAG, ORVACCESS_VERB_DUMP_DIAG,
-    "Received diagnostic subpacket", "Bad diagnostic subpacket: ", ORVWIRE_DIAG_OPTIONAL_2 + 1,
+    "Received diagnostic subpacket", "Bad diagnostic subpacket: ",
     ORVACCESS_ERR_DIAG_OVERRUN, "Overrun in diagnostic subpacket"};
-inline constexpr Family kGps{"gps", ORVWIRE_START_GPS, Check::subpacket, processGpsSubPkt,
+inline constexpr Family kGps{kGpsPacket, processGpsSubPkt,
     0, ORVACCESS_ERR_BAD_GPS_SUBPKT, ORVACCESS_LOG_DIAG, ORVACCESS_VERB_DUMP_DIAG,
-    "Received GPS subpacket", "Bad GPS subpacket: ", ORVWIRE_UPLINK_GPS_SIZE, 0, nullptr};
+    "Received GPS subpacket", "Bad GPS subpacket: ", 0, nullptr};
 
 // clang-format on
 
@@ -146,11 +132,12 @@ struct MetaSlot {
     const Family* family;
 };
 inline constexpr MetaSlot kMetaSlots[] = {
-    {ORVWIRE_META_PLATPOSE_OFFSET_AT, 1, &kPlatPose},
-    {ORVWIRE_META_TARGET_OFFSET_AT, 1, &kTarget},
-    {ORVWIRE_META_DIAG_OFFSET_AT, 2, &kDiag},
-    {ORVWIRE_META_GPS_OFFSET_AT, 2, &kGps},
+    {kMetaSlotsAt[0].offsetAt, kMetaSlotsAt[0].offsetWidth, &kPlatPose},
+    {kMetaSlotsAt[1].offsetAt, kMetaSlotsAt[1].offsetWidth, &kTarget},
+    {kMetaSlotsAt[2].offsetAt, kMetaSlotsAt[2].offsetWidth, &kDiag},
+    {kMetaSlotsAt[3].offsetAt, kMetaSlotsAt[3].offsetWidth, &kGps},
 };
+static_assert(std::size(kMetaSlots) == std::size(kMetaSlotsAt), "one row per slot of the meta header");
 
 // The messages of the library's own codes. 781 to 784 have none on purpose:
 // they read as the unknown error of the library's origin.

@@ -1,31 +1,17 @@
-// Decoding of the inertial chip's packets: compact packets (types 1 and 2)
-// with bit-packed fields, and mask-driven packets whose type names the
-// optional fields present, in a fixed order.
+// Decoding of the inertial chip's packets, with the widths and scales of
+// the chip's tables.
 #include <cstring>
 
-#include "wire/BrevantData.hpp"
+#include "wire/Chip.hpp"
+
+#include "wire/Codec.hpp"
 #include "wire/OrvosiCursor.hpp"
-#include "os/OrvosiUtil.hpp"
 
 namespace {
 
-struct ChipType {
-    unsigned char type;
-    unsigned int length;
-    unsigned int mask;  // 0 for the compact types
-};
-
-// Fixed by the chip; read-only for the life of the process.
-constexpr ChipType kChipTypes[] = {
-    {1, 15, 0},     {2, 17, 0},    {3, 19, 0x1D}, {4, 21, 0x3D},    {5, 13, 0x45},    {6, 15, 0x85},
-    {7, 25, 0x105}, {8, 27, 0x7D}, {9, 29, 0xBD}, {20, 32, 0x783F}, {21, 38, 0xF83F}, {22, 42, 0x1F81F},
-};
-
-constexpr const ChipType* findType(unsigned char type) {
-    for (const ChipType& t : kChipTypes)
-        if (t.type == type) return &t;
-    return nullptr;
-}
+using orvwire::chipField;
+using orvwire::kChipTypes;
+using orvwire::ChipType;
 
 constexpr bool fitsRaw() {
     for (const ChipType& t : kChipTypes)
@@ -56,41 +42,45 @@ void storeTriad(BrevantData* out, int index, float v) {
     std::memcpy(reinterpret_cast<unsigned char*>(out) + at, &v, sizeof v);
 }
 
-constexpr double kTwoPowMinus15 = 1.0 / 32768.0;
+// Value number `index` of a compact packet's triple.
+float compact(const unsigned char* b, const orvwire::CompactValue& v, int index) {
+    const size_t at = v.at + 2 * static_cast<size_t>(index);
+    return scaled(signExtend(b[at] + 256u * b[at + 1], v.bits), v.scale);
+}
 
 }  // namespace
 
-unsigned int OrvosiUtil::GetBvPacketLength(unsigned char type) {
-    const ChipType* t = findType(type);
+unsigned int OrvwireChip::GetBvPacketLength(unsigned char type) {
+    const ChipType* t = orvwire::findChipType(type);
     return t != nullptr ? t->length : 0;
 }
 
-unsigned int OrvosiUtil::GetPacketMask(unsigned char type) {
-    const ChipType* t = findType(type);
+unsigned int OrvwireChip::GetPacketMask(unsigned char type) {
+    const ChipType* t = orvwire::findChipType(type);
     return t != nullptr ? t->mask : 0;
 }
 
-bool OrvosiUtil::ParseBrevantPacket(unsigned char* pkt, BrevantData* out) {
-    const unsigned char* b = pkt;  // read only, whatever the signature allows
+bool OrvwireChip::decode(const unsigned char* pkt, BrevantData* out, uint64_t timeUs) {
+    const unsigned char* b = pkt;
     const unsigned int length = GetBvPacketLength(b[1]);
-    if (length == 0 || checksum(b, length) != 0) return false;
+    if (length == 0 || OrvwireCodec::checksum(b, length) != 0) return false;
 
     *out = BrevantData{};
     out->type = b[1];
     out->length = static_cast<uint8_t>(length);
     std::memcpy(out->raw, b, length);
-    if (out->type == 1 || out->type == 2) return ParseCompactPacket(pkt, out);
+    if (GetPacketMask(out->type) == 0) return ParseCompactPacket(const_cast<unsigned char*>(pkt), out);
 
     out->mask = GetPacketMask(out->type);
     if (out->mask == 0) return false;
     out->tag = 0;
     out->pid = b[2];
-    out->timeUs = getTimeSysUs();
+    out->timeUs = timeUs;
 
     // Every type's fields fit before its checksum byte; the cursor keeps
     // that true should the tables ever change.
     OrvosiReader r(b, length - 1);
-    r.seek(3);
+    r.seek(orvwire::kChipFieldsAt);
     const uint32_t mask = out->mask;
     if (mask & 0x1) out->status = r.u8();
     if (mask & 0x2) out->status2 = r.u8();
@@ -98,13 +88,13 @@ bool OrvosiUtil::ParseBrevantPacket(unsigned char* pkt, BrevantData* out) {
     if (mask & 0x8) {
         for (int i = 0; i < 3; ++i) {
             out->gyroRaw[i] = r.u16();
-            out->gyro[i] = scaled(signExtend(out->gyroRaw[i], 16), 3.90625e-5);
+            out->gyro[i] = scaled(signExtend(out->gyroRaw[i], 16), chipField(0x8).scale);
         }
     }
     if (mask & 0x10) {
         for (int i = 0; i < 3; ++i) {
             out->accelRaw[i] = r.u16();
-            out->accel[i] = scaled(signExtend(out->accelRaw[i], 16), 6.25e-6);
+            out->accel[i] = scaled(signExtend(out->accelRaw[i], 16), chipField(0x10).scale);
         }
     }
     if (mask & 0x20) {
@@ -112,21 +102,23 @@ bool OrvosiUtil::ParseBrevantPacket(unsigned char* pkt, BrevantData* out) {
         const int axis = out->triadAxis;
         for (float& f : out->triad) f = 0.0f;
         // Axis 0 lands one float before triad, over triadAxis itself.
-        storeTriad(out, axis - 1, scaled(i16(r), 0.00025));
+        storeTriad(out, axis - 1, scaled(i16(r), chipField(0x20).scale));
     }
     if (mask & 0x40)
-        for (float& f : out->vec40) f = scaled(i16(r), 0.0001);
+        for (float& f : out->vec40) f = scaled(i16(r), chipField(0x40).scale);
     if (mask & 0x80)
-        for (float& f : out->vec80) f = scaled(i16(r), kTwoPowMinus15);
+        for (float& f : out->vec80) f = scaled(i16(r), chipField(0x80).scale);
     if (mask & 0x100)
-        for (float& f : out->vec100) f = scaled(i16(r), kTwoPowMinus15);
+        for (float& f : out->vec100) f = scaled(i16(r), chipField(0x100).scale);
     if (mask & 0x200)
-        for (float& f : out->vec200) f = scaled(i16(r), kTwoPowMinus15);
+        for (float& f : out->vec200) f = scaled(i16(r), chipField(0x200).scale);
     if (mask & 0x400)
-        for (float& f : out->vec400) f = scaled(i16(r), kTwoPowMinus15);
-    // The only 16-bit field the chip sends unsigned.
-    if (mask & 0x800) out->scalar800 = scaled(r.u16(), 0.0014648);
-    if (mask & 0x1000) out->scalar1000 = scaled(i16(r), 0.05);
+        for (float& f : out->vec400) f = scaled(i16(r), chipField(0x400).scale);
+    if (mask & 0x800) {
+        static_assert(chipField(0x800).isUnsigned, "read as the chip sends it");
+        out->scalar800 = scaled(r.u16(), chipField(0x800).scale);
+    }
+    if (mask & 0x1000) out->scalar1000 = scaled(i16(r), chipField(0x1000).scale);
     if (mask & kBrevantMaskAux) {
         const unsigned char first = r.u8();
         out->hi2000 = first >> 5;
@@ -138,34 +130,33 @@ bool OrvosiUtil::ParseBrevantPacket(unsigned char* pkt, BrevantData* out) {
     if (mask & 0x8000) {
         // Single precision, in this order: the chip's own arithmetic.
         float a = static_cast<float>(r.u24());
-        a = a * 2.4414e-5f;
-        a = a * 1000.0f;
+        a = a * static_cast<float>(orvwire::kChipValue8000aScale);
+        a = a * static_cast<float>(orvwire::kChipValue8000aFactor);
         out->value8000a = a;
-        out->value8000b = scaled(i16(r), 0.0020833);
+        out->value8000b = scaled(i16(r), chipField(0x8000).scale);
     }
     // All three axes, on top of whatever 0x20 left.
     if (mask & 0x10000)
-        for (float& f : out->triad) f = scaled(i16(r), 0.00025);
+        for (float& f : out->triad) f = scaled(i16(r), chipField(0x10000).scale);
     return true;
 }
 
-bool OrvosiUtil::ParseCompactPacket(unsigned char* pkt, BrevantData* out) {
+bool OrvwireChip::ParseCompactPacket(unsigned char* pkt, BrevantData* out) {
     const unsigned char* b = pkt;
-    out->pid = static_cast<uint8_t>((b[5] >> 4) | (b[3] & 0xF0));
-    out->status = static_cast<uint8_t>((((b[3] >> 2) << 6) | ((b[5] * 4) & 0x30) | (b[7] & 0x0C)) & 0xFF);
-    out->word = static_cast<uint16_t>(((b[7] << 8) & 0xF000) | ((b[9] << 4) & 0x0F00) | (b[11] & 0xF0) |
-                                      (b[13] >> 4));
+    out->pid = static_cast<uint8_t>(orvwire::gather(b, orvwire::kCompactPid));
+    out->status = static_cast<uint8_t>(orvwire::gather(b, orvwire::kCompactStatus));
+    out->word = static_cast<uint16_t>(orvwire::gather(b, orvwire::kCompactWord));
     for (int i = 0; i < 3; ++i) {
-        out->gyro[i] = scaled(signExtend(b[2 + 2 * i] + 256u * b[3 + 2 * i], 10), 0.0025);
-        out->accel[i] = scaled(signExtend(b[8 + 2 * i] + 256u * b[9 + 2 * i], 12), 0.0001);
+        out->gyro[i] = compact(b, orvwire::kCompactGyro, i);
+        out->accel[i] = compact(b, orvwire::kCompactAccel, i);
     }
     out->mask |= 0x1D;
-    if (b[1] == 1) return true;
+    if (b[1] != orvwire::kCompactWithTriad) return true;
 
-    out->triadAxis = b[15] >> 6;
+    out->triadAxis = b[orvwire::kCompactTriad.at + 1] >> 6;
     // One index higher than the mask-driven packets: axis 3 lands in vec40[0].
     if (out->triadAxis >= 1 && out->triadAxis <= 3)
-        storeTriad(out, out->triadAxis, scaled(signExtend(b[14] + 256u * b[15], 14), 0.00025));
+        storeTriad(out, out->triadAxis, compact(b, orvwire::kCompactTriad, 0));
     out->mask |= 0x3D;
     return true;
 }
