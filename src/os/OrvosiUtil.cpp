@@ -8,6 +8,8 @@
 #include <cstring>
 #include <vector>
 
+#include "wire/ImageFormats.hpp"
+
 // ---- time ------------------------------------------------------------------
 
 int OrvosiUtil::snoozeMs(int ms) {
@@ -88,4 +90,13 @@ bool OrvosiUtil::socketCleanup() { return true; }
 
 bool OrvosiUtil::ParseBrevantPacket(unsigned char* pkt, BrevantData* out) {
     return decode(pkt, out, getTimeSysUs());
+}
+
+bool OrvosiUtil::GetImageResolution(unsigned char format, unsigned int* width, unsigned int* height,
+                                    unsigned int* bytesPerPixel) {
+    const orvwire::ImageGeometry* g = orvwire::imageGeometry(format);
+    if (width != nullptr) *width = g != nullptr ? g->width : 0;
+    if (height != nullptr) *height = g != nullptr ? g->height : 0;
+    if (bytesPerPixel != nullptr) *bytesPerPixel = g != nullptr ? g->bytesPerPixel : 0;
+    return g != nullptr;
 }
