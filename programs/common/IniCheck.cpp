@@ -18,47 +18,9 @@
 
 namespace orvcheck {
 
-const KnownKey kKeys[] = {
-    {"General", "verbosity", KeyKind::Mask, "0"},
-    {"General", "logging", KeyKind::Mask, "0"},
-    {"General", "logPath", KeyKind::Text, "./"},
-    {"Communication", "tcpOrvRxEnabled", KeyKind::Bool, "true"},
-    {"Communication", "tcpOrvRxAddr", KeyKind::Host, "localhost"},
-    {"Communication", "tcpOrvRxPort", KeyKind::TcpPort, "51717"},
-    {"Communication", "udpOrvRxPort", KeyKind::UdpPort, "5001"},
-    {"Communication", "udpOrvRxImgPort", KeyKind::UdpPort, "5003"},
-    {"Communication", "udpOrvRxInputPort", KeyKind::UdpPort, "5004"},
-    {"Communication", "udpOrvCorePort", KeyKind::UdpPort, "5002"},
-    {"Communication", "udpOrvHubPort", KeyKind::UdpPort, "5006"},
-    {"Communication", "udpNftPort", KeyKind::UdpPort, "5007"},
-    {"Communication", "sMemImgName", KeyKind::Text, "orvHubImage"},
-    {"Communication", "udpOrvRxRcvBufSize", KeyKind::Int32, "65536"},
-    {"Communication", "udpOrvRxImgRcvBufSize", KeyKind::Int32, "524288"},
-    {"Communication", "udpOrvCoreRcvBufSize", KeyKind::Int32, "65536"},
-    {"Communication", "udpOrvHubRcvBufSize", KeyKind::Int32, "65536"},
-    {"Communication", "udpNftRcvBufSize", KeyKind::Int32, "65536"},
-    {"Processing", "predictionS", KeyKind::Real, "0.0"},
-    {"Processing", "virtualSyncCtrl", KeyKind::Int64, "0"},
-    {"Memory", "imgBufSize", KeyKind::Size, "4194304"},
-    {"Memory", "imuQueueSize", KeyKind::Size, "10000"},
-    {"Memory", "targetQueueSize", KeyKind::Size, "10000"},
-    {"Memory", "trackingQueueSize", KeyKind::Size, "10000"},
-    {"Memory", "gpsQueueSize", KeyKind::Size, "10000"},
-    {"Memory", "errorCodeQueueSize", KeyKind::Size, "10000"},
-    {"Processing", "BoresightRefRollRad", KeyKind::Real, "0.0"},
-    {"Processing", "BoresightRefPitchRad", KeyKind::Real, "0.0"},
-    {"Processing", "BoresightRefYawRad", KeyKind::Real, "0.0"},
-    {"Processing", "TipOffsetXM", KeyKind::Real, "0.0"},
-    {"Processing", "TipOffsetYM", KeyKind::Real, "0.0"},
-    {"Processing", "TipOffsetZM", KeyKind::Real, "0.0"},
-    {"Communication", "udpAllowedSenders", KeyKind::Senders, ""},
-    {"Communication", "sMemImgMode", KeyKind::Mode, "0666"},
-};
-const size_t kKeyCount = sizeof kKeys / sizeof kKeys[0];
-
 namespace {
 
-constexpr const char* kSections[] = {"General", "Communication", "Processing", "Memory"};
+using orvini::kSections;
 // The reader copies a number into 64 bytes with its terminating zero.
 constexpr size_t kMaxNumberLength = 63;
 // Both UDP endpoint kinds refuse ports above this.
@@ -335,25 +297,34 @@ private:
     void takeDefault(KeyValue& v) {
         const KnownKey& k = *v.known;
         v.raw.clear();
+        v.text = k.defaultText;
         switch (k.kind) {
             case KeyKind::Mask:
             case KeyKind::Int32:
             case KeyKind::Size:
             case KeyKind::Int64:
-                v.integer = std::strtoll(k.defaultText, nullptr, 10);
+                v.integer = orvini::defaultInteger(k.id);
                 v.text = std::to_string(v.integer);
                 break;
             case KeyKind::Real:
-                v.real = std::strtod(k.defaultText, nullptr);
+                v.real = orvini::defaultReal(k.id);
                 v.text = formatReal(v.real);
                 break;
             case KeyKind::Bool:
-                v.flag = readBool(k.defaultText) == 1;
+                v.flag = orvini::defaultBool(k.id);
                 v.text = v.flag ? "on" : "off";
                 break;
-            default:
-                v.text = k.defaultText;
-                v.integer = std::strtol(k.defaultText, nullptr, 10);
+            case KeyKind::UdpPort:
+            case KeyKind::TcpPort:
+                v.integer = orvini::defaultPort(k.id);
+                break;
+            case KeyKind::Mode:
+                v.integer = orvini::defaultMode(k.id);
+                break;
+            case KeyKind::Text:
+            case KeyKind::Host:
+            case KeyKind::Senders:
+                break;
         }
     }
 
