@@ -1,8 +1,11 @@
-#include "capture/Progress.hpp"
+#include "Progress.hpp"
 
 #include <unistd.h>
 
-namespace orvtools {
+#include <algorithm>
+#include <cmath>
+
+namespace orvprogress {
 
 namespace {
 
@@ -38,7 +41,13 @@ void ProgressLine::finish() {
     std::fflush(out_);
 }
 
-std::string humanBytes(uint64_t bytes) {
+void ProgressLine::clear() {
+    if (terminal_ && lastWidth_ > 0) std::fprintf(out_, "\r%*s\r", static_cast<int>(lastWidth_), "");
+    lastWidth_ = 0;
+    std::fflush(out_);
+}
+
+std::string byteText(uint64_t bytes) {
     char text[32];
     if (bytes >= 10000000)
         std::snprintf(text, sizeof text, "%.1f MB", static_cast<double>(bytes) / 1e6);
@@ -49,4 +58,10 @@ std::string humanBytes(uint64_t bytes) {
     return text;
 }
 
-}  // namespace orvtools
+std::string rateText(double bytesPerS) {
+    // A rate of a zero-length interval is no rate; none is far beyond 1 EB/s.
+    const double rate = std::isfinite(bytesPerS) && bytesPerS > 0 ? std::min(bytesPerS, 1e18) : 0.0;
+    return byteText(static_cast<uint64_t>(rate + 0.5)) + "/s";
+}
+
+}  // namespace orvprogress
