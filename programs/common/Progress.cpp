@@ -18,12 +18,15 @@ ProgressLine::ProgressLine(std::FILE* out) : out_(out), terminal_(isatty(fileno(
 
 void ProgressLine::update(uint64_t nowUs, const std::string& text) {
     if (nowUs < nextUs_) return;
+    const uint64_t period = terminal_ ? kTerminalUs : kLogUs;
     if (nextUs_ == 0) {
-        nextUs_ = nowUs + (terminal_ ? kTerminalUs : kLogUs);
+        nextUs_ = nowUs + period;
         if (!terminal_) return;  // nothing worth a line at the very start
     } else {
-        nextUs_ += terminal_ ? kTerminalUs : kLogUs;
-        if (nextUs_ < nowUs) nextUs_ = nowUs;
+        // Steady updates keep their pace; after a stall the next line is a
+        // whole period away, not due at once.
+        nextUs_ += period;
+        if (nextUs_ <= nowUs) nextUs_ = nowUs + period;
     }
     if (terminal_) {
         const size_t pad = lastWidth_ > text.size() ? lastWidth_ - text.size() : 0;
