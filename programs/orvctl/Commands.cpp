@@ -291,7 +291,8 @@ int runGet(const Options& o, const std::string& remote, std::string local, unsig
     OrvAccess access;
     StreamKeeper keeper(o, access);
     if (const int rc = openKeeping(o, access, keeper)) return rc;
-    TransferWatch progress(TransferWatch::Direction::Get, "get " + remote, local, -1);
+    // The library writes the hidden file; its growth is the progress.
+    TransferWatch progress(TransferWatch::Direction::Get, "get " + remote, temp, -1);
     const bool ok = access.getFile(remote, static_cast<e_OrvAccessFileLoc>(location), temp);
     const double seconds = progress.stop();
     std::error_code ec;
