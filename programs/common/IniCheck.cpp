@@ -20,6 +20,7 @@ namespace orvcheck {
 
 namespace {
 
+using orvini::Key;
 using orvini::kSections;
 // The reader copies a number into 64 bytes with its terminating zero.
 constexpr size_t kMaxNumberLength = 63;
@@ -461,14 +462,13 @@ private:
     }
 
     void rangeNotes(const KeyValue& v) {
-        const std::string key = v.known->key;
         if (v.known->kind == KeyKind::Int32 && v.integer < 1)
             add(Severity::Warning, "out-of-range", v.line,
                 where(v) + "a receive buffer needs a positive size in bytes; the kernel's smallest buffer "
                            "loses datagrams");
-        if (v.known->kind == KeyKind::Size && key != "imgBufSize" && v.integer == 0)
+        if (v.known->kind == KeyKind::Size && v.known->id != Key::imgBufSize && v.integer == 0)
             add(Severity::Note, "queue-bound", v.line, where(v) + "a queue bound of 0 is taken as 1");
-        if (key == "virtualSyncCtrl" && (v.integer & ~0x7LL) != 0)
+        if (v.known->id == Key::virtualSyncCtrl && (v.integer & ~0x7LL) != 0)
             add(Severity::Note, "unknown-bits", v.line,
                 where(v) + "only the bits 0x1, 0x2 and 0x4 mean anything; the others are ignored");
     }
@@ -488,14 +488,14 @@ private:
             else if (v.raw.find_first_of(" \t") != std::string::npos)
                 add(Severity::Warning, "bad-host", v.line, where(v) + "a host name or address has no blanks");
         }
-        if (std::string(v.known->key) == "sMemImgName" && v.raw.empty())
+        if (v.known->id == Key::sMemImgName && v.raw.empty())
             add(Severity::Note, "disabled", v.line, where(v) + "empty: the shared-memory image is off");
     }
 
     void readUdpPort(KeyValue& v) {
         v.text = v.raw;
         if (v.raw == "0") return;
-        const bool uplink = std::string(v.known->key) == "udpOrvRxInputPort";
+        const bool uplink = v.known->id == Key::udpOrvRxInputPort;
         const std::string refusal = uplink ? "\"Error forming UDP server write address\""
                                            : "\"Failed to form broadcast address\"";
         const size_t comment = commentStart(v.raw);
@@ -541,8 +541,8 @@ private:
 
     // Rules that involve more than one key.
     void crossChecks() {
-        const KeyValue& core = r_.value("udpOrvCorePort");
-        const KeyValue& hub = r_.value("udpOrvHubPort");
+        const KeyValue& core = r_.value(Key::udpOrvCorePort);
+        const KeyValue& hub = r_.value(Key::udpOrvHubPort);
         if (core.text == "0" && hub.present && hub.text != "0")
             add(Severity::Note, "unused", hub.line,
                 "[Communication] udpOrvHubPort is unused: the hub channel follows udpOrvCorePort, which is 0");
@@ -554,9 +554,10 @@ private:
 
         // Two endpoints on one port split its datagrams between them.
         std::vector<const KeyValue*> receivers;
-        for (const char* key : {"udpOrvRxPort", "udpOrvRxImgPort", "udpOrvCorePort", "udpOrvHubPort", "udpNftPort"}) {
+        for (const Key key : {Key::udpOrvRxPort, Key::udpOrvRxImgPort, Key::udpOrvCorePort, Key::udpOrvHubPort,
+                              Key::udpNftPort}) {
             const KeyValue& p = r_.value(key);
-            if (std::string(key) == "udpOrvHubPort" && core.text == "0") continue;
+            if (key == Key::udpOrvHubPort && core.text == "0") continue;
             if (p.integer > 0 && p.integer <= kMaxUdpPort) receivers.push_back(&p);
         }
         for (size_t i = 0; i < receivers.size(); ++i)
@@ -568,8 +569,8 @@ private:
                             ": the two channels share the port and each datagram reaches only one of them; "
                             "give each channel its own port");
 
-        const KeyValue& logging = r_.value("logging");
-        const KeyValue& logPath = r_.value("logPath");
+        const KeyValue& logging = r_.value(Key::logging);
+        const KeyValue& logPath = r_.value(Key::logPath);
         if (logging.integer != 0 && !logPath.text.empty() && logPath.text.back() != '/')
             add(Severity::Note, "log-path", logPath.line,
                 "[General] logPath = " + quoted(logPath.text) + ": it is a prefix, not a folder; the log files "

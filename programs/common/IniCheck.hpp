@@ -52,6 +52,7 @@ struct IniReport {
     std::vector<Finding> findings;
 
     const KeyValue& value(const char* key) const;  // a key of kKeys
+    const KeyValue& value(orvini::Key key) const { return values[static_cast<size_t>(key)]; }
 };
 
 // Never fails: an unreadable file is reported in the result (every key then
