@@ -5,27 +5,27 @@
 #include <cstdio>
 #include <sstream>
 
-#include "orvsim/Simulator.hpp"
+#include "IniPorts.hpp"
 
 namespace orvtools {
 
 bool Channels::fromIni(const std::string& path, Channels& out, std::string& error) {
     // The simulator reads the same file the same way; one reader of ports.
-    orvsim::SimConfig cfg;
-    if (!orvsim::SimConfig::fromIni(path, cfg, error)) return false;
+    orvports::Endpoints e;
+    if (!orvports::fromIni(path, e, error)) return false;
     Channels c;
     c.list_ = {
-        {ChannelId::Meta, "meta", Proto::Udp, cfg.metaPort},
-        {ChannelId::Image, "image", Proto::Udp, cfg.imagePort},
-        {ChannelId::Core, "orvCore", Proto::Udp, cfg.corePort},
-        {ChannelId::Hub, "orvHub", Proto::Udp, cfg.hubPort},
-        {ChannelId::Nft, "nft", Proto::Udp, cfg.nftPort},
-        {ChannelId::Uplink, "uplink", Proto::Udp, cfg.inputPort},
-        {ChannelId::Commands, "commands", Proto::Tcp, cfg.tcpPort},
+        {ChannelId::Meta, "meta", Proto::Udp, e.metaPort},
+        {ChannelId::Image, "image", Proto::Udp, e.imagePort},
+        {ChannelId::Core, "orvCore", Proto::Udp, e.corePort},
+        {ChannelId::Hub, "orvHub", Proto::Udp, e.hubPort},
+        {ChannelId::Nft, "nft", Proto::Udp, e.nftPort},
+        {ChannelId::Uplink, "uplink", Proto::Udp, e.inputPort},
+        {ChannelId::Commands, "commands", Proto::Tcp, e.tcpPort},
     };
-    c.address_ = cfg.address;
+    c.address_ = e.address;
     in_addr a{};
-    inet_aton(cfg.address.c_str(), &a);
+    inet_aton(e.address.c_str(), &a);
     c.addressValue_ = ntohl(a.s_addr);
     out = c;
     return true;

@@ -11,7 +11,7 @@
 #include "PortHolders.hpp"
 #include "os/OrvosiUtil.hpp"
 #include "capture/Player.hpp"
-#include "capture/Progress.hpp"
+#include "Progress.hpp"
 
 namespace {
 
@@ -114,7 +114,7 @@ int main(int argc, char** argv) {
                                          .c_str()
                                    : "");
     warnAboutReceivers(opt, ch);
-    orvtools::ProgressLine line(stderr);
+    orvprogress::ProgressLine line(stderr);
     const bool ok = player.run(
         gStop,
         [&](const orvtools::PlayReport& r) {

@@ -10,7 +10,7 @@
 
 #include "Args.hpp"
 #include "os/OrvosiUtil.hpp"
-#include "capture/Progress.hpp"
+#include "Progress.hpp"
 #include "capture/Recorder.hpp"
 
 namespace {
@@ -67,14 +67,14 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "orvrec: %s\norvrec: writing %s%s\n", notice.c_str(), opt.output.c_str(),
                  opt.durationS > 0 ? "" : "; Ctrl-C stops");
     const orvtools::Channels& ch = rec.channels();
-    orvtools::ProgressLine line(stderr);
+    orvprogress::ProgressLine line(stderr);
     const bool ok = rec.run(
         gStop,
         [&](const orvtools::RecordReport& r) {
             char head[64];
             std::snprintf(head, sizeof head, "orvrec: %.1f s  ", r.seconds);
             line.update(OrvosiUtil::getTimeSysUs(),
-                        head + r.counts.brief(ch) + "  -> " + orvtools::humanBytes(r.fileBytes));
+                        head + r.counts.brief(ch) + "  -> " + orvprogress::byteText(r.fileBytes));
         },
         error);
     line.finish();
@@ -84,7 +84,7 @@ int main(int argc, char** argv) {
     }
     const orvtools::RecordReport& r = rec.report();
     std::printf("orvrec: recorded %.1f s to %s (%s), %s\n", r.seconds, opt.output.c_str(),
-                orvtools::humanBytes(r.fileBytes).c_str(),
+                orvprogress::byteText(r.fileBytes).c_str(),
                 r.mode == orvtools::RecordMode::Capture ? ("captured on " + r.interface).c_str()
                                                         : "as the receiver of the configured ports");
     std::printf("%s", r.counts.table(ch, "packets").c_str());

@@ -17,23 +17,25 @@ namespace orvcheck {
 
 namespace {
 
-constexpr const char* kReceiveKeys[] = {"udpOrvRxPort", "udpOrvRxImgPort", "udpOrvCorePort", "udpOrvHubPort",
-                                        "udpNftPort"};
-constexpr const char* kBufferKeys[][2] = {{"udpOrvRxPort", "udpOrvRxRcvBufSize"},
-                                          {"udpOrvRxImgPort", "udpOrvRxImgRcvBufSize"},
-                                          {"udpOrvCorePort", "udpOrvCoreRcvBufSize"},
-                                          {"udpOrvHubPort", "udpOrvHubRcvBufSize"},
-                                          {"udpNftPort", "udpNftRcvBufSize"}};
+using K = orvini::Key;
+constexpr K kReceiveKeys[] = {K::udpOrvRxPort, K::udpOrvRxImgPort, K::udpOrvCorePort, K::udpOrvHubPort,
+                              K::udpNftPort};
+// Each receive port with the key of its socket's receive buffer.
+constexpr K kBufferKeys[][2] = {{K::udpOrvRxPort, K::udpOrvRxRcvBufSize},
+                                {K::udpOrvRxImgPort, K::udpOrvRxImgRcvBufSize},
+                                {K::udpOrvCorePort, K::udpOrvCoreRcvBufSize},
+                                {K::udpOrvHubPort, K::udpOrvHubRcvBufSize},
+                                {K::udpNftPort, K::udpNftRcvBufSize}};
 constexpr int kMaxUdpPort = 32767;
 
 // The receive ports the library will open: the hub's follows the orvCore
 // setting.
 std::vector<const KeyValue*> receivePorts(const IniReport& ini) {
     std::vector<const KeyValue*> out;
-    const bool coreOn = ini.value("udpOrvCorePort").text != "0";
-    for (const char* key : kReceiveKeys) {
+    const bool coreOn = ini.value(K::udpOrvCorePort).text != "0";
+    for (const K key : kReceiveKeys) {
         const KeyValue& v = ini.value(key);
-        if (std::string(key) == "udpOrvHubPort" && !coreOn) continue;
+        if (key == K::udpOrvHubPort && !coreOn) continue;
         if (v.text != "0" && v.integer > 0 && v.integer <= kMaxUdpPort) out.push_back(&v);
     }
     return out;
@@ -138,9 +140,9 @@ private:
 
     void probeOrvRx() {
         OrvRxProbe& p = r_.orvRx;
-        p.host = r_.ini.value("tcpOrvRxAddr").text;
-        p.port = static_cast<int>(r_.ini.value("tcpOrvRxPort").integer);
-        p.enabled = r_.ini.value("tcpOrvRxEnabled").flag;
+        p.host = r_.ini.value(K::tcpOrvRxAddr).text;
+        p.port = static_cast<int>(r_.ini.value(K::tcpOrvRxPort).integer);
+        p.enabled = r_.ini.value(K::tcpOrvRxEnabled).flag;
         if (!opt_.probe) return;
         in_addr a{};
         std::string error;
@@ -184,7 +186,7 @@ private:
 
     // Only a local orvRx's uplink receiver can be seen from here.
     void uplink() {
-        const KeyValue& v = r_.ini.value("udpOrvRxInputPort");
+        const KeyValue& v = r_.ini.value(K::udpOrvRxInputPort);
         if (v.text == "0" || v.integer <= 0 || v.integer > kMaxUdpPort) return;
         const std::string& host = r_.orvRx.host;
         const bool numeric = host == "localhost" || host == "*" || (!host.empty() && host[0] >= '0' && host[0] <= '9');
@@ -207,7 +209,7 @@ private:
     void command() {
         const OrvRxProbe& p = r_.orvRx;
         if (!p.enabled || !p.local) return;
-        r_.ports.push_back({"tcpOrvRxPort", p.port, Proto::Tcp, PortUse::Role::Command,
+        r_.ports.push_back({orvini::row(K::tcpOrvRxPort).key, p.port, Proto::Tcp, PortUse::Role::Command,
                             table_.holders(Proto::Tcp, p.port, opt_.ownPid)});
     }
 
@@ -217,11 +219,11 @@ private:
         const std::vector<const KeyValue*> open = receivePorts(r_.ini);
         for (const auto& pair : kBufferKeys) {
             bool used = false;
-            for (const KeyValue* v : open) used = used || std::string(v->known->key) == pair[0];
+            for (const KeyValue* v : open) used = used || v->known->id == pair[0];
             const KeyValue& b = r_.ini.value(pair[1]);
             if (!used || b.integer <= limit) continue;
             add(Severity::Note, "buffer-capped",
-                std::string(pair[1]) + " = " + b.text + " is above the kernel's limit net.core.rmem_max = " +
+                std::string(b.known->key) + " = " + b.text + " is above the kernel's limit net.core.rmem_max = " +
                     std::to_string(limit) + ": the socket gets less; raise the limit (sysctl -w net.core.rmem_max=" +
                     b.text + ") for the whole buffer");
         }
@@ -262,8 +264,8 @@ std::string streamReceivers(const IniReport& ini, int ownPid) {
     const SocketTable table = SocketTable::read();
     std::vector<Holder> found;
     for (const KeyValue* v : receivePorts(ini)) {
-        const std::string key = v->known->key;
-        if (key != "udpOrvRxPort" && key != "udpOrvRxImgPort" && key != "udpOrvCorePort") continue;
+        const K key = v->known->id;
+        if (key != K::udpOrvRxPort && key != K::udpOrvRxImgPort && key != K::udpOrvCorePort) continue;
         for (const Holder& h : table.holders(Proto::Udp, static_cast<int>(v->integer), ownPid)) {
             bool seen = false;
             for (const Holder& f : found) seen = seen || (f.pid == h.pid && f.socket.uid == h.socket.uid);

@@ -18,47 +18,10 @@
 
 namespace orvcheck {
 
-const KnownKey kKeys[] = {
-    {"General", "verbosity", KeyKind::Mask, "0"},
-    {"General", "logging", KeyKind::Mask, "0"},
-    {"General", "logPath", KeyKind::Text, "./"},
-    {"Communication", "tcpOrvRxEnabled", KeyKind::Bool, "true"},
-    {"Communication", "tcpOrvRxAddr", KeyKind::Host, "localhost"},
-    {"Communication", "tcpOrvRxPort", KeyKind::TcpPort, "51717"},
-    {"Communication", "udpOrvRxPort", KeyKind::UdpPort, "5001"},
-    {"Communication", "udpOrvRxImgPort", KeyKind::UdpPort, "5003"},
-    {"Communication", "udpOrvRxInputPort", KeyKind::UdpPort, "5004"},
-    {"Communication", "udpOrvCorePort", KeyKind::UdpPort, "5002"},
-    {"Communication", "udpOrvHubPort", KeyKind::UdpPort, "5006"},
-    {"Communication", "udpNftPort", KeyKind::UdpPort, "5007"},
-    {"Communication", "sMemImgName", KeyKind::Text, "orvHubImage"},
-    {"Communication", "udpOrvRxRcvBufSize", KeyKind::Int32, "65536"},
-    {"Communication", "udpOrvRxImgRcvBufSize", KeyKind::Int32, "524288"},
-    {"Communication", "udpOrvCoreRcvBufSize", KeyKind::Int32, "65536"},
-    {"Communication", "udpOrvHubRcvBufSize", KeyKind::Int32, "65536"},
-    {"Communication", "udpNftRcvBufSize", KeyKind::Int32, "65536"},
-    {"Processing", "predictionS", KeyKind::Real, "0.0"},
-    {"Processing", "virtualSyncCtrl", KeyKind::Int64, "0"},
-    {"Memory", "imgBufSize", KeyKind::Size, "4194304"},
-    {"Memory", "imuQueueSize", KeyKind::Size, "10000"},
-    {"Memory", "targetQueueSize", KeyKind::Size, "10000"},
-    {"Memory", "trackingQueueSize", KeyKind::Size, "10000"},
-    {"Memory", "gpsQueueSize", KeyKind::Size, "10000"},
-    {"Memory", "errorCodeQueueSize", KeyKind::Size, "10000"},
-    {"Processing", "BoresightRefRollRad", KeyKind::Real, "0.0"},
-    {"Processing", "BoresightRefPitchRad", KeyKind::Real, "0.0"},
-    {"Processing", "BoresightRefYawRad", KeyKind::Real, "0.0"},
-    {"Processing", "TipOffsetXM", KeyKind::Real, "0.0"},
-    {"Processing", "TipOffsetYM", KeyKind::Real, "0.0"},
-    {"Processing", "TipOffsetZM", KeyKind::Real, "0.0"},
-    {"Communication", "udpAllowedSenders", KeyKind::Senders, ""},
-    {"Communication", "sMemImgMode", KeyKind::Mode, "0666"},
-};
-const size_t kKeyCount = sizeof kKeys / sizeof kKeys[0];
-
 namespace {
 
-constexpr const char* kSections[] = {"General", "Communication", "Processing", "Memory"};
+using orvini::Key;
+using orvini::kSections;
 // The reader copies a number into 64 bytes with its terminating zero.
 constexpr size_t kMaxNumberLength = 63;
 // Both UDP endpoint kinds refuse ports above this.
@@ -335,25 +298,34 @@ private:
     void takeDefault(KeyValue& v) {
         const KnownKey& k = *v.known;
         v.raw.clear();
+        v.text = k.defaultText;
         switch (k.kind) {
             case KeyKind::Mask:
             case KeyKind::Int32:
             case KeyKind::Size:
             case KeyKind::Int64:
-                v.integer = std::strtoll(k.defaultText, nullptr, 10);
+                v.integer = orvini::defaultInteger(k.id);
                 v.text = std::to_string(v.integer);
                 break;
             case KeyKind::Real:
-                v.real = std::strtod(k.defaultText, nullptr);
+                v.real = orvini::defaultReal(k.id);
                 v.text = formatReal(v.real);
                 break;
             case KeyKind::Bool:
-                v.flag = readBool(k.defaultText) == 1;
+                v.flag = orvini::defaultBool(k.id);
                 v.text = v.flag ? "on" : "off";
                 break;
-            default:
-                v.text = k.defaultText;
-                v.integer = std::strtol(k.defaultText, nullptr, 10);
+            case KeyKind::UdpPort:
+            case KeyKind::TcpPort:
+                v.integer = orvini::defaultPort(k.id);
+                break;
+            case KeyKind::Mode:
+                v.integer = orvini::defaultMode(k.id);
+                break;
+            case KeyKind::Text:
+            case KeyKind::Host:
+            case KeyKind::Senders:
+                break;
         }
     }
 
@@ -490,14 +462,13 @@ private:
     }
 
     void rangeNotes(const KeyValue& v) {
-        const std::string key = v.known->key;
         if (v.known->kind == KeyKind::Int32 && v.integer < 1)
             add(Severity::Warning, "out-of-range", v.line,
                 where(v) + "a receive buffer needs a positive size in bytes; the kernel's smallest buffer "
                            "loses datagrams");
-        if (v.known->kind == KeyKind::Size && key != "imgBufSize" && v.integer == 0)
+        if (v.known->kind == KeyKind::Size && v.known->id != Key::imgBufSize && v.integer == 0)
             add(Severity::Note, "queue-bound", v.line, where(v) + "a queue bound of 0 is taken as 1");
-        if (key == "virtualSyncCtrl" && (v.integer & ~0x7LL) != 0)
+        if (v.known->id == Key::virtualSyncCtrl && (v.integer & ~0x7LL) != 0)
             add(Severity::Note, "unknown-bits", v.line,
                 where(v) + "only the bits 0x1, 0x2 and 0x4 mean anything; the others are ignored");
     }
@@ -517,14 +488,14 @@ private:
             else if (v.raw.find_first_of(" \t") != std::string::npos)
                 add(Severity::Warning, "bad-host", v.line, where(v) + "a host name or address has no blanks");
         }
-        if (std::string(v.known->key) == "sMemImgName" && v.raw.empty())
+        if (v.known->id == Key::sMemImgName && v.raw.empty())
             add(Severity::Note, "disabled", v.line, where(v) + "empty: the shared-memory image is off");
     }
 
     void readUdpPort(KeyValue& v) {
         v.text = v.raw;
         if (v.raw == "0") return;
-        const bool uplink = std::string(v.known->key) == "udpOrvRxInputPort";
+        const bool uplink = v.known->id == Key::udpOrvRxInputPort;
         const std::string refusal = uplink ? "\"Error forming UDP server write address\""
                                            : "\"Failed to form broadcast address\"";
         const size_t comment = commentStart(v.raw);
@@ -570,8 +541,8 @@ private:
 
     // Rules that involve more than one key.
     void crossChecks() {
-        const KeyValue& core = r_.value("udpOrvCorePort");
-        const KeyValue& hub = r_.value("udpOrvHubPort");
+        const KeyValue& core = r_.value(Key::udpOrvCorePort);
+        const KeyValue& hub = r_.value(Key::udpOrvHubPort);
         if (core.text == "0" && hub.present && hub.text != "0")
             add(Severity::Note, "unused", hub.line,
                 "[Communication] udpOrvHubPort is unused: the hub channel follows udpOrvCorePort, which is 0");
@@ -583,9 +554,10 @@ private:
 
         // Two endpoints on one port split its datagrams between them.
         std::vector<const KeyValue*> receivers;
-        for (const char* key : {"udpOrvRxPort", "udpOrvRxImgPort", "udpOrvCorePort", "udpOrvHubPort", "udpNftPort"}) {
+        for (const Key key : {Key::udpOrvRxPort, Key::udpOrvRxImgPort, Key::udpOrvCorePort, Key::udpOrvHubPort,
+                              Key::udpNftPort}) {
             const KeyValue& p = r_.value(key);
-            if (std::string(key) == "udpOrvHubPort" && core.text == "0") continue;
+            if (key == Key::udpOrvHubPort && core.text == "0") continue;
             if (p.integer > 0 && p.integer <= kMaxUdpPort) receivers.push_back(&p);
         }
         for (size_t i = 0; i < receivers.size(); ++i)
@@ -597,8 +569,8 @@ private:
                             ": the two channels share the port and each datagram reaches only one of them; "
                             "give each channel its own port");
 
-        const KeyValue& logging = r_.value("logging");
-        const KeyValue& logPath = r_.value("logPath");
+        const KeyValue& logging = r_.value(Key::logging);
+        const KeyValue& logPath = r_.value(Key::logPath);
         if (logging.integer != 0 && !logPath.text.empty() && logPath.text.back() != '/')
             add(Severity::Note, "log-path", logPath.line,
                 "[General] logPath = " + quoted(logPath.text) + ": it is a prefix, not a folder; the log files "

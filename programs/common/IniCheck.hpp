@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "IniKeys.hpp"
+
 namespace orvcheck {
 
 enum class Severity { Note, Warning, Error };
@@ -21,30 +23,13 @@ struct Finding {
     std::string message;
 };
 
-enum class KeyKind {
-    Mask,     // unsigned 32-bit bit mask
-    Int32,    // signed 32-bit (receive buffer sizes, bytes)
-    Size,     // unsigned 32-bit (queue bounds, buffer sizes)
-    Int64,    // 64-bit
-    Real,     // double
-    Bool,     // on/off
-    Text,     // taken as written
-    Host,     // tcpOrvRxAddr
-    UdpPort,  // decimal text; the text 0 switches the channel off
-    TcpPort,  // decimal text read as a number
-    Senders,  // udpAllowedSenders: IPv4 addresses or networks; empty takes every sender
-    Mode,     // sMemImgMode: octal permission bits
-};
-
-struct KnownKey {
-    const char* section;
-    const char* key;
-    KeyKind kind;
-    const char* defaultText;
-};
+// The keys come from the library's own table, so that the check knows
+// exactly the keys, kinds and defaults the library reads.
+using KeyKind = orvini::Kind;
+using KnownKey = orvini::KeyRow;
 // Every key the library reads, in its reading order.
-extern const KnownKey kKeys[];
-extern const size_t kKeyCount;
+inline constexpr const KnownKey* kKeys = orvini::kKeys;
+inline constexpr size_t kKeyCount = orvini::kKeyCount;
 
 struct KeyValue {
     const KnownKey* known = nullptr;
@@ -67,6 +52,7 @@ struct IniReport {
     std::vector<Finding> findings;
 
     const KeyValue& value(const char* key) const;  // a key of kKeys
+    const KeyValue& value(orvini::Key key) const { return values[static_cast<size_t>(key)]; }
 };
 
 // Never fails: an unreadable file is reported in the result (every key then

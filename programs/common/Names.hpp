@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "IniKeys.hpp"
 #include "orvaccess/orvwire.h"
 
 namespace orvnames {
@@ -63,15 +64,16 @@ struct ChannelInfo {
     uint32_t connectionBit;  // 0: none
     uint32_t receivedBit;    // 0: it receives nothing
 };
+constexpr const char* keyName(orvini::Key k) { return orvini::row(k).key; }
 inline constexpr ChannelInfo kChannels[kChannelCount] = {
-    {Channel::Tcp, "tcp", "tcpOrvRxPort", kConnTcp, 0},
-    {Channel::Uplink, "uplink", "udpOrvRxInputPort", kConnUplink, 0},
-    {Channel::Meta, "meta", "udpOrvRxPort", kConnMeta, kRecvMeta},
-    {Channel::SharedMem, "shm", "sMemImgName", kConnSharedMem, kRecvSharedMem},
-    {Channel::Image, "image", "udpOrvRxImgPort", kConnImage, kRecvImage},
-    {Channel::Core, "core", "udpOrvCorePort", kConnCore, kRecvTracking},
-    {Channel::Hub, "hub", "udpOrvHubPort", kConnHub, kRecvHub},
-    {Channel::Nft, "nft", "udpNftPort", 0, kRecvNft},
+    {Channel::Tcp, "tcp", keyName(orvini::Key::tcpOrvRxPort), kConnTcp, 0},
+    {Channel::Uplink, "uplink", keyName(orvini::Key::udpOrvRxInputPort), kConnUplink, 0},
+    {Channel::Meta, "meta", keyName(orvini::Key::udpOrvRxPort), kConnMeta, kRecvMeta},
+    {Channel::SharedMem, "shm", keyName(orvini::Key::sMemImgName), kConnSharedMem, kRecvSharedMem},
+    {Channel::Image, "image", keyName(orvini::Key::udpOrvRxImgPort), kConnImage, kRecvImage},
+    {Channel::Core, "core", keyName(orvini::Key::udpOrvCorePort), kConnCore, kRecvTracking},
+    {Channel::Hub, "hub", keyName(orvini::Key::udpOrvHubPort), kConnHub, kRecvHub},
+    {Channel::Nft, "nft", keyName(orvini::Key::udpNftPort), 0, kRecvNft},
 };
 inline const ChannelInfo& channelInfo(Channel c) { return kChannels[static_cast<int>(c)]; }
 

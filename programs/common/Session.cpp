@@ -50,8 +50,11 @@ constexpr ChannelLines kLines[] = {
 constexpr const char* kLogPrefix = "ORVALOG: ";
 constexpr const char* kSharedMemLine = "Shared memory interface ";
 constexpr const char* kFailurePrefix = "Unable to open ";
-constexpr const char* kDataPortKeys[] = {"udpOrvRxPort", "udpOrvRxImgPort", "udpOrvRxInputPort", "udpOrvCorePort",
-                                         "udpOrvHubPort", "udpNftPort"};
+constexpr orvini::Key kDataPortKeys[] = {orvini::Key::udpOrvRxPort,      orvini::Key::udpOrvRxImgPort,
+                                         orvini::Key::udpOrvRxInputPort, orvini::Key::udpOrvCorePort,
+                                         orvini::Key::udpOrvHubPort,     orvini::Key::udpNftPort};
+constexpr const orvini::KeyRow& kVerbosity = orvini::row(orvini::Key::verbosity);
+constexpr const orvini::KeyRow& kSharedMemName = orvini::row(orvini::Key::sMemImgName);
 
 bool startsWith(const std::string& s, const std::string& p) { return s.compare(0, p.size(), p) == 0; }
 bool endsWith(const std::string& s, const std::string& e) {
@@ -97,11 +100,14 @@ public:
     IniCopy(const std::string& source, Scope scope, unsigned int& verbosity, std::string& error) {
         IniFile ini;
         ini.LoadFile(source.c_str());  // a missing file reads as empty, as in the library
-        verbosity = static_cast<uint32_t>(ini.GetLongValue("General", "verbosity", 0));
-        ini.SetLongValue("General", "verbosity", static_cast<long>(verbosity | orvnames::kVerbLog), nullptr, true);
+        verbosity = static_cast<uint32_t>(ini.GetLongValue(
+            kVerbosity.section, kVerbosity.key, static_cast<long>(orvini::defaultInteger(kVerbosity.id))));
+        ini.SetLongValue(kVerbosity.section, kVerbosity.key, static_cast<long>(verbosity | orvnames::kVerbLog),
+                         nullptr, true);
         if (scope == Scope::CommandsOnly) {
-            for (const char* key : kDataPortKeys) ini.SetValue("Communication", key, "0");
-            ini.SetValue("Communication", "sMemImgName", "");
+            for (const orvini::Key key : kDataPortKeys)
+                ini.SetValue(orvini::row(key).section, orvini::row(key).key, "0");
+            ini.SetValue(kSharedMemName.section, kSharedMemName.key, "");
         }
         std::string templ = (std::filesystem::temp_directory_path() / "orvaccess-XXXXXX.ini").string();
         const int fd = mkstemps(templ.data(), 4);
@@ -208,7 +214,9 @@ OpenResult openLibrary(OrvAccess& access, const std::string& iniPath, Scope scop
     IniFile original;
     original.LoadFile(iniPath.c_str());
     const std::string sharedMemName =
-        scope == Scope::CommandsOnly ? "" : original.GetValue("Communication", "sMemImgName", "orvHubImage");
+        scope == Scope::CommandsOnly
+            ? ""
+            : original.GetValue(kSharedMemName.section, kSharedMemName.key, kSharedMemName.defaultText);
 
     IniCopy copy(iniPath, scope, r.verbosity, r.setupError);
     if (!r.setupError.empty()) return r;

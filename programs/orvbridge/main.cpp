@@ -18,7 +18,7 @@
 #include "Check.hpp"
 #include "Session.hpp"
 #include "Watchdog.hpp"
-#include "capture/Progress.hpp"
+#include "Progress.hpp"
 
 namespace {
 
@@ -234,7 +234,7 @@ int main(int argc, char** argv) {
 
     const uint64_t start = access.getTimeUs();
     const uint64_t end = duration > 0 ? start + static_cast<uint64_t>(duration * kUsPerS) : 0;
-    orvtools::ProgressLine line(stderr);
+    orvprogress::ProgressLine line(stderr);
     std::string shownFailure;
     uint64_t nextProgressUs = start;
     for (;;) {

@@ -14,7 +14,7 @@
 #include "Args.hpp"
 #include "Check.hpp"
 #include "CommandSupport.hpp"
-#include "Progress.hpp"
+#include "TransferWatch.hpp"
 
 namespace orvctl {
 
@@ -61,8 +61,6 @@ const char* adviceFor(const std::string& error) {
     if (has("streaming")) return "orvRx did not take the streaming command; is it still running?";
     return "";
 }
-
-bool isTerminal(int fd) { return isatty(fd) == 1; }
 
 // "0x000010 = 0x2a (42)": one register, as get and set both report it.
 void printRegister(unsigned long address, unsigned long value) {
@@ -293,7 +291,8 @@ int runGet(const Options& o, const std::string& remote, std::string local, unsig
     OrvAccess access;
     StreamKeeper keeper(o, access);
     if (const int rc = openKeeping(o, access, keeper)) return rc;
-    TransferProgress progress(TransferProgress::Direction::Get, "get " + remote, local, -1, isTerminal(STDERR_FILENO));
+    // The library writes the hidden file; its growth is the progress.
+    TransferWatch progress(TransferWatch::Direction::Get, "get " + remote, temp, -1);
     const bool ok = access.getFile(remote, static_cast<e_OrvAccessFileLoc>(location), temp);
     const double seconds = progress.stop();
     std::error_code ec;
@@ -310,8 +309,8 @@ int runGet(const Options& o, const std::string& remote, std::string local, unsig
     }
     partial.path.clear();
     const auto size = static_cast<double>(std::filesystem::file_size(local, ec));
-    std::printf("got %s (location %u) into %s: %.0f bytes in %.2f s, %s/s\n", remote.c_str(), location, local.c_str(),
-                size, seconds, byteText(seconds > 0 ? size / seconds : 0.0).c_str());
+    std::printf("got %s (location %u) into %s: %.0f bytes in %.2f s, %s\n", remote.c_str(), location, local.c_str(),
+                size, seconds, orvprogress::rateText(seconds > 0 ? size / seconds : 0.0).c_str());
     return kExitOk;
 }
 
@@ -326,14 +325,13 @@ int runPut(const Options& o, const std::string& local, std::string remote, unsig
     OrvAccess access;
     StreamKeeper keeper(o, access);
     if (const int rc = openKeeping(o, access, keeper)) return rc;
-    TransferProgress progress(TransferProgress::Direction::Put, "put " + local, local, static_cast<int64_t>(size),
-                              isTerminal(STDERR_FILENO));
+    TransferWatch progress(TransferWatch::Direction::Put, "put " + local, local, static_cast<int64_t>(size));
     const bool ok = access.putFile(local, remote, static_cast<e_OrvAccessFileLoc>(location));
     const double seconds = progress.stop();
     if (!ok) return commandFailed(access, "put " + local);
     const auto bytes = static_cast<double>(size);
-    std::printf("put %s as %s (location %u): %.0f bytes in %.2f s, %s/s\n", local.c_str(), remote.c_str(), location,
-                bytes, seconds, byteText(seconds > 0 ? bytes / seconds : 0.0).c_str());
+    std::printf("put %s as %s (location %u): %.0f bytes in %.2f s, %s\n", local.c_str(), remote.c_str(), location,
+                bytes, seconds, orvprogress::rateText(seconds > 0 ? bytes / seconds : 0.0).c_str());
     return kExitOk;
 }
 

@@ -1,7 +1,6 @@
 #include "orvsim/Simulator.hpp"
 
 #include <arpa/inet.h>
-#include <netdb.h>
 #include <semaphore.h>
 #include <sys/mman.h>
 #include <time.h>
@@ -15,7 +14,7 @@
 #include <optional>
 #include <utility>
 
-#include "access/Config.hpp"
+#include "IniPorts.hpp"
 #include "access/receive/Dispatch.hpp"
 #include "os/OrvosiSharedMem.hpp"
 #include "os/OrvosiUdp.hpp"
@@ -62,39 +61,6 @@ uint16_t rawCount(double value, double perCount) {
     return static_cast<uint16_t>(static_cast<int16_t>(c));
 }
 
-bool portFromText(const std::string& text, const char* key, int& port, std::string& error) {
-    char* end = nullptr;
-    const long v = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || v < 0 || v > 65535) {
-        error = std::string("Bad port for ") + key + ": \"" + text + "\"";
-        return false;
-    }
-    port = static_cast<int>(v);
-    return true;
-}
-
-// A host name or dotted address as dotted IPv4 text; broadcast is refused:
-// the simulator sends to the one configured address only.
-bool resolve(const std::string& host, std::string& dotted, std::string& error) {
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    addrinfo* found = nullptr;
-    if (host.empty() || host == "*" || getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) {
-        error = "Cannot use the address \"" + host + "\"";
-        return false;
-    }
-    char text[INET_ADDRSTRLEN] = {};
-    const in_addr a = reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_addr;
-    freeaddrinfo(found);
-    if (a.s_addr == htonl(INADDR_BROADCAST) || a.s_addr == htonl(INADDR_ANY)) {
-        error = "Cannot use the address \"" + host + "\"";
-        return false;
-    }
-    inet_ntop(AF_INET, &a, text, sizeof text);
-    dotted = text;
-    return true;
-}
-
 // A producer killed while it held the region's semaphore leaves the count at
 // 0, and creating the semaphore again keeps that count: every take would wait
 // for good, the producer's and every reader's. A reader holds the region for
@@ -129,32 +95,18 @@ const char* streamName(Stream s) { return kStreamFamilies[static_cast<int>(s)]->
 unsigned short streamErrorCode(Stream s) { return kStreamFamilies[static_cast<int>(s)]->badCode; }
 
 bool SimConfig::fromIni(const std::string& path, SimConfig& out, std::string& error) {
-    OrvAccessConfig c;
-    readConfig(path, c, false);
-    SimConfig s = out;
-    if (!resolve(c.tcpOrvRxAddr, s.address, error)) return false;
-    const struct {
-        const std::string& text;
-        const char* key;
-        int& port;
-    } ports[] = {
-        {c.tcpOrvRxPort, "tcpOrvRxPort", s.tcpPort},
-        {c.udpOrvRxPort, "udpOrvRxPort", s.metaPort},
-        {c.udpOrvRxImgPort, "udpOrvRxImgPort", s.imagePort},
-        {c.udpOrvRxInputPort, "udpOrvRxInputPort", s.inputPort},
-        {c.udpOrvCorePort, "udpOrvCorePort", s.corePort},
-        {c.udpOrvHubPort, "udpOrvHubPort", s.hubPort},
-        {c.udpNftPort, "udpNftPort", s.nftPort},
-    };
-    for (const auto& p : ports)
-        if (!portFromText(p.text, p.key, p.port, error)) return false;
-    if (!c.tcpOrvRxEnabled) s.tcpPort = 0;
-    s.sharedMemName = c.sMemImgName;
-    if (!parseFileMode(c.sMemImgMode, s.sharedMemMode)) {
-        error = "sMemImgMode = \"" + c.sMemImgMode + "\" is not a mode: write octal permission bits such as 0600";
-        return false;
-    }
-    out = s;
+    orvports::Endpoints e;
+    if (!orvports::fromIni(path, e, error)) return false;
+    out.address = e.address;
+    out.tcpPort = e.tcpPort;
+    out.metaPort = e.metaPort;
+    out.imagePort = e.imagePort;
+    out.inputPort = e.inputPort;
+    out.corePort = e.corePort;
+    out.hubPort = e.hubPort;
+    out.nftPort = e.nftPort;
+    out.sharedMemName = e.sharedMemName;
+    out.sharedMemMode = e.sharedMemMode;
     return true;
 }
 

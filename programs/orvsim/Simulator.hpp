@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "IniKeys.hpp"
 #include "orvsim/Faults.hpp"
 #include "orvsim/Motion.hpp"
 #include "orvsim/RxServer.hpp"
@@ -63,15 +64,18 @@ struct SimConfig {
     // command server listens on (dotted decimal); empty: `address`.
     std::string sendAddress;
     // 0 disables a port.
-    int tcpPort = 51717;
-    int metaPort = 5001;
-    int imagePort = 5003;
-    int inputPort = 5004;
-    int corePort = 5002;
-    int hubPort = 5006;
-    int nftPort = 5007;
-    std::string sharedMemName = "orvHubImage";  // empty: no shared-memory image
-    unsigned int sharedMemMode = 0666;           // at most these permission bits for the image and its semaphore
+    // The defaults are the library's (its table of configuration keys).
+    int tcpPort = orvini::defaultPort(orvini::Key::tcpOrvRxPort);
+    int metaPort = orvini::defaultPort(orvini::Key::udpOrvRxPort);
+    int imagePort = orvini::defaultPort(orvini::Key::udpOrvRxImgPort);
+    int inputPort = orvini::defaultPort(orvini::Key::udpOrvRxInputPort);
+    int corePort = orvini::defaultPort(orvini::Key::udpOrvCorePort);
+    int hubPort = orvini::defaultPort(orvini::Key::udpOrvHubPort);
+    int nftPort = orvini::defaultPort(orvini::Key::udpNftPort);
+    // Empty: no shared-memory image.
+    std::string sharedMemName = orvini::defaultText(orvini::Key::sMemImgName);
+    // At most these permission bits for the image and its semaphore.
+    unsigned int sharedMemMode = orvini::defaultMode(orvini::Key::sMemImgMode);
     std::string fileFolder = ".";                // what get and put file work on
 
     SimRates rates;

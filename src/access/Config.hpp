@@ -7,51 +7,62 @@
 #include <cstdlib>
 #include <string>
 
-// The configuration file's values, with their defaults. Ports stay text:
-// "0" disables a port, compared as text.
+#include "IniKeys.hpp"
+
+// The configuration file's values, with the defaults of the keys' table.
+// Ports stay text: "0" disables a port, compared as text.
 struct OrvAccessConfig {
+    using Key = orvini::Key;
+    template <class T>
+    static constexpr T integer(Key k) {
+        return static_cast<T>(orvini::defaultInteger(k));
+    }
+
     // General
-    uint32_t verbosity = 0;
-    uint32_t logging = 0;
-    std::string logPath = "./";
+    uint32_t verbosity = integer<uint32_t>(Key::verbosity);
+    uint32_t logging = integer<uint32_t>(Key::logging);
+    std::string logPath = orvini::defaultText(Key::logPath);
     // Communication
-    bool tcpOrvRxEnabled = true;
-    std::string tcpOrvRxAddr = "localhost";
-    std::string tcpOrvRxPort = "51717";
-    std::string udpOrvRxPort = "5001";
-    std::string udpOrvRxImgPort = "5003";
-    std::string udpOrvRxInputPort = "5004";
-    std::string udpOrvCorePort = "5002";
-    std::string udpOrvHubPort = "5006";
-    std::string udpNftPort = "5007";
-    std::string sMemImgName = "orvHubImage";
-    int32_t udpOrvRxRcvBufSize = 65536;
-    int32_t udpOrvRxImgRcvBufSize = 524288;
-    int32_t udpOrvCoreRcvBufSize = 65536;
-    int32_t udpOrvHubRcvBufSize = 65536;
-    int32_t udpNftRcvBufSize = 65536;
+    bool tcpOrvRxEnabled = orvini::defaultBool(Key::tcpOrvRxEnabled);
+    std::string tcpOrvRxAddr = orvini::defaultText(Key::tcpOrvRxAddr);
+    std::string tcpOrvRxPort = orvini::defaultText(Key::tcpOrvRxPort);
+    std::string udpOrvRxPort = orvini::defaultText(Key::udpOrvRxPort);
+    std::string udpOrvRxImgPort = orvini::defaultText(Key::udpOrvRxImgPort);
+    std::string udpOrvRxInputPort = orvini::defaultText(Key::udpOrvRxInputPort);
+    std::string udpOrvCorePort = orvini::defaultText(Key::udpOrvCorePort);
+    std::string udpOrvHubPort = orvini::defaultText(Key::udpOrvHubPort);
+    std::string udpNftPort = orvini::defaultText(Key::udpNftPort);
+    std::string sMemImgName = orvini::defaultText(Key::sMemImgName);
+    int32_t udpOrvRxRcvBufSize = integer<int32_t>(Key::udpOrvRxRcvBufSize);
+    int32_t udpOrvRxImgRcvBufSize = integer<int32_t>(Key::udpOrvRxImgRcvBufSize);
+    int32_t udpOrvCoreRcvBufSize = integer<int32_t>(Key::udpOrvCoreRcvBufSize);
+    int32_t udpOrvHubRcvBufSize = integer<int32_t>(Key::udpOrvHubRcvBufSize);
+    int32_t udpNftRcvBufSize = integer<int32_t>(Key::udpNftRcvBufSize);
     // Processing
-    double predictionS = 0.0;
-    int64_t virtualSyncCtrl = 0;
-    double boresightRefRad[3] = {0.0, 0.0, 0.0};  // roll, pitch, yaw
-    double tipOffsetM[3] = {0.0, 0.0, 0.0};
+    double predictionS = orvini::defaultReal(Key::predictionS);
+    int64_t virtualSyncCtrl = integer<int64_t>(Key::virtualSyncCtrl);
+    double boresightRefRad[3] = {orvini::defaultReal(Key::BoresightRefRollRad),
+                                 orvini::defaultReal(Key::BoresightRefPitchRad),
+                                 orvini::defaultReal(Key::BoresightRefYawRad)};  // roll, pitch, yaw
+    double tipOffsetM[3] = {orvini::defaultReal(Key::TipOffsetXM), orvini::defaultReal(Key::TipOffsetYM),
+                            orvini::defaultReal(Key::TipOffsetZM)};
     // Memory
-    uint32_t imgBufSize = 0x400000;
-    uint32_t imuQueueSize = 10000;
-    uint32_t targetQueueSize = 10000;
-    uint32_t trackingQueueSize = 10000;
-    uint32_t gpsQueueSize = 10000;
-    uint32_t errorCodeQueueSize = 10000;
+    uint32_t imgBufSize = integer<uint32_t>(Key::imgBufSize);
+    uint32_t imuQueueSize = integer<uint32_t>(Key::imuQueueSize);
+    uint32_t targetQueueSize = integer<uint32_t>(Key::targetQueueSize);
+    uint32_t trackingQueueSize = integer<uint32_t>(Key::trackingQueueSize);
+    uint32_t gpsQueueSize = integer<uint32_t>(Key::gpsQueueSize);
+    uint32_t errorCodeQueueSize = integer<uint32_t>(Key::errorCodeQueueSize);
     // Extensions, read after the keys above; absent, the library behaves as
     // it always did.
     // Communication: the only senders whose datagrams the receivers take
     // (IPv4 addresses or networks, separated by commas or blanks); empty
     // takes every sender.
-    std::string udpAllowedSenders;
+    std::string udpAllowedSenders = orvini::defaultText(Key::udpAllowedSenders);
     // Communication: the permissions, octal, that a producer built on the
     // library creates the shared-memory image and its semaphore with (the
     // process's umask narrows them further).
-    std::string sMemImgMode = "0666";
+    std::string sMemImgMode = orvini::defaultText(Key::sMemImgMode);
 };
 
 // The permission bits of a mode text such as "0600" (octal, at most 0777);

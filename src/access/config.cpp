@@ -62,18 +62,63 @@ bool loadIni(IniFile& ini, const std::string& path) {
     return rc >= 0;
 }
 
+// Where each key's value lives, and how it is narrowed to its member. A key
+// added to the table without a place here fails to compile (-Wswitch).
+void store(OrvAccessConfig& c, orvini::Key k, long integer, double real, bool flag, std::string&& text) {
+    using K = orvini::Key;
+    switch (k) {
+        case K::verbosity: c.verbosity = static_cast<uint32_t>(integer); return;
+        case K::logging: c.logging = static_cast<uint32_t>(integer); return;
+        case K::logPath: c.logPath = std::move(text); return;
+        case K::tcpOrvRxEnabled: c.tcpOrvRxEnabled = flag; return;
+        case K::tcpOrvRxAddr: c.tcpOrvRxAddr = std::move(text); return;
+        case K::tcpOrvRxPort: c.tcpOrvRxPort = std::move(text); return;
+        case K::udpOrvRxPort: c.udpOrvRxPort = std::move(text); return;
+        case K::udpOrvRxImgPort: c.udpOrvRxImgPort = std::move(text); return;
+        case K::udpOrvRxInputPort: c.udpOrvRxInputPort = std::move(text); return;
+        case K::udpOrvCorePort: c.udpOrvCorePort = std::move(text); return;
+        case K::udpOrvHubPort: c.udpOrvHubPort = std::move(text); return;
+        case K::udpNftPort: c.udpNftPort = std::move(text); return;
+        case K::sMemImgName: c.sMemImgName = std::move(text); return;
+        case K::udpOrvRxRcvBufSize: c.udpOrvRxRcvBufSize = static_cast<int32_t>(integer); return;
+        case K::udpOrvRxImgRcvBufSize: c.udpOrvRxImgRcvBufSize = static_cast<int32_t>(integer); return;
+        case K::udpOrvCoreRcvBufSize: c.udpOrvCoreRcvBufSize = static_cast<int32_t>(integer); return;
+        case K::udpOrvHubRcvBufSize: c.udpOrvHubRcvBufSize = static_cast<int32_t>(integer); return;
+        case K::udpNftRcvBufSize: c.udpNftRcvBufSize = static_cast<int32_t>(integer); return;
+        case K::predictionS: c.predictionS = real; return;
+        case K::virtualSyncCtrl: c.virtualSyncCtrl = integer; return;
+        case K::imgBufSize: c.imgBufSize = static_cast<uint32_t>(integer); return;
+        case K::imuQueueSize: c.imuQueueSize = static_cast<uint32_t>(integer); return;
+        case K::targetQueueSize: c.targetQueueSize = static_cast<uint32_t>(integer); return;
+        case K::trackingQueueSize: c.trackingQueueSize = static_cast<uint32_t>(integer); return;
+        case K::gpsQueueSize: c.gpsQueueSize = static_cast<uint32_t>(integer); return;
+        case K::errorCodeQueueSize: c.errorCodeQueueSize = static_cast<uint32_t>(integer); return;
+        case K::BoresightRefRollRad: c.boresightRefRad[0] = real; return;
+        case K::BoresightRefPitchRad: c.boresightRefRad[1] = real; return;
+        case K::BoresightRefYawRad: c.boresightRefRad[2] = real; return;
+        case K::TipOffsetXM: c.tipOffsetM[0] = real; return;
+        case K::TipOffsetYM: c.tipOffsetM[1] = real; return;
+        case K::TipOffsetZM: c.tipOffsetM[2] = real; return;
+        case K::udpAllowedSenders: c.udpAllowedSenders = std::move(text); return;
+        case K::sMemImgMode: c.sMemImgMode = std::move(text); return;
+        case K::Count: return;
+    }
+}
+
 }  // namespace
 
 bool readConfig(const std::string& path, OrvAccessConfig& c, bool echo) {
     IniFile ini;
     const bool loaded = loadIni(ini, path);
 
-    const OrvAccessConfig defaults;
-    ConfigReader r(ini);
-    c.verbosity = static_cast<uint32_t>(ini.GetLongValue("General", "verbosity", defaults.verbosity));
+    // The verbosity first: it decides what the reading of the others echoes.
+    const orvini::KeyRow& first = orvini::row(orvini::Key::verbosity);
+    c.verbosity = static_cast<uint32_t>(ini.GetLongValue(first.section, first.key,
+                                                         static_cast<long>(orvini::defaultInteger(first.id))));
     const unsigned int verbosity = echo ? c.verbosity : 0;
+    ConfigReader r(ini);
     r.setVerbosity(verbosity);
-    OrvUtil::infoLine(verbosity, "verbosity = ", c.verbosity);
+    OrvUtil::infoLine(verbosity, first.key, " = ", c.verbosity);
     OrvUtil::logLine(verbosity, "Version ", kOrvAccessVersion);
     OrvUtil::logLine(verbosity, "Build date ", kOrvAccessBuildDate);
     if (loaded) {
@@ -82,53 +127,40 @@ bool readConfig(const std::string& path, OrvAccessConfig& c, bool echo) {
         OrvUtil::logLine(verbosity, path, " not found");
     }
 
-    c.logging = static_cast<uint32_t>(r.integer("General", "logging", defaults.logging));
-    c.logPath = r.text("General", "logPath", defaults.logPath);
-    c.tcpOrvRxEnabled = r.boolean("Communication", "tcpOrvRxEnabled", defaults.tcpOrvRxEnabled);
-    c.tcpOrvRxAddr = r.text("Communication", "tcpOrvRxAddr", defaults.tcpOrvRxAddr);
-    c.tcpOrvRxPort = r.text("Communication", "tcpOrvRxPort", defaults.tcpOrvRxPort);
-    c.udpOrvRxPort = r.text("Communication", "udpOrvRxPort", defaults.udpOrvRxPort);
-    c.udpOrvRxImgPort = r.text("Communication", "udpOrvRxImgPort", defaults.udpOrvRxImgPort);
-    c.udpOrvRxInputPort = r.text("Communication", "udpOrvRxInputPort", defaults.udpOrvRxInputPort);
-    c.udpOrvCorePort = r.text("Communication", "udpOrvCorePort", defaults.udpOrvCorePort);
-    c.udpOrvHubPort = r.text("Communication", "udpOrvHubPort", defaults.udpOrvHubPort);
-    c.udpNftPort = r.text("Communication", "udpNftPort", defaults.udpNftPort);
-    c.sMemImgName = r.text("Communication", "sMemImgName", defaults.sMemImgName);
-    c.udpOrvRxRcvBufSize =
-        static_cast<int32_t>(r.integer("Communication", "udpOrvRxRcvBufSize", defaults.udpOrvRxRcvBufSize));
-    c.udpOrvRxImgRcvBufSize = static_cast<int32_t>(
-        r.integer("Communication", "udpOrvRxImgRcvBufSize", defaults.udpOrvRxImgRcvBufSize));
-    c.udpOrvCoreRcvBufSize = static_cast<int32_t>(
-        r.integer("Communication", "udpOrvCoreRcvBufSize", defaults.udpOrvCoreRcvBufSize));
-    c.udpOrvHubRcvBufSize =
-        static_cast<int32_t>(r.integer("Communication", "udpOrvHubRcvBufSize", defaults.udpOrvHubRcvBufSize));
-    c.udpNftRcvBufSize =
-        static_cast<int32_t>(r.integer("Communication", "udpNftRcvBufSize", defaults.udpNftRcvBufSize));
-    c.predictionS = r.real("Processing", "predictionS", defaults.predictionS);
-    c.virtualSyncCtrl = r.integer("Processing", "virtualSyncCtrl", defaults.virtualSyncCtrl);
-    c.imgBufSize = static_cast<uint32_t>(r.integer("Memory", "imgBufSize", defaults.imgBufSize));
-    c.imuQueueSize = static_cast<uint32_t>(r.integer("Memory", "imuQueueSize", defaults.imuQueueSize));
-    c.targetQueueSize =
-        static_cast<uint32_t>(r.integer("Memory", "targetQueueSize", defaults.targetQueueSize));
-    c.trackingQueueSize =
-        static_cast<uint32_t>(r.integer("Memory", "trackingQueueSize", defaults.trackingQueueSize));
-    c.gpsQueueSize = static_cast<uint32_t>(r.integer("Memory", "gpsQueueSize", defaults.gpsQueueSize));
-    c.errorCodeQueueSize =
-        static_cast<uint32_t>(r.integer("Memory", "errorCodeQueueSize", defaults.errorCodeQueueSize));
-    c.boresightRefRad[0] = r.real("Processing", "BoresightRefRollRad", defaults.boresightRefRad[0]);
-    c.boresightRefRad[1] = r.real("Processing", "BoresightRefPitchRad", defaults.boresightRefRad[1]);
-    c.boresightRefRad[2] = r.real("Processing", "BoresightRefYawRad", defaults.boresightRefRad[2]);
-    c.tipOffsetM[0] = r.real("Processing", "TipOffsetXM", defaults.tipOffsetM[0]);
-    c.tipOffsetM[1] = r.real("Processing", "TipOffsetYM", defaults.tipOffsetM[1]);
-    c.tipOffsetM[2] = r.real("Processing", "TipOffsetZM", defaults.tipOffsetM[2]);
-    // The extensions are echoed only when the file has them, so that a
-    // file without them reads and prints as it always did.
-    c.udpAllowedSenders = defaults.udpAllowedSenders;
-    c.sMemImgMode = defaults.sMemImgMode;
-    for (const auto& [key, value] : {std::pair<const char*, std::string*>{"udpAllowedSenders", &c.udpAllowedSenders},
-                                     std::pair<const char*, std::string*>{"sMemImgMode", &c.sMemImgMode}})
-        if (ini.GetValue("Communication", key, nullptr) != nullptr) *value = r.text("Communication", key, *value);
-
+    for (const orvini::KeyRow& k : orvini::kKeys) {
+        if (k.id == first.id) continue;
+        long integer = 0;
+        double real = 0.0;
+        bool flag = false;
+        std::string text;
+        // An extension the file does not set keeps its default unechoed.
+        const bool absent = k.extension && ini.GetValue(k.section, k.key, nullptr) == nullptr;
+        switch (k.kind) {
+            case orvini::Kind::Mask:
+            case orvini::Kind::Int32:
+            case orvini::Kind::Size:
+            case orvini::Kind::Int64: {
+                const long fallback = static_cast<long>(orvini::defaultInteger(k.id));
+                integer = absent ? fallback : r.integer(k.section, k.key, fallback);
+                break;
+            }
+            case orvini::Kind::Real:
+                real = absent ? orvini::defaultReal(k.id) : r.real(k.section, k.key, orvini::defaultReal(k.id));
+                break;
+            case orvini::Kind::Bool:
+                flag = absent ? orvini::defaultBool(k.id) : r.boolean(k.section, k.key, orvini::defaultBool(k.id));
+                break;
+            case orvini::Kind::Text:
+            case orvini::Kind::Host:
+            case orvini::Kind::UdpPort:
+            case orvini::Kind::TcpPort:
+            case orvini::Kind::Senders:
+            case orvini::Kind::Mode:
+                text = absent ? orvini::defaultText(k.id) : r.text(k.section, k.key, orvini::defaultText(k.id));
+                break;
+        }
+        store(c, k.id, integer, real, flag, std::move(text));
+    }
     return loaded;
 }
 

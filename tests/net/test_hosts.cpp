@@ -22,6 +22,7 @@
 #include <sstream>
 #include <thread>
 
+#include "IniKeys.hpp"
 #include "os/OrvosiUtil.hpp"
 #include "orvsim/Simulator.hpp"
 #include "support/ImpairedRelay.hpp"
@@ -42,8 +43,13 @@ const char* const kLinkT = "10.250.1.1";
 const char* const kLinkA = "10.250.2.1";
 const char* const kApp = "10.250.2.2";
 
-constexpr int kTcp = 51717, kMeta = 5001, kCore = 5002, kImage = 5003, kInput = 5004, kHub = 5006,
-              kNft = 5007;
+// The library's default ports, which the hosts keep.
+using orvini::defaultPort;
+using orvini::Key;
+constexpr int kTcp = defaultPort(Key::tcpOrvRxPort), kMeta = defaultPort(Key::udpOrvRxPort),
+              kCore = defaultPort(Key::udpOrvCorePort), kImage = defaultPort(Key::udpOrvRxImgPort),
+              kInput = defaultPort(Key::udpOrvRxInputPort), kHub = defaultPort(Key::udpOrvHubPort),
+              kNft = defaultPort(Key::udpNftPort);
 
 // The sequence numbers of datagrams the link dropped: meta and tracking
 // packets carry theirs right after the header.

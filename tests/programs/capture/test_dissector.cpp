@@ -9,6 +9,7 @@
 #include <cstring>
 #include <map>
 
+#include "IniKeys.hpp"
 #include "orvsim/Wire.hpp"
 #include "wire/Chip.hpp"
 #include "wire/Fields.hpp"
@@ -22,8 +23,13 @@ namespace {
 using orvsim::Datagram;
 using orvtools::Bytes;
 
-constexpr int kMeta = 5001, kCore = 5002, kImage = 5003, kUplink = 5004, kHub = 5006, kNft = 5007,
-              kCommands = 51717, kElsewhere = 40001;
+// The ports the dissector knows without being told: the library's defaults.
+using orvini::defaultPort;
+using orvini::Key;
+constexpr int kMeta = defaultPort(Key::udpOrvRxPort), kCore = defaultPort(Key::udpOrvCorePort),
+              kImage = defaultPort(Key::udpOrvRxImgPort), kUplink = defaultPort(Key::udpOrvRxInputPort),
+              kHub = defaultPort(Key::udpOrvHubPort), kNft = defaultPort(Key::udpNftPort),
+              kCommands = defaultPort(Key::tcpOrvRxPort), kElsewhere = 40001;
 const uint32_t kHost = 0x7F000001;
 
 // Seals a datagram again after a test changed its bytes on purpose.

@@ -18,6 +18,48 @@ using namespace orvcheck;
 
 namespace {
 
+// Every value the check reports for a key, by the key's name, against the
+// member the library's reader stored it in.
+void expectSameValues(const IniReport& r, const OrvAccessConfig& c) {
+    const auto integer = [&](const char* k) { return r.value(k).integer; };
+    const auto real = [&](const char* k) { return r.value(k).real; };
+    const auto text_ = [&](const char* k) { return r.value(k).text; };
+    EXPECT_EQ(integer("verbosity"), c.verbosity);
+    EXPECT_EQ(integer("logging"), c.logging);
+    EXPECT_EQ(text_("logPath"), c.logPath);
+    EXPECT_EQ(r.value("tcpOrvRxEnabled").flag, c.tcpOrvRxEnabled);
+    EXPECT_EQ(text_("tcpOrvRxAddr"), c.tcpOrvRxAddr);
+    EXPECT_EQ(text_("tcpOrvRxPort"), c.tcpOrvRxPort);
+    EXPECT_EQ(text_("udpOrvRxPort"), c.udpOrvRxPort);
+    EXPECT_EQ(text_("udpOrvRxImgPort"), c.udpOrvRxImgPort);
+    EXPECT_EQ(text_("udpOrvRxInputPort"), c.udpOrvRxInputPort);
+    EXPECT_EQ(text_("udpOrvCorePort"), c.udpOrvCorePort);
+    EXPECT_EQ(text_("udpOrvHubPort"), c.udpOrvHubPort);
+    EXPECT_EQ(text_("udpNftPort"), c.udpNftPort);
+    EXPECT_EQ(text_("sMemImgName"), c.sMemImgName);
+    EXPECT_EQ(integer("udpOrvRxRcvBufSize"), c.udpOrvRxRcvBufSize);
+    EXPECT_EQ(integer("udpOrvRxImgRcvBufSize"), c.udpOrvRxImgRcvBufSize);
+    EXPECT_EQ(integer("udpOrvCoreRcvBufSize"), c.udpOrvCoreRcvBufSize);
+    EXPECT_EQ(integer("udpOrvHubRcvBufSize"), c.udpOrvHubRcvBufSize);
+    EXPECT_EQ(integer("udpNftRcvBufSize"), c.udpNftRcvBufSize);
+    EXPECT_EQ(real("predictionS"), c.predictionS);
+    EXPECT_EQ(integer("virtualSyncCtrl"), c.virtualSyncCtrl);
+    EXPECT_EQ(integer("imgBufSize"), c.imgBufSize);
+    EXPECT_EQ(integer("imuQueueSize"), c.imuQueueSize);
+    EXPECT_EQ(integer("targetQueueSize"), c.targetQueueSize);
+    EXPECT_EQ(integer("trackingQueueSize"), c.trackingQueueSize);
+    EXPECT_EQ(integer("gpsQueueSize"), c.gpsQueueSize);
+    EXPECT_EQ(integer("errorCodeQueueSize"), c.errorCodeQueueSize);
+    EXPECT_EQ(real("BoresightRefRollRad"), c.boresightRefRad[0]);
+    EXPECT_EQ(real("BoresightRefPitchRad"), c.boresightRefRad[1]);
+    EXPECT_EQ(real("BoresightRefYawRad"), c.boresightRefRad[2]);
+    EXPECT_EQ(real("TipOffsetXM"), c.tipOffsetM[0]);
+    EXPECT_EQ(real("TipOffsetYM"), c.tipOffsetM[1]);
+    EXPECT_EQ(real("TipOffsetZM"), c.tipOffsetM[2]);
+    EXPECT_EQ(text_("udpAllowedSenders"), c.udpAllowedSenders);
+    EXPECT_EQ(text_("sMemImgMode"), c.sMemImgMode);
+}
+
 const Finding* findingAt(const std::vector<Finding>& fs, const std::string& kind, int line) {
     for (const Finding& f : fs)
         if (f.kind == kind && f.line == line) return &f;
@@ -214,47 +256,61 @@ TEST(IniCheck, ValuesAreTheLibrarysOwn) {
         OrvAccessConfig c;
         readConfig(path, c, false);
         const IniReport r = checkIni(path);
-        const auto integer = [&](const char* k) { return r.value(k).integer; };
-        const auto real = [&](const char* k) { return r.value(k).real; };
-        const auto text_ = [&](const char* k) { return r.value(k).text; };
-        EXPECT_EQ(integer("verbosity"), c.verbosity);
-        EXPECT_EQ(integer("logging"), c.logging);
-        EXPECT_EQ(text_("logPath"), c.logPath);
-        EXPECT_EQ(r.value("tcpOrvRxEnabled").flag, c.tcpOrvRxEnabled);
-        EXPECT_EQ(text_("tcpOrvRxAddr"), c.tcpOrvRxAddr);
-        EXPECT_EQ(text_("tcpOrvRxPort"), c.tcpOrvRxPort);
-        EXPECT_EQ(text_("udpOrvRxPort"), c.udpOrvRxPort);
-        EXPECT_EQ(text_("udpOrvRxImgPort"), c.udpOrvRxImgPort);
-        EXPECT_EQ(text_("udpOrvRxInputPort"), c.udpOrvRxInputPort);
-        EXPECT_EQ(text_("udpOrvCorePort"), c.udpOrvCorePort);
-        EXPECT_EQ(text_("udpOrvHubPort"), c.udpOrvHubPort);
-        EXPECT_EQ(text_("udpNftPort"), c.udpNftPort);
-        EXPECT_EQ(text_("sMemImgName"), c.sMemImgName);
-        EXPECT_EQ(integer("udpOrvRxRcvBufSize"), c.udpOrvRxRcvBufSize);
-        EXPECT_EQ(integer("udpOrvRxImgRcvBufSize"), c.udpOrvRxImgRcvBufSize);
-        EXPECT_EQ(integer("udpOrvCoreRcvBufSize"), c.udpOrvCoreRcvBufSize);
-        EXPECT_EQ(integer("udpOrvHubRcvBufSize"), c.udpOrvHubRcvBufSize);
-        EXPECT_EQ(integer("udpNftRcvBufSize"), c.udpNftRcvBufSize);
-        EXPECT_EQ(real("predictionS"), c.predictionS);
-        EXPECT_EQ(integer("virtualSyncCtrl"), c.virtualSyncCtrl);
-        EXPECT_EQ(integer("imgBufSize"), c.imgBufSize);
-        EXPECT_EQ(integer("imuQueueSize"), c.imuQueueSize);
-        EXPECT_EQ(integer("targetQueueSize"), c.targetQueueSize);
-        EXPECT_EQ(integer("trackingQueueSize"), c.trackingQueueSize);
-        EXPECT_EQ(integer("gpsQueueSize"), c.gpsQueueSize);
-        EXPECT_EQ(integer("errorCodeQueueSize"), c.errorCodeQueueSize);
-        EXPECT_EQ(real("BoresightRefRollRad"), c.boresightRefRad[0]);
-        EXPECT_EQ(real("BoresightRefPitchRad"), c.boresightRefRad[1]);
-        EXPECT_EQ(real("BoresightRefYawRad"), c.boresightRefRad[2]);
-        EXPECT_EQ(real("TipOffsetXM"), c.tipOffsetM[0]);
-        EXPECT_EQ(real("TipOffsetYM"), c.tipOffsetM[1]);
-        EXPECT_EQ(real("TipOffsetZM"), c.tipOffsetM[2]);
-        EXPECT_EQ(text_("udpAllowedSenders"), c.udpAllowedSenders);
+        expectSameValues(r, c);
         // Whatever the library silently replaced by its default is flagged.
         for (const KeyValue& v : r.values) {
             if (!v.fellBack) continue;
             EXPECT_NE(findingAt(r.findings, "value-not-read", v.line), nullptr) << v.known->key;
         }
+    }
+}
+
+// A key the library reads into another key's member reads as the default
+// there: set one key at a time, to a value unlike any default, and compare.
+TEST(IniCheck, EachKeyReachesItsOwnMember) {
+    orvtest::TempDir dir;
+    for (size_t i = 0; i < orvini::kKeyCount; ++i) {
+        const orvini::KeyRow& k = orvini::kKeys[i];
+        SCOPED_TRACE(k.key);
+        const std::string n = std::to_string(i + 1);
+        std::string value;
+        switch (k.kind) {
+            case orvini::Kind::Mask:
+            case orvini::Kind::Int32:
+            case orvini::Kind::Size:
+            case orvini::Kind::Int64:
+                value = "7" + n;
+                break;
+            case orvini::Kind::Real:
+                value = "0." + n;
+                break;
+            case orvini::Kind::Bool:
+                value = orvini::defaultBool(k.id) ? "off" : "on";
+                break;
+            case orvini::Kind::UdpPort:
+            case orvini::Kind::TcpPort:
+                value = "61" + n;
+                break;
+            case orvini::Kind::Senders:
+                value = "10.0.0." + n;
+                break;
+            case orvini::Kind::Mode:
+                value = "0640";
+                break;
+            case orvini::Kind::Text:
+            case orvini::Kind::Host:
+                value = "name" + n;
+                break;
+        }
+        ASSERT_NE(value, k.defaultText);
+        const std::string path =
+            dir.write("one.ini", "[" + std::string(k.section) + "]\n" + k.key + " = " + value + "\n");
+        OrvAccessConfig c;
+        readConfig(path, c, false);
+        const IniReport r = checkIni(path);
+        const KeyValue& v = r.value(k.key);
+        EXPECT_TRUE(v.present && !v.fellBack);
+        expectSameValues(r, c);
     }
 }
 

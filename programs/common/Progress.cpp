@@ -1,8 +1,11 @@
-#include "capture/Progress.hpp"
+#include "Progress.hpp"
 
 #include <unistd.h>
 
-namespace orvtools {
+#include <algorithm>
+#include <cmath>
+
+namespace orvprogress {
 
 namespace {
 
@@ -15,12 +18,15 @@ ProgressLine::ProgressLine(std::FILE* out) : out_(out), terminal_(isatty(fileno(
 
 void ProgressLine::update(uint64_t nowUs, const std::string& text) {
     if (nowUs < nextUs_) return;
+    const uint64_t period = terminal_ ? kTerminalUs : kLogUs;
     if (nextUs_ == 0) {
-        nextUs_ = nowUs + (terminal_ ? kTerminalUs : kLogUs);
+        nextUs_ = nowUs + period;
         if (!terminal_) return;  // nothing worth a line at the very start
     } else {
-        nextUs_ += terminal_ ? kTerminalUs : kLogUs;
-        if (nextUs_ < nowUs) nextUs_ = nowUs;
+        // Steady updates keep their pace; after a stall the next line is a
+        // whole period away, not due at once.
+        nextUs_ += period;
+        if (nextUs_ <= nowUs) nextUs_ = nowUs + period;
     }
     if (terminal_) {
         const size_t pad = lastWidth_ > text.size() ? lastWidth_ - text.size() : 0;
@@ -38,7 +44,13 @@ void ProgressLine::finish() {
     std::fflush(out_);
 }
 
-std::string humanBytes(uint64_t bytes) {
+void ProgressLine::clear() {
+    if (terminal_ && lastWidth_ > 0) std::fprintf(out_, "\r%*s\r", static_cast<int>(lastWidth_), "");
+    lastWidth_ = 0;
+    std::fflush(out_);
+}
+
+std::string byteText(uint64_t bytes) {
     char text[32];
     if (bytes >= 10000000)
         std::snprintf(text, sizeof text, "%.1f MB", static_cast<double>(bytes) / 1e6);
@@ -49,4 +61,10 @@ std::string humanBytes(uint64_t bytes) {
     return text;
 }
 
-}  // namespace orvtools
+std::string rateText(double bytesPerS) {
+    // A rate of a zero-length interval is no rate; none is far beyond 1 EB/s.
+    const double rate = std::isfinite(bytesPerS) && bytesPerS > 0 ? std::min(bytesPerS, 1e18) : 0.0;
+    return byteText(static_cast<uint64_t>(rate + 0.5)) + "/s";
+}
+
+}  // namespace orvprogress
