@@ -1,9 +1,9 @@
 // Writes the Wireshark dissector: its template with the protocol's numbers
 // filled in as a Lua table, taken from the very headers and tables the
-// library is built from (orvaccess/orvwire.h, access/Wire.hpp, the command
-// codes, the chip and image tables, the error texts, the INI defaults). The
-// dissector checks its own field layouts against these numbers when it
-// loads, so that the two cannot drift apart unnoticed.
+// library is built from (orvaccess/orvwire.h, the field lists and packet
+// rows of src/wire, the dispatch table, the command codes, the chip and
+// image tables, the error texts, the INI defaults). The dissector's field
+// layouts are these lists themselves, so that the two cannot drift apart.
 //
 //   orvwiregen TEMPLATE OUTPUT
 #include <cstdio>
