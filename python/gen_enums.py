@@ -10,6 +10,8 @@ import argparse
 import re
 import sys
 
+from genfile import write_if_changed
+
 ENUM = re.compile(r"typedef\s+enum\s+(\w+)\s*\{(.*?)\}\s*(\w+)\s*;", re.S)
 COMMENT = re.compile(r"/\*.*?\*/|//[^\n]*", re.S)
 NAME = re.compile(r"^\s*([A-Za-z_]\w*)\s*(=.*)?$", re.S)
@@ -49,15 +51,7 @@ def main():
     if count == 0:
         sys.exit("gen_enums: no e_OrvAccess enumeration found in " + " ".join(args.headers))
     text = "\n".join(lines) + "\n"
-    # Rewritten only when changed, so that the module is not rebuilt for nothing.
-    try:
-        with open(args.output, encoding="utf-8") as f:
-            if f.read() == text:
-                return
-    except FileNotFoundError:
-        pass
-    with open(args.output, "w", encoding="utf-8") as f:
-        f.write(text)
+    write_if_changed(args.output, text)
 
 
 if __name__ == "__main__":

@@ -9,9 +9,12 @@ and editors see every member.
     gen_pyenums.py -o _enums.py path/to/_orvaccess.so
 """
 import argparse
-import importlib.util
+import importlib
 import keyword
+import os
 import sys
+
+from genfile import write_if_changed
 
 # Python's name and kind of each enumeration; masks are IntFlag so that bits
 # combine and print by name.
@@ -42,12 +45,17 @@ EXTRA = {
 
 
 def load(path):
-    spec = importlib.util.spec_from_file_location("_orvaccess", path)
-    if spec is None or spec.loader is None:
-        sys.exit(f"gen_pyenums: {path} is not a Python extension module")
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module
+    # Imported by name from its own folder, as the package itself would.
+    folder, name = os.path.split(os.path.abspath(path))
+    if not name.startswith("_orvaccess."):
+        sys.exit(f"gen_pyenums: {path} is not the _orvaccess extension module")
+    sys.path.insert(0, folder)
+    try:
+        return importlib.import_module("_orvaccess")
+    except ImportError as e:
+        sys.exit(f"gen_pyenums: cannot load {path}: {e}")
+    finally:
+        sys.path.remove(folder)
 
 
 def source(tables):
@@ -82,14 +90,7 @@ def main():
     parser.add_argument("module", help="the built _orvaccess extension")
     args = parser.parse_args()
     text = source(load(args.module)._enums)
-    try:
-        with open(args.output, encoding="utf-8") as f:
-            if f.read() == text:
-                return
-    except FileNotFoundError:
-        pass
-    with open(args.output, "w", encoding="utf-8") as f:
-        f.write(text)
+    write_if_changed(args.output, text)
 
 
 if __name__ == "__main__":

@@ -20,6 +20,8 @@ import re
 import sys
 import tempfile
 
+from genfile import write_if_changed
+
 MODULE = "orvaccess._orvaccess"
 
 PATH = "Union[str, os.PathLike[str]]"
@@ -372,14 +374,7 @@ def main():
     if stub.problems:
         sys.exit(f"gen_stubs: the stub of {MODULE} would be incomplete; declare or remove these in TYPES of "
                  f"{os.path.abspath(__file__)}:\n  " + "\n  ".join(stub.problems))
-    try:
-        with open(args.output, encoding="utf-8") as f:
-            if f.read() == result:
-                return
-    except FileNotFoundError:
-        pass
-    with open(args.output, "w", encoding="utf-8") as f:
-        f.write(result)
+    write_if_changed(args.output, result)
 
 
 if __name__ == "__main__":
