@@ -109,16 +109,7 @@ unsigned char patternByte(unsigned x, unsigned y, uint32_t n) {
     return static_cast<unsigned char>(x + y + 4 * n);
 }
 
-// Waits for a condition, polling; false when it never came (a failure, not a measurement).
-template <class Cond>
-bool waitFor(Cond cond, double seconds = 20.0) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+using orvtest::waitFor;
 
 class Hosts : public testing::Test {
 protected:

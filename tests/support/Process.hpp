@@ -102,7 +102,7 @@ private:
 // Looks at `condition` every 10 ms until it holds or `timeoutS` passed;
 // true when it held. The time-out only ends a test that would hang.
 template <typename Condition>
-bool waitFor(Condition condition, double timeoutS) {
+bool waitFor(Condition condition, double timeoutS = 20.0) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutS);
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= end) return false;

@@ -35,12 +35,7 @@ constexpr double kHorizonMs = 25.0;
 // Polls `done` until it holds or the time is up; true when it held.
 template <class Cond>
 bool waitFor(Cond done, std::chrono::seconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= end) return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
+    return orvtest::waitFor(done, static_cast<double>(limit.count()));
 }
 
 // The test's own side of the domain: a reader of every published topic
