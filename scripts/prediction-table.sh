@@ -4,7 +4,8 @@
 # Uses an existing build (build/ or $ORVBUILD) and the ports of the INI file
 # (examples/orvaccess.ini unless named):
 #   scripts/prediction-table.sh [INI] [SECONDS-PER-PROFILE]
-# A trace of your own: ORVTRACE=my.csv adds the rows of "trace".
+# A trace of your own: ORVTRACE=my.csv (or a capture, session.pcap) adds the
+# rows of "trace".
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 bin=${ORVBUILD:-$root/build}

@@ -3,7 +3,10 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -220,7 +223,8 @@ bool Motion::fromName(const std::string& name, const std::string& tracePath, Mot
         return false;
     }
     if (base == "trace" && tracePath.empty()) {
-        error = "motion trace needs --trace FILE, a CSV of time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg";
+        error = "motion trace needs --trace FILE: a CSV of time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg, or an "
+                "orvrec capture";
         return false;
     }
     if (base != "trace" && !tracePath.empty()) {
@@ -244,7 +248,59 @@ std::string Motion::name() const {
     return std::string(base) + (vibrating_ ? "+vibration" : "");
 }
 
+bool MotionTrace::isCapture(const unsigned char* head, size_t size) {
+    if (size < 4) return false;
+    const uint32_t le = static_cast<uint32_t>(head[0]) | static_cast<uint32_t>(head[1]) << 8 |
+                        static_cast<uint32_t>(head[2]) << 16 | static_cast<uint32_t>(head[3]) << 24;
+    // pcap in microseconds and nanoseconds, written on either kind of host;
+    // pcapng's section header block reads the same both ways.
+    for (const uint32_t magic : {0xA1B2C3D4u, 0xA1B23C4Du})
+        if (le == magic || __builtin_bswap32(le) == magic) return true;
+    return le == 0x0A0D0D0Au;
+}
+
 bool MotionTrace::load(const std::string& path, MotionTrace& out, std::string& error) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        error = "cannot read the motion trace " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    unsigned char head[4] = {};
+    in.read(reinterpret_cast<char*>(head), sizeof head);
+    if (in.gcount() == 0) {
+        error = "motion trace " + path + " is empty: give a CSV of time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg "
+                "or a capture that orvrec made";
+        return false;
+    }
+    if (isCapture(head, static_cast<size_t>(in.gcount()))) return loadCapture(path, out, error);
+    // A name that promises a capture and content that is not one is more
+    // likely a damaged capture than a CSV: say so rather than read it as text.
+    const std::string ext = std::filesystem::path(path).extension().string();
+    if (ext == ".pcap" || ext == ".pcapng" || ext == ".cap") {
+        error = "motion trace " + path + " is named as a capture but does not begin like one (pcap or pcapng): " +
+                "record it again with orvrec, or give a CSV of time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg";
+        return false;
+    }
+    return loadCsv(path, out, error);
+}
+
+bool MotionTrace::append(double timeS, const double position[3], const double eulerRad[3]) {
+    if (!t.empty() && !(timeS > t.back())) return false;
+    t.push_back(timeS);
+    for (int c = 0; c < 3; ++c) v[c].push_back(position[c]);
+    for (int c = 0; c < 3; ++c) {
+        // Unwrapped, so that 179 to -179 degrees is a turn of 2, not 358.
+        double a = eulerRad[c];
+        if (!v[3 + c].empty()) {
+            const double prev = v[3 + c].back();
+            a += 2.0 * kPi * std::round((prev - a) / (2.0 * kPi));
+        }
+        v[3 + c].push_back(a);
+    }
+    return true;
+}
+
+bool MotionTrace::loadCsv(const std::string& path, MotionTrace& out, std::string& error) {
     std::ifstream in(path);
     if (!in) {
         error = "cannot read the motion trace " + path + ": " + std::strerror(errno);
@@ -272,21 +328,10 @@ bool MotionTrace::load(const std::string& path, MotionTrace& out, std::string& e
             return false;
         }
         if (out.t.empty()) t0 = x[0];
-        const double t = x[0] - t0;
-        if (!out.t.empty() && !(t > out.t.back())) {
+        const double euler[3] = {x[4] * kDeg, x[5] * kDeg, x[6] * kDeg};
+        if (!out.append(x[0] - t0, &x[1], euler)) {
             error = where + "time " + std::to_string(x[0]) + " s is not after the previous sample's; sort the trace";
             return false;
-        }
-        out.t.push_back(t);
-        for (int c = 0; c < 3; ++c) out.v[c].push_back(x[1 + c]);
-        for (int c = 3; c < 6; ++c) {
-            // Unwrapped, so that 179 to -179 degrees is a turn of 2, not 358.
-            double a = x[1 + c] * kDeg;
-            if (!out.v[c].empty()) {
-                const double prev = out.v[c].back();
-                a += 2.0 * kPi * std::round((prev - a) / (2.0 * kPi));
-            }
-            out.v[c].push_back(a);
         }
     }
     if (out.t.size() < 2) {
@@ -294,6 +339,9 @@ bool MotionTrace::load(const std::string& path, MotionTrace& out, std::string& e
                 " samples; it needs at least two (time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg)";
         return false;
     }
+    char text[128];
+    std::snprintf(text, sizeof text, "%zu samples over %.3f s from ", out.t.size(), out.durationS());
+    out.summary = text + path;
     return true;
 }
 

@@ -6,10 +6,12 @@
 // Profiles (orvsim --motion NAME):
 //   smooth   a head looking around slowly: a sum of sines (the default)
 //   gaze     quick gaze shifts between fixations, as heads really turn
-//   trace    a recorded CSV of time, position and attitude, replayed
+//   trace    a recorded motion, replayed: a CSV of time, position and
+//            attitude, or the tracking poses of an orvrec capture
 // and "+vibration" on top of any of them: a vehicle's shaking.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -58,11 +60,27 @@ struct GazeShift {
 struct MotionTrace {
     std::vector<double> t;       // s, from 0
     std::vector<double> v[6];    // x, y, z (m), roll, pitch, yaw (rad, unwrapped)
+    std::string summary;         // what was read from where, for the program's start line
 
+    // A capture (pcap or pcapng, told by its first bytes whatever its name)
+    // goes to loadCapture(), anything else to loadCsv(). False with `error`
+    // naming the file and what to fix.
+    static bool load(const std::string& path, MotionTrace& out, std::string& error);
     // Reads "time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg" lines; a first
     // line that is not numbers is a header, lines starting with '#' are
-    // comments. False with `error` naming the line and what to fix.
-    static bool load(const std::string& path, MotionTrace& out, std::string& error);
+    // comments.
+    static bool loadCsv(const std::string& path, MotionTrace& out, std::string& error);
+    // The tracking packets of a capture (orvrec's, or tcpdump's of the
+    // orvCore port), decoded as the library decodes them: pose time,
+    // position and attitude. Damaged and repeated packets are left out, and
+    // packets the network reordered are put back in pose-time order.
+    static bool loadCapture(const std::string& path, MotionTrace& out, std::string& error);
+    // True when the first bytes of a file are those of a pcap or pcapng file.
+    static bool isCapture(const unsigned char* head, size_t size);
+
+    // Appends a sample; false (and nothing appended) unless timeS is after
+    // the last sample's. Angles are unwrapped against the sample before.
+    bool append(double timeS, const double position[3], const double eulerRad[3]);
     double durationS() const { return t.empty() ? 0.0 : t.back(); }
 };
 
@@ -95,6 +113,8 @@ public:
     static bool fromName(const std::string& name, const std::string& tracePath, Motion& out, std::string& error);
     // The profile's name as fromName() takes it.
     std::string name() const;
+    // The recorded motion of a trace profile; null for the others.
+    const MotionTrace* recorded() const { return trace_.get(); }
 
     MotionSample at(double t) const;
     const MotionParams& params() const { return p_; }

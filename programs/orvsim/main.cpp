@@ -162,7 +162,9 @@ int main(int argc, char** argv) {
     app.add_option("--send-to", cfg.sendAddress,
                    "Send the datagrams to this dotted address instead of the INI file's tcpOrvRxAddr "
                    "(the library on another host)");
-    app.add_option("--trace", trace, "CSV of time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg for --motion trace")
+    app.add_option("--trace", trace,
+                   "Motion for --motion trace: a CSV of time_s,x_m,y_m,z_m,roll_deg,pitch_deg,yaw_deg, or a "
+                   "capture (pcap or pcapng, e.g. from orvrec) whose tracking poses are replayed")
         ->check(orvargs::readableFile());
     if (const int rc = orvargs::parse(app, argc, argv); rc >= 0) return rc;
 
@@ -209,6 +211,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "orvsim: serving %s (commands on TCP %d, files in %s, motion %s)%s\n",
                  cfg.address.c_str(), cfg.tcpPort, files.c_str(), cfg.motion.name().c_str(),
                  duration > 0 ? "" : "; Ctrl-C stops");
+    if (const orvsim::MotionTrace* t = cfg.motion.recorded())
+        std::fprintf(stderr, "orvsim: motion trace: %s\n", t->summary.c_str());
     sim.run(duration, &g_stop);
     sim.close();
     printReport(sim.report(), stdout);

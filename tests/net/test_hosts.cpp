@@ -514,3 +514,37 @@ TEST_F(Hosts, MonitorReportsWhatTheLinkLost) {
     EXPECT_LT(valueAfter(predicted, "mean") * 3, valueAfter(unpredicted, "mean")) << out;
     EXPECT_LT(valueAfter(at20, "p95") * 10, valueAfter(at20, "p95", 1)) << out;
 }
+
+// orvmon on the application's host while the link is down for a second.
+TEST_F(Hosts, MonitorReportsTheOutageAndRecovers) {
+    orvtest::Impairment clean;  // delay only, so that order is kept
+    clean.loss = clean.reorder = clean.jitterMs = 0.0;
+    startRelay(clean);
+    startSim([](SimConfig& c) { c.rates.image = 0; });
+    orvtest::Process mon({"/usr/bin/env", "ip", "netns", "exec", lab_->ns("app"), ORVMON_PATH, "--ini", ini_,
+                          "--plain"},
+                         dir_.prefix() + "mon.out", dir_.prefix() + "mon.err");
+    ASSERT_TRUE(waitFor([&] { return counts(kMeta).forwarded > 1000 || !mon.running(); })) << mon.err();
+    ASSERT_TRUE(mon.running()) << mon.err();
+
+    relay_->setDown(true);
+    ASSERT_TRUE(lab_->setLink("link", "app", false)) << lab_->error();
+    const auto downAt = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const bool noticed = mon.err().find("stopped") != std::string::npos;
+    ASSERT_TRUE(lab_->setLink("link", "app", true)) << lab_->error();
+    ASSERT_TRUE(waitFor([&] { return lab_->linkUp("link", "app"); }));
+    relay_->setDown(false);
+    const auto upAt = std::chrono::steady_clock::now();
+    ASSERT_TRUE(waitFor([&] { return mon.err().find("back after") != std::string::npos; })) << mon.err();
+    const auto backAt = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    mon.signal(SIGINT);
+    ASSERT_EQ(mon.wait(60), 0) << mon.err();
+    const SimReport sent = sim_.stop();
+    std::cout << "noticed " << noticed << " down " << std::chrono::duration<double>(upAt - downAt).count()
+              << " back " << std::chrono::duration<double>(backAt - upAt).count() << "\n"
+              << mon.err() << "\n----\n" << mon.out() << "\n";
+    std::cout << "meta sendFailed " << counts(kMeta).sendFailed << " forwarded " << counts(kMeta).forwarded
+              << " received " << counts(kMeta).received << " sent " << sent.samples << "\n";
+}
