@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cmath>
 #include <fstream>
 #include <map>
@@ -515,8 +516,19 @@ TEST_F(Hosts, MonitorReportsWhatTheLinkLost) {
     EXPECT_LT(valueAfter(at20, "p95") * 10, valueAfter(at20, "p95", 1)) << out;
 }
 
-// orvmon on the application's host while the link is down for a second.
-TEST_F(Hosts, MonitorReportsTheOutageAndRecovers) {
+// How often `word` occurs in `text`.
+size_t occurrences(const std::string& text, const std::string& word) {
+    size_t n = 0;
+    for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + word.size())) ++n;
+    return n;
+}
+
+// orvmon on the application's host while the link goes down: its line marks
+// the tracking channel stale and says the stream is quiet, its watchdog asks
+// orvRx again (and opens the library again when the command channel does not
+// answer), and once the link is back the summary counts the outage as
+// recovered and the samples the link could not carry as missing.
+TEST_F(Hosts, MonitorSaysTheStreamWentQuietAndCountsTheOutage) {
     orvtest::Impairment clean;  // delay only, so that order is kept
     clean.loss = clean.reorder = clean.jitterMs = 0.0;
     startRelay(clean);
@@ -527,24 +539,72 @@ TEST_F(Hosts, MonitorReportsTheOutageAndRecovers) {
     ASSERT_TRUE(waitFor([&] { return counts(kMeta).forwarded > 1000 || !mon.running(); })) << mon.err();
     ASSERT_TRUE(mon.running()) << mon.err();
 
+    // Down for a second, the watchdog's quiet time, and until the monitor
+    // has said so on both its outputs: a busy machine makes the outage
+    // longer, never unseen.
     relay_->setDown(true);
     ASSERT_TRUE(lab_->setLink("link", "app", false)) << lab_->error();
     const auto downAt = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    const bool noticed = mon.err().find("stopped") != std::string::npos;
+    ASSERT_TRUE(waitFor([&] {
+        return std::chrono::steady_clock::now() - downAt >= std::chrono::seconds(1) &&
+               mon.err().find("orvmon: tracking stopped: ") != std::string::npos &&
+               mon.out().find(" STALE meta tracking ") != std::string::npos;
+    })) << mon.out() << mon.err();
     ASSERT_TRUE(lab_->setLink("link", "app", true)) << lab_->error();
     ASSERT_TRUE(waitFor([&] { return lab_->linkUp("link", "app"); }));
     relay_->setDown(false);
-    const auto upAt = std::chrono::steady_clock::now();
-    ASSERT_TRUE(waitFor([&] { return mon.err().find("back after") != std::string::npos; })) << mon.err();
-    const auto backAt = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(std::chrono::seconds(1));
+    // Back by itself; then a while of flowing samples with every outage the
+    // watchdog saw recovered, so that the summary is taken between outages.
+    ASSERT_TRUE(waitFor([&] { return mon.err().find("orvmon: tracking back after ") != std::string::npos; }))
+        << mon.err();
+    const uint64_t back = counts(kMeta).forwarded;
+    ASSERT_TRUE(waitFor([&] {
+        const std::string err = mon.err();
+        return counts(kMeta).forwarded > back + 1000 &&
+               occurrences(err, "orvmon: tracking stopped: ") == occurrences(err, "orvmon: tracking back after ");
+    })) << mon.err();
     mon.signal(SIGINT);
     ASSERT_EQ(mon.wait(60), 0) << mon.err();
-    const SimReport sent = sim_.stop();
-    std::cout << "noticed " << noticed << " down " << std::chrono::duration<double>(upAt - downAt).count()
-              << " back " << std::chrono::duration<double>(backAt - upAt).count() << "\n"
-              << mon.err() << "\n----\n" << mon.out() << "\n";
-    std::cout << "meta sendFailed " << counts(kMeta).sendFailed << " forwarded " << counts(kMeta).forwarded
-              << " received " << counts(kMeta).received << " sent " << sent.samples << "\n";
+    sim_.stop();
+
+    const std::string out = mon.out(), err = mon.err();
+    // While it lasted the line named the stale channels and, once the
+    // watchdog had seen the outage, what it did about it; its log said when
+    // the stream stopped, that orvRx could not be asked, and when it came back.
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(" stream: tracking quiet for ") != std::string::npos) {
+            EXPECT_NE(line.find(" STALE meta tracking "), std::string::npos) << line;
+        }
+    }
+    EXPECT_NE(err.find("orvmon: tracking stopped: nothing for 1."), std::string::npos) << err;
+    EXPECT_NE(err.find("orvmon: orvRx did not take the request to stream ("), std::string::npos) << err;
+    EXPECT_NE(err.find("(recovery 1 of 1)"), std::string::npos) << err;
+
+    // The summary: every outage recovered, the first one at least the
+    // second the link was down, and the stream arriving at the end.
+    const std::vector<std::string> recovery = summaryLine(out, {"recovery", "outages"});
+    ASSERT_FALSE(recovery.empty()) << out;
+    const double outages = valueAfter(recovery, "outages");
+    EXPECT_GE(outages, 1) << out;
+    EXPECT_EQ(valueAfter(recovery, "recovered"), outages) << out;
+    EXPECT_EQ(static_cast<double>(occurrences(err, "orvmon: tracking stopped: ")), outages) << err;
+    EXPECT_GE(valueAfter(recovery, "longest"), 1.0) << out;
+    EXPECT_FALSE(summaryLine(out, {"recovery", "state", "tracking", "arriving"}).empty()) << out;
+    EXPECT_GE(valueAfter(summaryLine(out, {"channel", "tracking"}), "gap"), 1000.0) << out;
+
+    // What the link could not carry: one run of consecutive samples, all
+    // missing at the monitor (beyond them, those that came while the library
+    // was being opened again), which saw nothing twice and nothing late.
+    const std::set<uint32_t> gone = tagsOf(relay_->dropped(route_[kMeta]));
+    ASSERT_FALSE(gone.empty());
+    EXPECT_EQ(*gone.rbegin() - *gone.begin() + 1, gone.size());
+    EXPECT_EQ(counts(kMeta).sendFailed, gone.size());
+    EXPECT_EQ(counts(kMeta).lost, 0u);
+    const std::vector<std::string> imu = summaryLine(out, {"sequence", "imu"});
+    ASSERT_FALSE(imu.empty()) << out;
+    EXPECT_GE(valueAfter(imu, "missing"), static_cast<double>(gone.size())) << out;
+    EXPECT_EQ(valueAfter(imu, "duplicate"), 0) << out;
+    EXPECT_EQ(valueAfter(imu, "out-of-order"), 0) << out;
+    EXPECT_EQ(valueAfter(imu, "restarts"), 0) << out;
 }
