@@ -548,7 +548,7 @@ TEST_F(Hosts, MonitorSaysTheStreamWentQuietAndCountsTheOutage) {
     ASSERT_TRUE(waitFor([&] {
         return std::chrono::steady_clock::now() - downAt >= std::chrono::seconds(1) &&
                mon.err().find("orvmon: tracking stopped: ") != std::string::npos &&
-               mon.out().find(" STALE meta tracking ") != std::string::npos;
+               mon.out().find(" STALE meta tracking") != std::string::npos;
     })) << mon.out() << mon.err();
     ASSERT_TRUE(lab_->setLink("link", "app", true)) << lab_->error();
     ASSERT_TRUE(waitFor([&] { return lab_->linkUp("link", "app"); }));
@@ -574,7 +574,7 @@ TEST_F(Hosts, MonitorSaysTheStreamWentQuietAndCountsTheOutage) {
     std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);) {
         if (line.find(" stream: tracking quiet for ") != std::string::npos) {
-            EXPECT_NE(line.find(" STALE meta tracking "), std::string::npos) << line;
+            EXPECT_NE(line.find(" STALE meta tracking"), std::string::npos) << line;
         }
     }
     EXPECT_NE(err.find("orvmon: tracking stopped: nothing for 1."), std::string::npos) << err;
