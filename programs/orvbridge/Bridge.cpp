@@ -103,6 +103,13 @@ int Bridge::poseSubscribers() const {
     return static_cast<int>(st.current_count);
 }
 
+int Bridge::uplinkWriters(Topic t) const {
+    dds_subscription_matched_status_t st{};
+    const dds_entity_t r = readers_[static_cast<int>(t)];
+    if (r <= 0 || dds_get_subscription_matched_status(r, &st) < 0) return 0;
+    return static_cast<int>(st.current_count);
+}
+
 bool Bridge::write(Topic t, const void* sample) {
     const int i = static_cast<int>(t);
     const dds_return_t rc = dds_write(writers_[i], sample);

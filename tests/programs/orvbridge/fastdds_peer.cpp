@@ -6,7 +6,13 @@
 // bridge's IDL, so nothing is generated and nothing of Cyclone DDS is used.
 //
 //   fastdds_peer --domain N [--namespace orv] [--interface ADDR] [--uplink]
-//                [--type-information] [--type-object] [--timeout S]
+//                [--uplink-after FILE] [--type-information] [--type-object]
+//                [--timeout S]
+//
+// A writer matched here may not be matched yet at the bridge, whose
+// volatile reader then never gets what was written before: with
+// --uplink-after the samples go out once FILE exists, which the test
+// creates when the bridge reports the uplink writers.
 //
 // stdout: "pose SEC NSEC FRAME px py pz qx qy qz qw" and "imu SEC NSEC FRAME
 // wx wy wz ax ay az cov0", numbers as C's %a (exact). stderr: progress and,
@@ -27,6 +33,9 @@
 #include <fastrtps/types/DynamicTypeBuilderFactory.h>
 #include <fastrtps/types/DynamicTypeBuilderPtr.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -52,6 +61,7 @@ struct Options {
     std::string ns = "orv";
     std::string interface;
     bool uplink = false;
+    std::string uplinkAfter;
     bool typeInformation = false;
     bool typeObject = false;
     double timeoutS = 60.0;
@@ -287,7 +297,8 @@ public:
                 seen = true;
                 std::fprintf(stderr, "fastdds_peer: the bridge's pose and IMU writers matched after %.2f s\n", elapsed());
             }
-            if (opt_.uplink && !sent && uplinkMatched()) {
+            if (opt_.uplink && !sent && uplinkMatched() &&
+                (opt_.uplinkAfter.empty() || access(opt_.uplinkAfter.c_str(), F_OK) == 0)) {
                 if (!sendUplink()) return 1;
                 sent = true;
             }
@@ -450,7 +461,7 @@ private:
 int usage(const char* why) {
     std::fprintf(stderr,
                  "fastdds_peer: %s\nusage: fastdds_peer --domain N [--namespace orv] [--interface ADDR] [--uplink] "
-                 "[--type-information] [--type-object] [--timeout S]\n",
+                 "[--uplink-after FILE] [--type-information] [--type-object] [--timeout S]\n",
                  why);
     return 2;
 }
@@ -472,6 +483,9 @@ int main(int argc, char** argv) {
             o.timeoutS = std::atof(argv[++i]);
         } else if (a == "--uplink") {
             o.uplink = true;
+        } else if (a == "--uplink-after" && hasValue) {
+            o.uplink = true;
+            o.uplinkAfter = argv[++i];
         } else if (a == "--type-information") {
             o.typeInformation = true;
         } else if (a == "--type-object") {
