@@ -98,6 +98,7 @@ private:
     OrvAccess& access_;
     Options opt_;
     Counts counts_;
+    dds_entity_t domain_ = 0;  // when this bridge created it
     dds_entity_t participant_ = 0;
     dds_entity_t writers_[kTopicCount] = {};
     dds_entity_t readers_[kTopicCount] = {};

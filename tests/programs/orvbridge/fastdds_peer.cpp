@@ -304,7 +304,9 @@ public:
             }
             if (!drain()) return 1;
             if (seen && writers == 0) {
-                std::fprintf(stderr, "fastdds_peer: the bridge left; noticed %.2f s after the start\n", elapsed());
+                const double epochS =
+                    std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+                std::fprintf(stderr, "fastdds_peer: the bridge left; noticed at %.3f s since the epoch\n", epochS);
                 break;
             }
             if (!seen && elapsed() > opt_.timeoutS) {
