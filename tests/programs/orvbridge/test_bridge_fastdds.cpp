@@ -135,6 +135,12 @@ TEST(BridgeFastDds, AFastDdsParticipantOnAnotherHostGetsEverySampleAndSteersTheU
 
     setenv("CYCLONEDDS_URI", cycloneOn(dir, "viewer.xml", "10.250.3.2").c_str(), 1);
     dds_entity_t participant = 0, tracking = 0, imu = 0;
+    struct Cleanup {
+        dds_entity_t& p;
+        ~Cleanup() {
+            if (p > 0) dds_delete(p);
+        }
+    } cleanup{participant};
     {
         // Cyclone's sockets and threads are made here, on the viewer.
         EnterHost in(lab, "viewer");
@@ -156,11 +162,6 @@ TEST(BridgeFastDds, AFastDdsParticipantOnAnotherHostGetsEverySampleAndSteersTheU
         ASSERT_GT(tracking, 0);
         ASSERT_GT(imu, 0);
     }
-    struct Cleanup {
-        dds_entity_t p;
-        ~Cleanup() { dds_delete(p); }
-    } cleanup{participant};
-
     // The uplink goes out once the bridge reads the peer's three writers:
     // matched at the peer alone, the samples could be gone before the
     // bridge's readers knew the writers.
