@@ -49,7 +49,8 @@ Bridge::~Bridge() {
 
 bool Bridge::open(std::string& error) {
     const char* uri = std::getenv("CYCLONEDDS_URI");
-    const std::string config = std::string(kDdsDefaults) + (uri != nullptr && *uri != '\0' ? "," + std::string(uri) : "");
+    const std::string config =
+        std::string(kDdsDefaults) + (uri != nullptr && *uri != '\0' ? "," + std::string(uri) : "");
     // A domain this process already joined keeps its configuration.
     domain_ = dds_create_domain(static_cast<dds_domainid_t>(opt_.domain), config.c_str());
     if (domain_ < 0) domain_ = 0;

@@ -107,7 +107,11 @@ DynamicType_ptr headerType() {
         .build();
 }
 DynamicType_ptr xyz(const char* name) {
-    return Struct(std::string("geometry_msgs::msg::dds_::") + name).add("x", f64()).add("y", f64()).add("z", f64()).build();
+    return Struct(std::string("geometry_msgs::msg::dds_::") + name)
+        .add("x", f64())
+        .add("y", f64())
+        .add("z", f64())
+        .build();
 }
 DynamicType_ptr quaternionType() {
     return Struct("geometry_msgs::msg::dds_::Quaternion_")
@@ -119,7 +123,10 @@ DynamicType_ptr quaternionType() {
 }
 DynamicType_ptr poseStampedType() {
     DynamicType_ptr pose =
-        Struct("geometry_msgs::msg::dds_::Pose_").add("position", xyz("Point_")).add("orientation", quaternionType()).build();
+        Struct("geometry_msgs::msg::dds_::Pose_")
+            .add("position", xyz("Point_"))
+            .add("orientation", quaternionType())
+            .build();
     return Struct("geometry_msgs::msg::dds_::PoseStamped_").add("header", headerType()).add("pose", pose).build();
 }
 DynamicType_ptr imuType() {
@@ -289,13 +296,16 @@ public:
 
     int run() {
         const auto start = std::chrono::steady_clock::now();
-        const auto elapsed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
+        const auto elapsed = [&] {
+            return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        };
         bool seen = false, sent = false;
         for (;;) {
             const int writers = matchedWriters();
             if (writers > 0 && !seen) {
                 seen = true;
-                std::fprintf(stderr, "fastdds_peer: the bridge's pose and IMU writers matched after %.2f s\n", elapsed());
+                std::fprintf(stderr, "fastdds_peer: the bridge's pose and IMU writers matched after %.2f s\n",
+                             elapsed());
             }
             if (opt_.uplink && !sent && uplinkMatched() &&
                 (opt_.uplinkAfter.empty() || access(opt_.uplinkAfter.c_str(), F_OK) == 0)) {
@@ -312,7 +322,7 @@ public:
             if (!seen && elapsed() > opt_.timeoutS) {
                 std::fprintf(stderr,
                              "fastdds_peer: no writer of rt/%s/pose matched within %.0f s: is the bridge running on "
-                             "domain %d, and can this host reach it?\n",
+                             "domain %d with --reliable (these readers are reliable), and can this host reach it?\n",
                              opt_.ns.c_str(), opt_.timeoutS, opt_.domain);
                 return 1;
             }
@@ -326,11 +336,6 @@ public:
     }
 
 private:
-    struct Reader {
-        DataReader* reader = nullptr;
-        DynamicType_ptr type;
-    };
-
     std::string topic(const std::string& leaf) const { return "rt/" + opt_.ns + "/" + leaf; }
 
     Topic* makeTopic(const std::string& leaf, DynamicType_ptr type, std::string& error) {
@@ -353,7 +358,7 @@ private:
         if (t == nullptr) return nullptr;
         DataReader* r = subscriber_->create_datareader(t, q);
         if (r == nullptr) error = "cannot create a reader of " + topic(leaf);
-        readerTypes_.push_back({r, type});
+        types_.emplace_back(r, type);
         return r;
     }
 
@@ -362,15 +367,14 @@ private:
         if (t == nullptr) return nullptr;
         DataWriter* w = publisher_->create_datawriter(t, q);
         if (w == nullptr) error = "cannot create a writer of " + topic(leaf);
-        writerTypes_.push_back({w, type});
+        types_.emplace_back(w, type);
         return w;
     }
 
+    // The type a reader or writer was made with, for its samples.
     DynamicType_ptr typeOf(const void* endpoint) const {
-        for (const Reader& r : readerTypes_)
-            if (r.reader == endpoint) return r.type;
-        for (const auto& w : writerTypes_)
-            if (w.first == endpoint) return w.second;
+        for (const auto& [e, type] : types_)
+            if (e == endpoint) return type;
         return DynamicType_ptr(nullptr);
     }
 
@@ -455,8 +459,7 @@ private:
     DataWriter* platform_ = nullptr;
     DataWriter* gps_ = nullptr;
     DataWriter* input_ = nullptr;
-    std::vector<Reader> readerTypes_;
-    std::vector<std::pair<const void*, DynamicType_ptr>> writerTypes_;
+    std::vector<std::pair<const void*, DynamicType_ptr>> types_;
     uint64_t poses_ = 0, imus_ = 0;
 };
 
