@@ -15,12 +15,14 @@
 // creates when the bridge reports the uplink writers.
 //
 // stdout: "pose SEC NSEC FRAME px py pz qx qy qz qw" and "imu SEC NSEC FRAME
-// wx wy wz ax ay az cov0", numbers as C's %a (exact). stderr: progress and,
-// at the end, "fastdds_peer: N poses, M imu samples". Exit status 0 when the
+// wx wy wz ax ay az cov0", numbers as C's %a (exact). stderr: progress, the
+// lease of each participant that joins, and at the end "fastdds_peer: N
+// poses, M imu samples". Exit status 0 when the
 // bridge came and went, 1 when it never came or a call failed, 2 bad
 // arguments.
 #include <fastdds/dds/domain/DomainParticipant.hpp>
 #include <fastdds/dds/domain/DomainParticipantFactory.hpp>
+#include <fastdds/dds/domain/DomainParticipantListener.hpp>
 #include <fastdds/dds/publisher/DataWriter.hpp>
 #include <fastdds/dds/publisher/Publisher.hpp>
 #include <fastdds/dds/subscriber/DataReader.hpp>
@@ -239,6 +241,18 @@ bool printImu(DynamicData* msg) {
 
 // ---- the participant ------------------------------------------------------------
 
+// Tells each participant that joins, with the lease it announces: how long
+// this side waits before it takes a silent participant for gone.
+class Discovery : public DomainParticipantListener {
+public:
+    void on_participant_discovery(DomainParticipant*,
+                                  eprosima::fastrtps::rtps::ParticipantDiscoveryInfo&& info) override {
+        if (info.status != eprosima::fastrtps::rtps::ParticipantDiscoveryInfo::DISCOVERED_PARTICIPANT) return;
+        std::fprintf(stderr, "fastdds_peer: a participant joined, lease %.1f s\n",
+                     static_cast<double>(info.info.m_leaseDuration.to_ns()) / 1e9);
+    }
+};
+
 class Peer {
 public:
     explicit Peer(const Options& o) : opt_(o) {}
@@ -262,7 +276,7 @@ public:
             pq.transport().user_transports.push_back(udp);
         }
         participant_ = DomainParticipantFactory::get_instance()->create_participant(
-            static_cast<DomainId_t>(opt_.domain), pq);
+            static_cast<DomainId_t>(opt_.domain), pq, &discovery_, StatusMask::none());
         if (participant_ == nullptr) {
             error = "cannot create a Fast DDS participant on domain " + std::to_string(opt_.domain);
             return false;
@@ -451,6 +465,7 @@ private:
     }
 
     Options opt_;
+    Discovery discovery_;
     DomainParticipant* participant_ = nullptr;
     Subscriber* subscriber_ = nullptr;
     Publisher* publisher_ = nullptr;
