@@ -22,6 +22,9 @@ packages=(
   # orvbridge: Eclipse Cyclone DDS and its IDL compiler.
   cyclonedds-dev
   cyclonedds-tools
+  # The bridge's test with a Fast DDS participant (ROS 2's default middleware).
+  libfastrtps-dev
+  libfastcdr-dev
   # The Python package, for Debian's /usr/bin/python3.
   pybind11-dev
   python3-dev

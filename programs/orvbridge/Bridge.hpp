@@ -68,6 +68,8 @@ public:
     bool open(std::string& error);
     // The number of readers that match the pose writer.
     int poseSubscribers() const;
+    // The number of writers an uplink reader reads from; 0 without --uplink.
+    int uplinkWriters(Topic t) const;
     // Takes everything the library has queued and writes it, sends up what
     // arrived on the uplink topics, and the status once a second. nowUs on
     // the library clock.
@@ -96,6 +98,7 @@ private:
     OrvAccess& access_;
     Options opt_;
     Counts counts_;
+    dds_entity_t domain_ = 0;  // when this bridge created it
     dds_entity_t participant_ = 0;
     dds_entity_t writers_[kTopicCount] = {};
     dds_entity_t readers_[kTopicCount] = {};

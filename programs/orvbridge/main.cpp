@@ -237,6 +237,11 @@ int main(int argc, char** argv) {
     orvprogress::ProgressLine line(stderr);
     std::string shownFailure;
     uint64_t nextProgressUs = start;
+    // Who steers the tracker: each change in the writers of an uplink topic
+    // is told, so that an operator sees a publisher come and go.
+    int uplinkWriters[3] = {0, 0, 0};
+    const orvbridge::Topic uplinkTopics[3] = {orvbridge::Topic::UplinkPlatform, orvbridge::Topic::UplinkGps,
+                                              orvbridge::Topic::UplinkInput};
     for (;;) {
         const uint64_t now = access.getTimeUs();
         if (gStop || (end != 0 && now >= end)) break;
@@ -254,6 +259,14 @@ int main(int argc, char** argv) {
         // The text only when the line may show it: formatting it every pass
         // would cost more than the pass.
         if (now >= nextProgressUs) {
+            for (int i = 0; opt.uplink && i < 3; ++i) {
+                const int n = bridge.uplinkWriters(uplinkTopics[i]);
+                if (n == uplinkWriters[i]) continue;
+                line.finish();
+                std::fprintf(stderr, "orvbridge: uplink: %s is read from %d writer(s), %d before\n",
+                             orvbridge::topicName(uplinkTopics[i], opt.ns).c_str(), n, uplinkWriters[i]);
+                uplinkWriters[i] = n;
+            }
             char head[48];
             std::snprintf(head, sizeof head, "orvbridge: %.0f s  ", static_cast<double>(now - start) / kUsPerS);
             line.update(now, head + brief(c));

@@ -56,7 +56,16 @@ public:
     Process& operator=(const Process&) = delete;
 
     pid_t pid() const { return pid_; }
-    bool running() const { return pid_ > 0 && !done_; }
+    // Looks, without waiting, whether the child ended (and reaps it then).
+    bool running() const {
+        if (pid_ <= 0 || done_) return false;
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            done_ = true;
+            code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        }
+        return !done_;
+    }
     void signal(int sig) const {
         if (pid_ > 0 && !done_) kill(pid_, sig);
     }
@@ -95,8 +104,8 @@ public:
 private:
     std::string out_, err_;
     pid_t pid_ = -1;
-    bool done_ = false;
-    int code_ = -1;
+    mutable bool done_ = false;
+    mutable int code_ = -1;
 };
 
 // Looks at `condition` every 10 ms until it holds or `timeoutS` passed;
