@@ -215,8 +215,10 @@ void tellStream(InstanceState& in) {
         std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(us) / 1e6);
         return std::string(text);
     };
+    // An outage that ended before this frame has no state worth telling.
     if (r.outages > was.outages)
-        say("the tracker's poses stopped (outage " + std::to_string(r.outages) + "): " + r.text);
+        say("the tracker's poses stopped (outage " + std::to_string(r.outages) + ")" +
+            (r.recoveries < r.outages ? ": " + std::string(r.text) : std::string()));
     else if (r.state == ORVACCESS_FEED_RECONNECTING && was.state != ORVACCESS_FEED_RECONNECTING)
         say("the tracker's poses are still away: " + std::string(r.text));
     if (r.recoveries > was.recoveries)
