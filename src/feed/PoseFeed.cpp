@@ -17,8 +17,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -350,7 +350,7 @@ bool OrvPoseFeed::stop() {
     f.object->close();
     f.drainWake();
     {
-        std::lock_guard<std::mutex> told(f.errorLock);
+        std::lock_guard<std::mutex> published(f.errorLock);
         f.recovery.state = ORVACCESS_FEED_STOPPED;
         setText(f.recovery, "stopped");
     }

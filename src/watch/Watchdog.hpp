@@ -6,7 +6,7 @@
 // command channel is up it asks for streaming again, and when asking fails
 // (the channel is gone or orvRx does not answer) it closes and opens the
 // library again, waiting longer after each failed try. It counts every
-// outage and recovery for the program's view and summary.
+// outage and recovery for the caller's view, summary or log.
 //
 // No thread and no clock of its own: the caller passes the library clock
 // to step(), so that a test can drive it with made-up times. It uses the
