@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "orvaccess/OrvAccess.hpp"
 #include "orvaccess/OrvPoseFeed.hpp"
@@ -20,9 +21,11 @@ namespace {
 
 constexpr int kRounds = 2;
 
+// A step that takes a few seconds at most; a broken feed fails the step
+// (saying what the feed reported) well before the test's time limit.
 template <typename F>
 bool waitFor(F&& cond) {
-    return orvtest::waitFor(std::forward<F>(cond), 90);
+    return orvtest::waitFor(std::forward<F>(cond), 30);
 }
 
 s_OrvPoseFeedRecovery recovery(const OrvPoseFeed& feed) {
