@@ -91,5 +91,11 @@ int main(int argc, char** argv) {
     renderer.join();
     std::printf("%lu frames, %lu with a new pose, %lu stale\n", stats.frames.load(), stats.newPoses.load(),
                 stats.stale.load());
+    // What the feed did to keep the stream (another client's command, orvRx restarting).
+    s_OrvPoseFeedRecovery r{};
+    feed.getRecovery(&r);
+    std::printf("stream: %s; outages %llu recovered %llu, asked orvRx %llu times, reopened %llu times\n", r.text,
+                static_cast<unsigned long long>(r.outages), static_cast<unsigned long long>(r.recoveries),
+                static_cast<unsigned long long>(r.requests), static_cast<unsigned long long>(r.reopens));
     return 0;
 }

@@ -29,6 +29,7 @@ NAMES = {
     "e_OrvAccessImuSelect": ("ImuSelect", "IntEnum"),
     "e_OrvAccessFileLoc": ("FileLoc", "IntEnum"),
     "e_OrvAccessImageFormat": ("ImageFormat", "IntEnum"),
+    "e_OrvAccessFeedStream": ("FeedStream", "IntEnum"),
 }
 PREFIX = "e_OrvAccess"
 

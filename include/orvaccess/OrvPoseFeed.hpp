@@ -70,9 +70,29 @@ public:
     // What the service thread last ran into, "" while all is well: a failed
     // service pass or wait (the access object's text, e.g. "Error receiving
     // from orvCore: ..."), or, while running, "No pose for N ms (stale after
-    // M ms): ..." when the tracker has gone quiet. "" when stopped. Never
-    // waits for the service thread.
+    // M ms): ..." when the tracker has gone quiet, followed by what the feed
+    // does about it once it has noticed (getRecovery()'s text). "" when
+    // stopped. Never waits for the service thread.
     std::string getServiceError() const;
+    // How the feed keeps its poses coming. orvRx stops streaming whenever
+    // another client opens the library or runs a command (orvctl, a second
+    // program), and forgets it when it restarts. When no pose came for a
+    // second, the service thread asks orvRx to stream again; when asking
+    // fails (orvRx gone, or not answering) it closes and opens the access
+    // object again with the configuration file, as start() does, pausing
+    // 0.5 s and doubling up to 8 s between tries; with no command channel
+    // configured it waits. Readers meanwhile read the last pose, which grows
+    // stale, and the sequence count goes on. A reopen re-reads the file, so
+    // settings made through access() since then (setPrediction() and the
+    // like) are the file's again, and it drops what the object had queued.
+    // Each outage, request, reopen and recovery is also written as an
+    // "ORVALOG: " line when the configured verbosity has bit 0x1. Any
+    // thread; never waits for the service thread (it publishes the record
+    // after each pass, so the text's times are at most one pass old).
+    // @param[out] recovery the counts since the last start(), the state
+    // (ORVACCESS_FEED_STOPPED while not running) and its text.
+    // @return true.
+    bool getRecovery(s_OrvPoseFeedRecovery* recovery) const;
 
     // ---- settings ----
     // Time without a new tracking record after which a pose is stale. Any
@@ -137,6 +157,8 @@ public:
     // published again, so the next read uses them. The service thread takes
     // every tracking record from the object's tracking queue: getTrackingData()
     // and getTrackingDataAtTime() find it empty; read poses through the feed.
+    // It takes getStatus()'s tracking bit too (ORVACCESS_RECV_TRACKING, by
+    // which it tells that orvCore streams): see getRecovery().
     // Do not call open() or close() through it; use start() and stop().
     class ORVACCESS_EXPORT Access {
     public:

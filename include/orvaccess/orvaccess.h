@@ -255,9 +255,30 @@ typedef struct s_OrvPoseFeedPose {
     int32_t stale;              /* 1 when no record came for longer than the stale time (always before the first) */
 } s_OrvPoseFeedPose;
 
+/* How a pose feed keeps its poses coming (OrvPoseFeed::getRecovery()).
+ * orvRx stops streaming whenever another client opens the library or runs a
+ * command, and forgets streaming when it restarts; the feed's service thread
+ * then asks it to stream again, and opens the access object again when
+ * asking fails. Counts since the last start; 272 bytes. */
+typedef struct s_OrvPoseFeedRecovery {
+    uint64_t outages;         /* times the poses stopped (none for 1 s) after they had come */
+    uint64_t recoveries;      /* times they came back after an outage */
+    uint64_t requests;        /* times orvRx was asked to stream again */
+    uint64_t requestsFailed;  /* requests orvRx did not acknowledge */
+    uint64_t reopens;         /* times the access object was closed and opened again */
+    uint64_t reopensFailed;   /* reopens after which the command channel was still down */
+    uint64_t longestOutageUs; /* longest outage that has ended, us */
+    uint64_t lastOutageUs;    /* the newest outage that has ended, us */
+    int32_t state;            /* an e_OrvAccessFeedStream */
+    int32_t reserved;         /* 0 */
+    char text[200];           /* the state in words, NUL-terminated (cut to fit), e.g. "tracking quiet for
+                                 2.1 s: asked orvRx to stream again (2 tries)" */
+} s_OrvPoseFeedRecovery;
+
 #if defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L && !defined(__cplusplus)
 _Static_assert(sizeof(s_OrvAccessTrkDataExt) == 448, "the tracking record is 448 bytes");
 _Static_assert(sizeof(s_OrvPoseFeedPose) == 488, "the feed pose is 488 bytes");
+_Static_assert(sizeof(s_OrvPoseFeedRecovery) == 272, "the feed recovery record is 272 bytes");
 #endif
 
 /* ---- enumerations ------------------------------------------------------- */
@@ -267,6 +288,16 @@ typedef enum e_OrvAccessImuSelect {
     ORVACCESS_IMU_PLATFORM = 0, /* the platform IMU: its queue is never filled */
     ORVACCESS_IMU_CAMERA = 1    /* the camera IMU; orvRx's IMU channel 2 */
 } e_OrvAccessImuSelect;
+
+/* The state of a pose feed's stream (s_OrvPoseFeedRecovery::state). */
+typedef enum e_OrvAccessFeedStream {
+    ORVACCESS_FEED_WAITING = 0,      /* no pose yet since the feed started */
+    ORVACCESS_FEED_FLOWING = 1,      /* poses arrive */
+    ORVACCESS_FEED_QUIET = 2,        /* they stopped; orvRx was asked to stream again */
+    ORVACCESS_FEED_RECONNECTING = 3, /* asking failed: the access object is opened again, with growing pauses */
+    ORVACCESS_FEED_UNATTENDED = 4,   /* they stopped and there is no command channel to ask orvRx on */
+    ORVACCESS_FEED_STOPPED = 5       /* the service thread does not run */
+} e_OrvAccessFeedStream;
 
 /* Storage location on the orvRx side; the values are orvRx's own and are
  * passed through as one byte. */
@@ -503,6 +534,10 @@ ORVACCESS_EXPORT int OrvPoseFeed_isRunning(const OrvPoseFeed* feed);
 ORVACCESS_EXPORT char* OrvPoseFeed_getLastError(const OrvPoseFeed* feed, char* buf, size_t len);
 /* Same as OrvPoseFeed::getServiceError(), copied into buf (len bytes at most). */
 ORVACCESS_EXPORT char* OrvPoseFeed_getServiceError(const OrvPoseFeed* feed, char* buf, size_t len);
+/* Same as OrvPoseFeed::getRecovery(): the stream's state and what was done
+ * to keep it; any thread, never waits for the service thread; 1, or 0 when
+ * recovery is NULL. */
+ORVACCESS_EXPORT int OrvPoseFeed_getRecovery(const OrvPoseFeed* feed, s_OrvPoseFeedRecovery* recovery);
 /* Same as OrvPoseFeed::setStaleTimeUs(): us without a new pose after which
  * a pose is stale; any thread. */
 ORVACCESS_EXPORT void OrvPoseFeed_setStaleTimeUs(OrvPoseFeed* feed, unsigned long staleUs);

@@ -112,6 +112,8 @@ struct InstanceState {
     OrvPoseFeed* feed = nullptr;  // null: the layer passes everything through
     uint64_t feedGeneration = 0;
     PlatformAttitude platform;
+    // The feed's recovery record as last told in the log (frame loop only).
+    s_OrvPoseFeedRecovery told{};
 };
 
 struct SessionState {
@@ -199,6 +201,31 @@ OrvPoseFeed::Reader* threadReader(OrvPoseFeed* feed, uint64_t generation) {
         slot.generation = generation;
     }
     return &*slot.reader;
+}
+
+// The feed keeps the tracker's stream coming by itself (it asks orvRx to
+// stream again, or opens the library again); the log tells each outage,
+// each turn to reconnecting and each recovery once, from the frame loop.
+void tellStream(InstanceState& in) {
+    s_OrvPoseFeedRecovery r;
+    if (!in.feed->getRecovery(&r)) return;
+    const s_OrvPoseFeedRecovery& was = in.told;
+    const auto seconds = [](uint64_t us) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(us) / 1e6);
+        return std::string(text);
+    };
+    // An outage that ended before this frame has no state worth telling.
+    if (r.outages > was.outages)
+        say("the tracker's poses stopped (outage " + std::to_string(r.outages) + ")" +
+            (r.recoveries < r.outages ? ": " + std::string(r.text) : std::string()));
+    else if (r.state == ORVACCESS_FEED_RECONNECTING && was.state != ORVACCESS_FEED_RECONNECTING)
+        say("the tracker's poses are still away: " + std::string(r.text));
+    if (r.recoveries > was.recoveries)
+        say("the tracker's poses are back after " + seconds(r.lastOutageUs) + " (recovered " +
+            std::to_string(r.recoveries) + " of " + std::to_string(r.outages) + " outages; asked orvRx " +
+            std::to_string(r.requests) + " times, reopened " + std::to_string(r.reopens) + ")");
+    in.told = r;
 }
 
 // What the layer reports for the head at one display time.
@@ -352,6 +379,7 @@ XrResult XRAPI_CALL hookWaitFrame(XrSession session, const XrFrameWaitInfo* info
     if (s == nullptr) return XR_ERROR_HANDLE_INVALID;
     InstanceState* in = s->instance;
     const XrResult r = in->next.waitFrame(session, info, state);
+    if (in->feed != nullptr) tellStream(*in);
     // The platform's attitude comes with the tracker's queued records, under
     // the feed's lock: taken here, on the frame loop, never while locating.
     if (XR_SUCCEEDED(r) && in->feed != nullptr && in->cfg.relativeToPlatform) {

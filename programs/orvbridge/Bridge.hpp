@@ -16,7 +16,7 @@
 #include "Convert.hpp"
 #include "Topics.hpp"
 #include "UplinkGuard.hpp"
-#include "Watchdog.hpp"
+#include "watch/Watchdog.hpp"
 
 namespace orvbridge {
 

@@ -17,7 +17,7 @@
 #include "Bridge.hpp"
 #include "Check.hpp"
 #include "Session.hpp"
-#include "Watchdog.hpp"
+#include "watch/Watchdog.hpp"
 #include "Progress.hpp"
 
 namespace {

@@ -17,7 +17,7 @@
 #include "Names.hpp"
 #include "SeqCheck.hpp"
 #include "Settings.hpp"
-#include "Watchdog.hpp"
+#include "watch/Watchdog.hpp"
 
 namespace orvmon {
 

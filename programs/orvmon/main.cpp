@@ -23,7 +23,7 @@
 #include "Monitor.hpp"
 #include "Session.hpp"
 #include "Settings.hpp"
-#include "Watchdog.hpp"
+#include "watch/Watchdog.hpp"
 
 namespace {
 

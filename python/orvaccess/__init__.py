@@ -23,6 +23,7 @@ from ._enums import (
     Connection,
     ErrorCode,
     ErrorOrigin,
+    FeedStream,
     FileLoc,
     ImageFormat,
     ImuSelect,
@@ -38,6 +39,7 @@ from ._orvaccess import (
     Error,
     FeatData,
     FeedPose,
+    FeedRecovery,
     GpsData,
     HubData,
     Image,
@@ -63,11 +65,11 @@ from ._orvaccess import (
 )
 
 __all__ = [
-    "Access", "AuxData", "DiagData", "Error", "FeatData", "FeedPose", "GpsData", "HubData", "Image",
-    "ImageInfo", "ImuCrs", "ImuData", "PlatPoseData", "PoseFeed", "PoseFeedReader", "PoseIterator",
+    "Access", "AuxData", "DiagData", "Error", "FeatData", "FeedPose", "FeedRecovery", "GpsData", "HubData",
+    "Image", "ImageInfo", "ImuCrs", "ImuData", "PlatPoseData", "PoseFeed", "PoseFeedReader", "PoseIterator",
     "PoseRecStats", "QueuedErrorCode", "Status",
     "TargetCount", "TgtData", "TgtResData", "TrkDataExt", "error_message", "error_text", "get_time_ms", "snooze_ms",
     # The enumerations of the C headers (_enums.py, made by the build).
-    "Connection", "ErrorCode", "ErrorOrigin", "FileLoc", "ImageFormat", "ImuSelect", "LogChannel", "Received",
-    "RxState", "Verbosity",
+    "Connection", "ErrorCode", "ErrorOrigin", "FeedStream", "FileLoc", "ImageFormat", "ImuSelect", "LogChannel",
+    "Received", "RxState", "Verbosity",
 ]

@@ -13,6 +13,7 @@ namespace orvpy {
 namespace {
 
 PyObject* g_feedPoseType = nullptr;
+PyObject* g_feedRecoveryType = nullptr;
 
 // The pose with what the renderer needs to judge it; pose is None before
 // the first record.
@@ -53,6 +54,13 @@ void bindFeed(py::module_& m) {
                          .release()
                          .ptr();
     m.attr("FeedPose") = py::reinterpret_borrow<py::object>(g_feedPoseType);
+    g_feedRecoveryType = py::module_::import("collections")
+                             .attr("namedtuple")("FeedRecovery",
+                                                 "state outages recoveries requests requests_failed reopens "
+                                                 "reopens_failed longest_outage_us last_outage_us text")
+                             .release()
+                             .ptr();
+    m.attr("FeedRecovery") = py::reinterpret_borrow<py::object>(g_feedRecoveryType);
 
     py::class_<PyFeedReader>(m, "PoseFeedReader",
                              "One render thread's reader of a PoseFeed (OrvPoseFeed::Reader): it keeps the "
@@ -117,6 +125,18 @@ void bindFeed(py::module_& m) {
         .def_property_readonly("service_error", &OrvPoseFeed::getServiceError,
                                "What the service thread last ran into, or a note that no pose came for longer "
                                "than the stale time; '' while all is well.")
+        .def_property_readonly(
+            "recovery",
+            [](const OrvPoseFeed& f) {
+                s_OrvPoseFeedRecovery r{};
+                f.getRecovery(&r);
+                return py::reinterpret_borrow<py::object>(g_feedRecoveryType)(
+                    r.state, r.outages, r.recoveries, r.requests, r.requestsFailed, r.reopens, r.reopensFailed,
+                    r.longestOutageUs, r.lastOutageUs, std::string(r.text));
+            },
+            "How the feed keeps its poses coming (OrvPoseFeed::getRecovery()): a FeedRecovery with the state "
+            "(a FeedStream value), the outages, recoveries, requests to stream and reopens since the last "
+            "start, the longest and the last outage in us, and the state in words.")
         .def_property("stale_time_us", &OrvPoseFeed::getStaleTimeUs, &OrvPoseFeed::setStaleTimeUs,
                       "us without a new pose after which a pose is stale (default 100000).")
         .def(

@@ -29,6 +29,11 @@ def test_the_feed_follows_the_tracker_and_predicts_to_display_times(start_sim):
         latest = feed.latest()
         assert type(latest.pose) is orvaccess.TrkDataExt and not latest.stale and latest.age_us >= 0
         assert feed.service_error == ""
+        # The watchdog's record: orvCore streams, nothing went wrong yet.
+        assert wait_for(lambda: feed.recovery.state == orvaccess.FeedStream.ORVACCESS_FEED_FLOWING)
+        recovery = feed.recovery
+        assert type(recovery) is orvaccess.FeedRecovery and recovery.text == "tracking arriving"
+        assert recovery.outages == recovery.recoveries == recovery.reopens == 0
 
         # Two render loops, each with its own reader, while Python sets the prediction.
         results, errors = [], []
@@ -55,6 +60,7 @@ def test_the_feed_follows_the_tracker_and_predicts_to_display_times(start_sim):
         assert isinstance(feed.error_codes(), list)
 
     assert not feed.running
+    assert feed.recovery.state == orvaccess.FeedStream.ORVACCESS_FEED_STOPPED and feed.recovery.text == "stopped"
     kept = feed.latest()
     assert kept.pose is not None and kept.sequence >= latest.sequence
     feed.start()

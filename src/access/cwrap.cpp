@@ -432,6 +432,10 @@ char* OrvPoseFeed_getServiceError(const OrvPoseFeed* feed, char* buf, size_t len
     return text(buf, len, [&] { return feed->getServiceError(); });
 }
 
+int OrvPoseFeed_getRecovery(const OrvPoseFeed* feed, s_OrvPoseFeedRecovery* recovery) {
+    return status([&] { return recovery != nullptr && feed->getRecovery(recovery); });
+}
+
 void OrvPoseFeed_setStaleTimeUs(OrvPoseFeed* feed, unsigned long staleUs) { feed->setStaleTimeUs(staleUs); }
 
 int OrvPoseFeed_getLatest(const OrvPoseFeed* feed, s_OrvPoseFeedPose* pose) {

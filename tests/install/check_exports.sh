@@ -46,7 +46,8 @@ for sym in OrvosiUtil_snoozeMs OrvosiUtil_getTimeMs; do
 done
 # The pose feed's C functions.
 for f in OrvPoseFeed_create OrvPoseFeed_destroy OrvPoseFeed_start OrvPoseFeed_stop OrvPoseFeed_isRunning \
-  OrvPoseFeed_getLastError OrvPoseFeed_getServiceError OrvPoseFeed_setStaleTimeUs OrvPoseFeed_getLatest \
+  OrvPoseFeed_getLastError OrvPoseFeed_getServiceError OrvPoseFeed_getRecovery OrvPoseFeed_setStaleTimeUs \
+  OrvPoseFeed_getLatest \
   OrvPoseFeedReader_create OrvPoseFeedReader_destroy OrvPoseFeedReader_getAtTime \
   OrvPoseFeedReader_resetDisplayClock OrvPoseFeed_lockAccess OrvPoseFeed_unlockAccess; do
   grep -qw "$f" <<<"$plain" || { echo "missing export: $f"; exit 1; }

@@ -3,7 +3,9 @@
 #   cmake -DROOT=<source tree> -P check_layers.cmake
 #
 # The library's layers, bottom to top: wire, os and math (peers), diag,
-# access. A layer includes only what lies below it or beside it; the public
+# access, watch, feed. A layer includes only what lies below it or beside
+# it; the watchdog (watch) drives the access object through the public
+# headers alone and takes nothing of src/ but the wire's numbers; the public
 # headers include nothing of src/; a program includes src/ only where its
 # targets allow it (those linking orvaccess_internal, or orvmath for the
 # maths). Two folders that include each other make a circle even when each
@@ -14,21 +16,23 @@ if(NOT ROOT)
   message(FATAL_ERROR "usage: cmake -DROOT=<source tree> -P check_layers.cmake")
 endif()
 
-set(layers wire os math diag access)
+set(layers wire os math diag access watch feed)
 # What each layer must not include.
-set(forbidden_wire access diag)
-set(forbidden_os access diag math)
-set(forbidden_math access diag os)
-set(forbidden_diag access)
-set(forbidden_access "")
+set(forbidden_wire access diag watch feed)
+set(forbidden_os access diag math watch feed)
+set(forbidden_math access diag os watch feed)
+set(forbidden_diag access watch feed)
+set(forbidden_access watch feed)
+set(forbidden_watch os math diag access feed)
+set(forbidden_feed "")
 
 # The layers each program folder may include, as its CMake targets link them.
 set(programs_all_layers orvsim capture)         # through orvaccess_internal
-set(programs_allowed_orvmon math)               # orvmath beside the shared library
-set(programs_allowed_orvbridge math)
+set(programs_allowed_orvmon math watch)         # orvmath and orvwatch beside the shared library
+set(programs_allowed_orvbridge math watch)
 set(programs_allowed_openxr math)               # the library linked in whole, used as an application would
 set(programs_allowed_common access)             # header-only readers of the library's keys
-set(reach_hint "link orvaccess_internal or orvmath, and list the folder in check_layers.cmake")
+set(reach_hint "link orvaccess_internal, orvmath or orvwatch, and list the folder in check_layers.cmake")
 
 set(problems "")
 set(edges "")
@@ -49,7 +53,7 @@ function(layer_includes file out)
   set(n 0)
   foreach(line IN LISTS lines)
     math(EXPR n "${n} + 1")
-    if(line MATCHES "^[ \t]*#[ \t]*include[ \t]*[\"<]((wire|os|math|diag|access)/[^\">]*)[\">]")
+    if(line MATCHES "^[ \t]*#[ \t]*include[ \t]*[\"<]((wire|os|math|diag|access|watch|feed)/[^\">]*)[\">]")
       list(APPEND found "${n}|${CMAKE_MATCH_2}|${CMAKE_MATCH_1}")
     elseif(line MATCHES "^[ \t]*#[ \t]*include[ \t]*\"(\\.\\./[^\"]*)\"")
       list(APPEND found "${n}|..|${CMAKE_MATCH_1}")
@@ -135,4 +139,4 @@ if(problems)
   string(REPLACE ";" "\n  " text "${problems}")
   message(FATAL_ERROR "${count} include(s) against the layers:\n  ${text}")
 endif()
-message(STATUS "layers ok: wire, os, math below diag below access; public headers and programs within bounds")
+message(STATUS "layers ok: wire, os, math below diag below access below watch below feed; public headers and programs within bounds")

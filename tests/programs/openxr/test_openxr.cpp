@@ -623,6 +623,87 @@ TEST(Layer, FlagsFollowATrackerThatStopsAndRestarts) {
     }
 }
 
+// The layer's log (its standard error) goes to a file while this lives.
+class StderrToFile {
+public:
+    explicit StderrToFile(std::string path) : path_(std::move(path)) {
+        std::fflush(stderr);
+        saved_ = ::dup(2);
+        const int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        EXPECT_GE(fd, 0) << path_;
+        if (fd >= 0) {
+            ::dup2(fd, 2);
+            ::close(fd);
+        }
+    }
+    ~StderrToFile() {
+        std::fflush(stderr);
+        ::dup2(saved_, 2);
+        ::close(saved_);
+    }
+    StderrToFile(const StderrToFile&) = delete;
+    StderrToFile& operator=(const StderrToFile&) = delete;
+    size_t count(const std::string& part) const {
+        const std::string text = orvtest::readText(path_);
+        size_t n = 0;
+        for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+        return n;
+    }
+    std::string text() const { return orvtest::readText(path_); }
+
+private:
+    std::string path_;
+    int saved_ = -1;
+};
+
+// The tracker's orvRx restarts, then another client's command switches its
+// streaming off: each time the views turn untracked, the feed under the
+// layer gets the stream back by itself, the views are tracked again, and
+// the layer's log tells the outage and the recovery.
+TEST(Layer, TrackerPoseComesBackAfterARestartAndAnotherClientsCommand) {
+    Tracker tracker;
+    ASSERT_TRUE(tracker.start());
+    const std::string other = tracker.dir.write(
+        "other.ini", "[Communication]\ntcpOrvRxAddr = 127.0.0.1\ntcpOrvRxPort = " +
+                         std::to_string(tracker.sim.port("tcpOrvRxPort")) +
+                         "\nudpOrvRxPort = 0\nudpOrvRxImgPort = 0\nudpOrvRxInputPort = 0\n"
+                         "udpOrvCorePort = 0\nudpNftPort = 0\nsMemImgName =\n");
+    setLayerEnvironment(tracker.layerConfig("watch.ini", "staleMs = 150\nwhenStale = untracked\n"),
+                        "XR_APILAYER_ORV_head_pose", false);
+    StderrToFile log((tracker.dir.path() / "layer.log").string());
+    App app;
+    ASSERT_TRUE(app.open());
+    ASSERT_TRUE(framesUntil(app, kAllViewBits)) << "never tracked: " << log.text();
+    const auto logged = [&](const char* part, size_t n) {
+        return framesUntil(app, [&](XrTime, XrViewStateFlags, const XrView*) { return log.count(part) >= n; });
+    };
+
+    // orvRx goes away: untracked, and the log says the poses stopped.
+    const char* stopped = "the tracker's poses stopped (outage ";
+    const char* back = "the tracker's poses are back after";
+    const size_t stops = log.count(stopped), backs = log.count(back);
+    tracker.sim.stop();
+    ASSERT_TRUE(framesUntil(app, XrViewStateFlags{0})) << log.text();
+    ASSERT_TRUE(logged(stopped, stops + 1)) << log.text();
+    ASSERT_TRUE(tracker.sim.start(toRelay));
+    ASSERT_TRUE(logged(back, backs + 1)) << log.text();
+    ASSERT_TRUE(framesUntil(app, kAllViewBits)) << "not tracked after the restart: " << log.text();
+
+    // Another client opens the library and reads a register.
+    {
+        OrvAccess client;
+        client.setIniPath(other);
+        ASSERT_TRUE(client.open()) << client.getLastError();
+        unsigned char value = 0;
+        EXPECT_TRUE(client.getRegister(200, 0x10, &value)) << client.getLastError();
+    }
+    ASSERT_TRUE(framesUntil(app, XrViewStateFlags{0})) << log.text();
+    ASSERT_TRUE(logged(back, backs + 2)) << log.text();
+    ASSERT_TRUE(framesUntil(app, kAllViewBits)) << "not tracked after the command: " << log.text();
+    EXPECT_EQ(log.count(stopped), log.count(back)) << log.text();
+    app.close();
+}
+
 // Relative to the platform: the head is turned into the frame of the newest
 // platform pose the tracker reported, which the layer takes in xrWaitFrame.
 TEST(Layer, RelativeToThePlatform) {

@@ -132,6 +132,7 @@ int main(void) {
         OrvPoseFeedReader* reader;
         OrvAccess* lent;
         s_OrvPoseFeedPose pose;
+        s_OrvPoseFeedRecovery recovery;
         check(feed != NULL, "OrvPoseFeed_create");
         if (feed != NULL) {
             check(OrvPoseFeed_isRunning(feed) == 1, "OrvPoseFeed_isRunning");
@@ -145,7 +146,15 @@ int main(void) {
             reader = OrvPoseFeedReader_create(feed);
             check(reader != NULL && OrvPoseFeedReader_getAtTime(reader, 1000, &pose) == 0, "a reader before any pose");
             OrvPoseFeedReader_destroy(reader);
+            check(OrvPoseFeed_getRecovery(feed, &recovery) == 1 && recovery.outages == 0 &&
+                      recovery.recoveries == 0 && recovery.state != ORVACCESS_FEED_STOPPED &&
+                      memchr(recovery.text, 0, sizeof recovery.text) != NULL,
+                  "OrvPoseFeed_getRecovery while running");
+            check(OrvPoseFeed_getRecovery(feed, NULL) == 0, "OrvPoseFeed_getRecovery without a record");
             check(OrvPoseFeed_stop(feed) == 1 && OrvPoseFeed_isRunning(feed) == 0, "OrvPoseFeed_stop");
+            check(OrvPoseFeed_getRecovery(feed, &recovery) == 1 && recovery.state == ORVACCESS_FEED_STOPPED &&
+                      strcmp(recovery.text, "stopped") == 0,
+                  "OrvPoseFeed_getRecovery when stopped");
             check(OrvPoseFeed_start(feed) == 1 && OrvPoseFeed_isRunning(feed) == 1, "OrvPoseFeed_start again");
             OrvPoseFeed_destroy(feed);
         }

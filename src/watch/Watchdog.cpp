@@ -1,10 +1,11 @@
-#include "Watchdog.hpp"
+#include "watch/Watchdog.hpp"
 
 #include <algorithm>
 #include <cstdio>
 #include <utility>
 
-#include "Names.hpp"
+#include "orvaccess/orvwire.h"
+#include "wire/CommandCodes.hpp"
 
 namespace orvwatch {
 
@@ -42,7 +43,7 @@ const char* stateName(Watchdog::State s) {
 Watchdog::Watchdog(OrvAccess& access, Reopen reopen, WatchdogOptions options)
     : access_(access), reopen_(std::move(reopen)), opt_(options), retryUs_(options.retryFirstUs) {}
 
-std::string Watchdog::wantedNames() const { return orvnames::receivedNames(opt_.wanted); }
+std::string Watchdog::wantedNames() const { return opt_.what; }
 
 void Watchdog::event(std::string text) {
     // Only a program that never takes them could fill this up.
@@ -107,7 +108,7 @@ void Watchdog::step(uint64_t nowUs) {
 }
 
 void Watchdog::act(uint64_t nowUs) {
-    if (state_ == State::Reconnecting || !libraryOpen_ || (connections_ & orvnames::kConnTcp) == 0)
+    if (state_ == State::Reconnecting || !libraryOpen_ || (connections_ & ORVACCESS_CONN_TCP) == 0)
         reopen(nowUs);
     else
         ask(nowUs);
@@ -120,7 +121,7 @@ void Watchdog::ask(uint64_t nowUs) {
     // when it believes it on, orvRx was switched off behind its back (another
     // client opened, or orvRx restarted): the register is written directly.
     const bool ok = access_.getStreaming()
-                        ? access_.setRegister(kAckMs, orvnames::kStreamingRegister, 1)
+                        ? access_.setRegister(kAckMs, orvcmd::kStreamingRegister, 1)
                         : access_.setStreaming(true);
     if (ok) {
         if (inOutage_) state_ = State::Quiet;
@@ -143,7 +144,7 @@ void Watchdog::reopen(uint64_t nowUs) {
     const bool opened = reopen_(access_, why);
     libraryOpen_ = opened;
     s_OrvAccessStatus st{};
-    const bool commands = opened && access_.getStatus(&st) && (st.connections & orvnames::kConnTcp) != 0;
+    const bool commands = opened && access_.getStatus(&st) && (st.connections & ORVACCESS_CONN_TCP) != 0;
     if (opened) observe(nowUs, st);
     if (!commands) {
         ++counts_.reopensFailed;

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "Watchdog.hpp"
+#include "watch/Watchdog.hpp"
 #include "support/FakeOrvRx.hpp"
 
 namespace {

@@ -7,11 +7,17 @@
 // itself, wakes the thread through a descriptor in the object's ready set,
 // and the thread steps aside until every such caller is done. Readers only
 // touch the published copy (FeedRing) and an atomic stale time.
+//
+// After each pass the thread also runs the watchdog that orvmon and
+// orvbridge run: orvRx stops streaming when any other client opens the
+// library or runs a command, and forgets it when it restarts, so a feed that
+// only waited would stay blind.
 #include "orvaccess/OrvPoseFeed.hpp"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -21,11 +27,13 @@
 #include <string>
 #include <thread>
 
-#include "access/FeedRing.hpp"
+#include "feed/FeedRing.hpp"
 #include "access/PredictionState.hpp"
 #include "access/State.hpp"
+#include "diag/OrvUtil.hpp"
 #include "os/OrvosiUtil.hpp"
 #include "math/OrvPose.hpp"
+#include "watch/Watchdog.hpp"
 
 namespace {
 
@@ -56,11 +64,39 @@ constexpr size_t kPassLimit = 64;
 constexpr int kWaitMs = 200;
 // Pause after a failed pass or wait, so that a broken port is not spun on.
 constexpr std::chrono::milliseconds kRetryPause{100};
+// While the poses are not flowing, the published recovery text (which
+// counts the seconds of quiet) is made again at most this often, us.
+constexpr uint64_t kRecoveryTextUs = 100000;
+
+e_OrvAccessFeedStream streamState(orvwatch::Watchdog::State s) {
+    switch (s) {
+        case orvwatch::Watchdog::State::Waiting:
+            return ORVACCESS_FEED_WAITING;
+        case orvwatch::Watchdog::State::Flowing:
+            return ORVACCESS_FEED_FLOWING;
+        case orvwatch::Watchdog::State::Quiet:
+            return ORVACCESS_FEED_QUIET;
+        case orvwatch::Watchdog::State::Reconnecting:
+            return ORVACCESS_FEED_RECONNECTING;
+        case orvwatch::Watchdog::State::Unattended:
+            return ORVACCESS_FEED_UNATTENDED;
+    }
+    return ORVACCESS_FEED_WAITING;
+}
+
+void setText(s_OrvPoseFeedRecovery& r, const std::string& text) {
+    const size_t n = std::min(text.size(), sizeof r.text - 1);
+    std::memcpy(r.text, text.data(), n);
+    r.text[n] = '\0';
+}
 
 }  // namespace
 
 struct OrvPoseFeed::Impl {
-    explicit Impl(std::string path) : iniPath(std::move(path)) {}
+    explicit Impl(std::string path) : iniPath(std::move(path)) {
+        recovery.state = ORVACCESS_FEED_STOPPED;
+        setText(recovery, "stopped");
+    }
 
     std::string iniPath;
     std::unique_ptr<OrvAccess> object{new OrvAccess()};
@@ -86,6 +122,7 @@ struct OrvPoseFeed::Impl {
     // held for long (the thread holds the main lock while it sleeps).
     mutable std::mutex errorLock;
     std::string serviceError;
+    s_OrvPoseFeedRecovery recovery{};  // as the thread last published it
     bool failing = false;  // the thread's own copy of !serviceError.empty()
     void noteServiceError(const std::string& text) {
         if (text.empty() && !failing) return;
@@ -99,6 +136,11 @@ struct OrvPoseFeed::Impl {
     FeedRing<FeedSnapshot> ring;
     std::atomic<unsigned long> staleUs{kDefaultStaleUs};
 
+    // The thread's; made by start(), kept after stop() for its counts.
+    std::unique_ptr<orvwatch::Watchdog> dog;
+    s_OrvPoseFeedRecovery told{};  // what publishRecovery() last published, without the text
+    uint64_t toldTextUs = 0;
+
     bool open();
     void run();
     void wake();
@@ -107,6 +149,12 @@ struct OrvPoseFeed::Impl {
     // estimate and publishes the newest with the current settings.
     void takeRecords();
     void publishSettings();
+    // Under the lock: the watchdog's turn after a pass.
+    void watch();
+    // What the watchdog did, for getRecovery(); the text is made only when
+    // something changed, or every kRecoveryTextUs while the poses are away.
+    void publishRecovery(uint64_t nowUs, bool force);
+    bool reopen(std::string& why);
 };
 
 // getTrackingDataAtTime() feeds every queued record to the IMU clock and
@@ -126,6 +174,61 @@ void OrvPoseFeed::Impl::takeRecords() {
     pending.nat = nat;
     pending.receivedUs = OrvosiUtil::getTimeSysUs();
     publishSettings();
+}
+
+void OrvPoseFeed::Impl::watch() {
+    const uint64_t now = OrvosiUtil::getTimeSysUs();
+    OrvAccess::State& s = state();
+    // orvCore's packets are what streaming starts and stops (the NFT
+    // source's poses join the same queue whether orvRx streams or not), so
+    // the thread takes their status bit, as it takes their records; it
+    // leaves the other bits to whoever reads the status through access().
+    s_OrvAccessStatus seen{};
+    seen.connections = s.tcpOpen ? ORVACCESS_CONN_TCP : 0;
+    seen.received = s.receivedMask & ORVACCESS_RECV_TRACKING;
+    s.receivedMask &= ~static_cast<uint32_t>(ORVACCESS_RECV_TRACKING);
+    dog->observe(now, seen);
+    dog->step(now);
+    bool events = false;
+    for (const std::string& e : dog->takeEvents()) {
+        OrvUtil::logLine(s.cfg.verbosity, "Pose feed: ", e);
+        events = true;
+    }
+    publishRecovery(now, events);
+}
+
+void OrvPoseFeed::Impl::publishRecovery(uint64_t nowUs, bool force) {
+    const orvwatch::Watchdog::Counts& c = dog->counts();
+    s_OrvPoseFeedRecovery r{};
+    r.outages = c.outages;
+    r.recoveries = c.recoveries;
+    r.requests = c.requests;
+    r.requestsFailed = c.requestsFailed;
+    r.reopens = c.reopens;
+    r.reopensFailed = c.reopensFailed;
+    r.longestOutageUs = c.longestOutageUs;
+    r.lastOutageUs = c.lastOutageUs;
+    r.state = streamState(dog->state());
+    const bool same = std::memcmp(&r, &told, sizeof r) == 0;
+    if (same && !force && (r.state == ORVACCESS_FEED_FLOWING || nowUs - toldTextUs < kRecoveryTextUs)) return;
+    told = r;
+    toldTextUs = nowUs;
+    setText(r, dog->stateText(nowUs));
+    std::lock_guard<std::mutex> held(errorLock);
+    recovery = r;
+}
+
+// The watchdog's way back: the object opened again from the feed's file,
+// under the feed's lock, as start() opens it.
+bool OrvPoseFeed::Impl::reopen(std::string& why) {
+    object->setIniPath(iniPath);
+    if (!object->open()) {
+        why = object->getLastError();
+        return false;
+    }
+    // The file's prediction, boresight and tip offset, for the next read.
+    publishSettings();
+    return true;
 }
 
 void OrvPoseFeed::Impl::publishSettings() {
@@ -183,6 +286,7 @@ void OrvPoseFeed::Impl::run() {
         if (stopping.load()) break;
         const bool serviced = object->serviceUdp(true);
         takeRecords();
+        watch();
         bool ready = false;
         if (serviced && object->waitUdp(kWaitMs, &ready)) {
             noteServiceError("");
@@ -212,6 +316,12 @@ bool OrvPoseFeed::start() {
     f.noteServiceError("");
     f.stopping = false;
     try {
+        orvwatch::WatchdogOptions options;
+        options.commandChannel = f.state().cfg.tcpOrvRxEnabled;
+        f.dog.reset(new orvwatch::Watchdog(
+            *f.object, [&f](OrvAccess&, std::string& why) { return f.reopen(why); }, options));
+        f.told = s_OrvPoseFeedRecovery{};
+        f.publishRecovery(OrvosiUtil::getTimeSysUs(), true);
         f.thread = std::thread([&f] { f.run(); });
     } catch (const std::exception& e) {
         f.startError = std::string("Unable to start the pose feed's thread: ") + e.what();
@@ -239,6 +349,11 @@ bool OrvPoseFeed::stop() {
     std::lock_guard<std::mutex> held(f.lock);
     f.object->close();
     f.drainWake();
+    {
+        std::lock_guard<std::mutex> published(f.errorLock);
+        f.recovery.state = ORVACCESS_FEED_STOPPED;
+        setText(f.recovery, "stopped");
+    }
     return true;
 }
 
@@ -257,11 +372,23 @@ std::string OrvPoseFeed::getServiceError() const {
     getLatest(&pose);
     if (!pose.stale) return "";
     const unsigned long staleMs = getStaleTimeUs() / 1000;
+    s_OrvPoseFeedRecovery r;
+    getRecovery(&r);
+    // Once the watchdog has noticed, its words say what is being done.
+    const bool acting = r.state != ORVACCESS_FEED_FLOWING && r.state != ORVACCESS_FEED_WAITING;
     if (!pose.valid)
-        return "No pose yet (stale after " + std::to_string(staleMs) +
-               " ms): is orvCore running and sending to this host's orvCore port?";
+        return "No pose yet (stale after " + std::to_string(staleMs) + " ms): " +
+               (acting ? std::string(r.text)
+                       : "is orvCore running and sending to this host's orvCore port?");
     return "No pose for " + std::to_string(pose.ageUs / 1000) + " ms (stale after " + std::to_string(staleMs) +
-           " ms): has orvCore stopped, or lost the target?";
+           " ms): " + (acting ? std::string(r.text) : "has orvCore stopped, or lost the target?");
+}
+
+bool OrvPoseFeed::getRecovery(s_OrvPoseFeedRecovery* recovery) const {
+    const Impl& f = *impl_;
+    std::lock_guard<std::mutex> held(f.errorLock);
+    *recovery = f.recovery;
+    return true;
 }
 
 void OrvPoseFeed::setStaleTimeUs(unsigned long staleUs) { impl_->staleUs.store(staleUs, std::memory_order_relaxed); }

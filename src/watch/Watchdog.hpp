@@ -6,10 +6,12 @@
 // command channel is up it asks for streaming again, and when asking fails
 // (the channel is gone or orvRx does not answer) it closes and opens the
 // library again, waiting longer after each failed try. It counts every
-// outage and recovery for the program's view and summary.
+// outage and recovery for the caller's view, summary or log.
 //
-// No thread and no clock of its own: the program passes the library clock
-// to step(), so that a test can drive it with made-up times.
+// No thread and no clock of its own: the caller passes the library clock
+// to step(), so that a test can drive it with made-up times. It uses the
+// access object's public interface alone, so the library's pose feed runs
+// the same watchdog as orvmon and orvbridge (they link the static orvwatch).
 #pragma once
 
 #include <orvaccess/OrvAccess.hpp>
@@ -23,6 +25,7 @@ namespace orvwatch {
 
 struct WatchdogOptions {
     uint32_t wanted = ORVACCESS_RECV_TRACKING;  // received bits that must keep coming
+    std::string what = "tracking";  // their name in the texts: "tracking stopped: ..."
     bool commandChannel = true;   // the configuration enables orvRx's command channel
     uint64_t quietUs = 1000000;   // no wanted datagram for this long is an outage
     uint64_t startupUs = 3000000; // ... and at the start, when orvRx may take a moment to begin
