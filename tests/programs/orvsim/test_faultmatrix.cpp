@@ -10,6 +10,7 @@
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +27,7 @@
 #include <thread>
 
 #include "os/OrvosiSharedMem.hpp"
+#include "support/Process.hpp"
 #include "orvsim/Simulator.hpp"
 #include "support/SimRunner.hpp"
 
@@ -598,9 +600,13 @@ TEST(SharedImageStall, TheReaderWaitsForTheProducerAndThenGetsItsImage) {
         const bool ok = access.getImage(&percent, &format, &seq, image.data(), image.size());
         _exit(ok && percent == 100 && seq == 7 && image[kImageBytes - 1] == 0x5A ? 0 : 3);
     }
-    // Still waiting after half a second of stall.
+    // The reader blocks on the semaphore the producer holds: it sleeps in
+    // the futex call, not ending, not spinning.
     ASSERT_EQ(read(asking[0], &c, 1), 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const std::string syscallFile = "/proc/" + std::to_string(reader) + "/syscall";
+    const std::string futex = std::to_string(SYS_futex) + " ";
+    EXPECT_TRUE(orvtest::waitFor([&] { return orvtest::readText(syscallFile).rfind(futex, 0) == 0; }))
+        << "the reader is in " << orvtest::readText(syscallFile);
     int status = 0;
     EXPECT_EQ(waitpid(reader, &status, WNOHANG), 0) << "the reader did not wait";
     ASSERT_EQ(write(goOn[1], &c, 1), 1);
