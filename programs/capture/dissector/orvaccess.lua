@@ -299,8 +299,10 @@ local function walk(tree, tvb, at, limit, prefix, layout)
                 local x = value(tvb, at, itemKind)
                 local item = tree:add_le(f, tvb(at, width))
                 if each > 1 then
+                    -- Each element under the field's display name, its index after it.
                     item:set_text(string.format(type(x) == "number" and x % 1 ~= 0 and "%s[%d]: %.7g" or "%s[%d]: %s",
-                                                name, i, type(x) == "number" and x % 1 ~= 0 and x or tostring(x)))
+                                                it.label or name, i,
+                                                type(x) == "number" and x % 1 ~= 0 and x or tostring(x)))
                     v[name] = v[name] or {}
                     v[name][i + 1] = x
                 else

@@ -468,6 +468,26 @@ TEST_F(Dissector, FieldsCarryTheirDescriptionsAndSayWhatTheyAre) {
     EXPECT_GT(named, 100);
 }
 
+// In the packet tree too, every element of a vector or matrix stands under
+// its field's display name.
+TEST_F(Dissector, TheTreeShowsElementsUnderTheirDisplayNames) {
+    s_OrvAccessTrkDataExt t{};
+    t.vecA[1] = -2.25f;
+    t.scalarA = 0.5f;
+    udp(kCore, orvsim::buildTracking(t));
+    std::string error;
+    ASSERT_TRUE(writer_.close(error)) << error;
+    const std::string out = (dir_.path() / "tree.out").string(), err = (dir_.path() / "tree.err").string();
+    orvtest::Program p({tshark_, "-X", "lua_script:" + std::string(ORV_DISSECTOR), "-r",
+                        (dir_.path() / "built.pcap").string(), "-O", "orv"},
+                       out, err);
+    ASSERT_EQ(p.wait(60), 0) << orvtest::readFile(err);
+    const std::string tree = orvtest::readFile(out);
+    EXPECT_NE(tree.find("Boresighted vector A (vecA)[1]: -2.25\n"), std::string::npos) << tree;
+    EXPECT_NE(tree.find("Pass-through scalar A (scalarA): 0.5\n"), std::string::npos) << tree;
+    EXPECT_NE(tree.find("Head attitude matrix (cbn)[8]: 0\n"), std::string::npos) << tree;
+}
+
 // The command channel as the library speaks it: frames split over segments
 // and several in one, replies told apart by the command they answer.
 // The compact chip types pack pid, status and word into spare bits and carry
