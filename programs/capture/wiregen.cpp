@@ -92,7 +92,8 @@ std::string chipDescription(const orvwire::ChipValue& v) {
     d << v.description;
     const char* sep = " (block ";
     for (const orvwire::ChipField& f : orvwire::kChipFields) {
-        const bool value = std::string(f.name) == v.name, raw = f.raw != nullptr && std::string(f.raw) == v.name;
+        const bool value = std::string(f.name) == v.name;
+        const bool raw = f.raw != nullptr && std::string(f.raw) == v.name;
         if (!value && !raw) continue;
         d << sep << "0x" << std::hex << f.bit << std::dec;
         if (f.scale != 0) {

@@ -36,8 +36,8 @@ static int usage(const char* why) {
 
 /* An argument no option knows, named. */
 static int unknown(const char* arg) {
-    fprintf(stderr, "orvsub: %s %s\n%s", strncmp(arg, "--", 2) == 0 ? "unknown option" : "unknown argument", arg,
-            kUsage);
+    const char* what = strncmp(arg, "--", 2) == 0 ? "unknown option" : "unknown argument";
+    fprintf(stderr, "orvsub: %s %s\n%s", what, arg, kUsage);
     return 2;
 }
 

@@ -142,7 +142,8 @@ protected:
                 out.drain(a, buf);
                 return true;
             }
-            std::this_thread::sleep_for(std::chrono::microseconds(500));  // the pace of an application's calls
+            // The pace of an application's calls.
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
         }
         return false;
     }
@@ -248,8 +249,8 @@ protected:
         Records got;
         {
             orvtest::Program play(argv, o, e);
-            EXPECT_TRUE(pollWhile(a, play, got, complete, each ? std::function<void()>([&] { each(a); }) : nullptr))
-                << "the replay's records did not all arrive";
+            const std::function<void()> call = each ? std::function<void()>([&] { each(a); }) : nullptr;
+            EXPECT_TRUE(pollWhile(a, play, got, complete, call)) << "the replay's records did not all arrive";
             EXPECT_EQ(play.exitCode(), 0) << orvtest::readFile(e);
         }
         out = orvtest::readFile(o);
@@ -350,7 +351,8 @@ TEST_F(RecordReplay, RetimeMovesTheClockFieldsAndPredictionWorks) {
     // hub records and the codes tell when the replay is all in.
     const auto complete = [](const Records& r) {
         const Records& live = run_->live;
-        return r.imu.size() >= live.imu.size() && r.hub.size() >= live.hub.size() && r.codes() >= live.codes();
+        return r.imu.size() >= live.imu.size() && r.hub.size() >= live.hub.size() &&
+               r.codes() >= live.codes();
     };
     const Records got = replay(libraryIni("retimed.ini", "[Processing]\nvirtualSyncCtrl = 2\n"), {"--retime"}, out,
                                complete, predict);
