@@ -32,11 +32,14 @@ trap cleanup EXIT
   --drop 0.002 --corrupt 0.002 --duplicate 0.002 --reorder 0.002 --files "$run" \
   >"$run/orvsim.txt" 2>"$run/orvsim.err" &
 sim=$!
-sleep 0.5
-if ! kill -0 "$sim" 2>/dev/null; then
-  cat "$run/orvsim.err" >&2
-  exit 1
-fi
+# orvsim says "serving" once its ports are open; a failed start ends it.
+until grep -q serving "$run/orvsim.err"; do
+  if ! kill -0 "$sim" 2>/dev/null; then
+    cat "$run/orvsim.err" >&2
+    exit 1
+  fi
+  sleep 0.05
+done
 
 "$root/build/bin/orvmon" --ini "$ini" --duration "$seconds" --uplink --summary-file "$run/orvmon.txt"
 kill -INT "$sim"

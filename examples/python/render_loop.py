@@ -48,16 +48,29 @@ def render(feed: orvaccess.PoseFeed, stop: threading.Event, stats: Stats) -> Non
         # ... draw the scene with frame.pose.cbn and frame.pose.position
 
 
+def seconds_arg(text: str) -> float:
+    """A finite number of seconds, 0 or more, for argparse."""
+    value = float(text)
+    if not 0 <= value < float("inf"):
+        raise argparse.ArgumentTypeError(f"{text!r} is not a number of seconds, 0 or more")
+    return value
+
+
 def main() -> int:
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--ini", default="orvaccess.ini", help="configuration file (default: %(default)s)")
-    parser.add_argument("--duration", type=float, default=10.0, help="seconds to run (default: %(default)s)")
+    parser.add_argument("--duration", type=seconds_arg, default=10.0, help="seconds to run (default: %(default)s)")
+    parser.add_argument("--poses", type=int, default=0,
+                        help="stop once this many frames had a new pose; 0: no limit")
     args = parser.parse_args()
 
     try:
         feed = orvaccess.PoseFeed(args.ini)
+    except OSError as e:
+        print(f"render_loop: cannot read the configuration file {args.ini}: {e.strerror}", file=sys.stderr)
+        return 1
     except orvaccess.Error as e:
-        print(f"render_loop.py: {e}", file=sys.stderr)
+        print(f"render_loop: {e}", file=sys.stderr)
         return 1
     stats = Stats()
     stop = threading.Event()
@@ -66,12 +79,17 @@ def main() -> int:
         renderer.start()
         end = time.monotonic() + args.duration
         frames_before = 0
-        while time.monotonic() < end:
-            time.sleep(min(1.0, max(0.0, end - time.monotonic())))
+        while time.monotonic() < end and not 0 < args.poses <= stats.new:
+            # A line a second; a glance every 50 ms for the end.
+            line_start = time.monotonic()
+            next_line = min(end, line_start + 1.0)
+            while time.monotonic() < next_line and not 0 < args.poses <= stats.new:
+                time.sleep(min(0.05, max(0.0, next_line - time.monotonic())))
+            rate = (stats.frames - frames_before) / max(1e-3, time.monotonic() - line_start)
             last = stats.last
             if last is not None and last.pose is not None:
                 yaw = math.degrees(last.pose.euler[2])
-                print(f"{stats.frames - frames_before:3d} frames/s  tag {last.pose.packetTag:10d}  "
+                print(f"{rate:3.0f} frames/s  tag {last.pose.packetTag:10d}  "
                       f"yaw {yaw:7.2f} deg  predicted {last.prediction_s * 1000:5.1f} ms  "
                       f"stale frames {stats.stale}")
             frames_before = stats.frames

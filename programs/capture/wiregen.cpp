@@ -65,16 +65,45 @@ void family(std::ostream& o, const orvwire::Family& f) {
       << "},\n";
 }
 
-// A field list as the dissector walks it: {name, kind, description[, count]}.
+// What a reader sees a field called: its label with the record name beside
+// it, or the record name alone where that says what the field is.
+std::string displayName(const char* name, const char* label) {
+    if (label == nullptr || *label == '\0') return name;
+    return std::string(label) + " (" + name + ")";
+}
+
+// A field list as the dissector walks it: {name, kind, description[, count],
+// label = display name}.
 template <size_t N>
 void layout(std::ostream& o, const char* name, const orvwire::Field (&fields)[N]) {
     o << "    " << name << " = {\n";
     for (const orvwire::Field& f : fields) {
         o << "      {" << quoted(f.name) << ", " << quoted(orvwire::typeName(f.type)) << ", " << quoted(f.description);
         if (f.count != 1 || f.type == orvwire::Type::skip) o << ", " << f.count;
-        o << "},\n";
+        o << ", label = " << quoted(displayName(f.name, f.label)) << "},\n";
     }
     o << "    },\n";
+}
+
+// A decoded chip value's description with the blocks that bring it and the
+// scale of their words, from the chip's field table.
+std::string chipDescription(const orvwire::ChipValue& v) {
+    std::ostringstream d;
+    d << v.description;
+    const char* sep = " (block ";
+    for (const orvwire::ChipField& f : orvwire::kChipFields) {
+        const bool value = std::string(f.name) == v.name;
+        const bool raw = f.raw != nullptr && std::string(f.raw) == v.name;
+        if (!value && !raw) continue;
+        d << sep << "0x" << std::hex << f.bit << std::dec;
+        if (f.scale != 0) {
+            d << (raw ? "; " : ": ") << (f.isUnsigned ? "unsigned" : "signed") << " words x " << f.scale;
+            if (raw) d << " give " << f.name;
+        }
+        sep = ", block ";
+    }
+    if (std::string(sep) != " (block ") d << ")";
+    return d.str();
 }
 
 // The numbers of orvwire.h by their names, less the ORVWIRE_ prefix. A
@@ -131,6 +160,11 @@ void table(std::ostream& o) {
         o << ", " << (f.raw != nullptr ? quoted(f.raw) : "nil") << ", " << (f.isUnsigned ? "true" : "false")
           << "},\n";
     }
+    // Every value a chip packet decodes to: {name, kind, display name, description}.
+    o << "  },\n  chipValues = {\n";
+    for (const orvwire::ChipValue& v : orvwire::kChipValues)
+        o << "    {" << quoted(v.name) << ", " << quoted(orvwire::typeName(v.type)) << ", "
+          << quoted(displayName(v.name, v.label)) << ", " << quoted(chipDescription(v)) << "},\n";
     o << "  },\n  chipFieldsAt = " << orvwire::kChipFieldsAt << ",\n  chipValue8000a = {scale = "
       << orvwire::kChipValue8000aScale << ", factor = " << orvwire::kChipValue8000aFactor
       << "},\n  compact = {\n";

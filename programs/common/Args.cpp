@@ -93,6 +93,15 @@ void standard(CLI::App& app, const std::string& name, const std::string& version
 int parse(CLI::App& app, int argc, char** argv) {
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RequiredError& e) {
+        // A mistyped option also leaves the file or subcommand it stood for
+        // missing: name the mistyped option, the cause.
+        const std::vector<std::string> stray = app.remaining(true);
+        if (!stray.empty()) {
+            app.exit(CLI::ExtrasError(stray));
+            return kExitUsage;
+        }
+        return app.exit(e) == 0 ? 0 : kExitUsage;
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? 0 : kExitUsage;
     }

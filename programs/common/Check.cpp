@@ -141,7 +141,7 @@ private:
     void probeOrvRx() {
         OrvRxProbe& p = r_.orvRx;
         p.host = r_.ini.value(K::tcpOrvRxAddr).text;
-        p.port = static_cast<int>(r_.ini.value(K::tcpOrvRxPort).integer);
+        p.port = connectedTcpPort(r_.ini.value(K::tcpOrvRxPort).integer);
         p.enabled = r_.ini.value(K::tcpOrvRxEnabled).flag;
         if (!opt_.probe) return;
         in_addr a{};

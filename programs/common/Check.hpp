@@ -23,7 +23,7 @@ struct PortUse {
 
 struct OrvRxProbe {
     std::string host;  // tcpOrvRxAddr
-    int port = 0;      // tcpOrvRxPort as the library reads it
+    int port = 0;      // the port the library connects to for tcpOrvRxPort
     bool enabled = false;
     bool resolved = false;
     std::string address;  // dotted decimal, when resolved

@@ -526,9 +526,8 @@ private:
         v.integer = std::strtol(v.raw.c_str(), nullptr, 10);
         if (allDigits(v.raw) && v.integer >= 1 && v.integer <= 65535) return;
         const bool usable = v.integer >= 1 && v.integer <= 65535;
-        // The library narrows the number to an int and then to 16 bits, so
-        // that 92717 connects to 27181: say what it will really do.
-        const unsigned port = static_cast<uint16_t>(static_cast<int>(v.integer));
+        // Say what the library will really do with it.
+        const int port = connectedTcpPort(v.integer);
         const std::string does =
             usable      ? "the library reads it as port " + std::to_string(v.integer) + " and ignores the rest"
             : port == 0 ? "the library reads it as " + std::to_string(v.integer) +

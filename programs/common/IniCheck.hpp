@@ -5,6 +5,7 @@
 // as the library will use it.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,12 @@ struct IniReport {
     const KeyValue& value(const char* key) const;  // a key of kKeys
     const KeyValue& value(orvini::Key key) const { return values[static_cast<size_t>(key)]; }
 };
+
+// The TCP port the library connects to for a configured tcpOrvRxPort: it
+// narrows the number to an int and then to 16 bits, so 92717 reaches 27181.
+inline int connectedTcpPort(long long configured) {
+    return static_cast<uint16_t>(static_cast<int>(configured));
+}
 
 // Never fails: an unreadable file is reported in the result (every key then
 // takes its default, as in the library).

@@ -173,21 +173,27 @@ std::string openHint(const std::string& iniPath) {
     return "check the ports in '" + iniPath + "': each receive port must be free, and not all of them 0";
 }
 
+}  // namespace
+
+void requireReadable(const std::string& path) {
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) {
+        const int err = errno;
+        // OSError picks its subclass by the number: FileNotFoundError,
+        // PermissionError, ...
+        errno = err;
+        PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
+        throw py::error_already_set();
+    }
+    std::fclose(f);
+}
+
+namespace {
+
 void open(PyAccess& a) {
     // The library takes its defaults for a file it cannot open; a file the
     // user named is meant to be read.
-    if (a.iniNamed) {
-        std::FILE* f = std::fopen(a.iniPath.c_str(), "rb");
-        if (f == nullptr) {
-            const int err = errno;
-            // OSError picks its subclass by the number: FileNotFoundError,
-            // PermissionError, ...
-            errno = err;
-            PyErr_SetFromErrnoWithFilename(PyExc_OSError, a.iniPath.c_str());
-            throw py::error_already_set();
-        }
-        std::fclose(f);
-    }
+    if (a.iniNamed) requireReadable(a.iniPath);
     checked(
         a, "open",
         [&](OrvAccess& o) {

@@ -88,6 +88,7 @@ void bindFeed(py::module_& m) {
                  const std::string path =
                      iniPath.is_none() ? "orvaccess.ini"
                                        : py::str(py::module_::import("os").attr("fspath")(iniPath)).cast<std::string>();
+                 if (!iniPath.is_none()) requireReadable(path);
                  auto feed = std::make_shared<OrvPoseFeed>(path);
                  if (!feed->isRunning())
                      raiseError("PoseFeed", feed->getLastError(),
@@ -96,7 +97,8 @@ void bindFeed(py::module_& m) {
              }),
              py::arg("ini_path") = py::none(),
              "Opens an access object with ini_path (default orvaccess.ini) and starts the service thread; "
-             "raises orvaccess.Error with the library's reason when it cannot open.")
+             "raises FileNotFoundError (or another OSError) for a named file it cannot read, orvaccess.Error "
+             "with the library's reason when it cannot open.")
         .def("__enter__", [](py::object self) { return self; })
         .def("__exit__",
              [](OrvPoseFeed& f, py::args) {

@@ -114,6 +114,10 @@ struct PyAccess {
     std::atomic<double> lastDrainLibraryS{0.0};  // for the drain benchmark
 };
 
+// Raises OSError (FileNotFoundError, PermissionError, ...) for a file the
+// user named that cannot be read: the library would take its defaults.
+void requireReadable(const std::string& path);
+
 void bindAccess(py::module_& m);
 // orvaccess.PoseFeed and its reader (feed.cpp).
 void bindFeed(py::module_& m);

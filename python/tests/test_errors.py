@@ -89,6 +89,8 @@ def test_named_files_numbers_and_rows_are_checked_before_use(tmp_path):
     a.set_ini_path(tmp_path / "other.ini")
     with pytest.raises(FileNotFoundError):
         a.open()
+    with pytest.raises(FileNotFoundError):
+        orvaccess.PoseFeed(tmp_path / "none.ini")
 
     a = orvaccess.Access(tmp_path / "none.ini")
     with pytest.raises(ValueError, match="timeout must be a number of seconds"):

@@ -30,10 +30,11 @@ def test_examples_run_against_the_simulator(start_sim, tmp_path):
     tag, pose_time, *angles = poses[0]
     assert int(tag) > 0 and len(angles) == 6
 
-    lines = run("render_loop.py", "--ini", str(sim.ini), "--duration", "1.2").splitlines()
+    # Until 30 frames had a new pose: about a third of a second.
+    lines = run("render_loop.py", "--ini", str(sim.ini), "--duration", "50", "--poses", "30").splitlines()
     words = lines[-1].split()  # "N frames, M with a new pose, K stale"
     frames, new, stale = int(words[0]), int(words[2]), int(words[7])
-    assert "frames/s" in lines[0] and frames > 0 and 0 < new <= frames and stale <= frames
+    assert 30 <= new <= frames and stale <= frames
 
     out = run("record_imu.py", "--ini", str(sim.ini), "--duration", "0.5", "--out", str(tmp_path / "imu.npz"))
     imu = np.load(tmp_path / "imu.npz")["imu"]

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "wire/BrevantData.hpp"
+#include "wire/FieldCodec.hpp"
 
 namespace orvwire {
 
@@ -76,6 +77,44 @@ inline constexpr ChipField kChipFields[] = {
 // step in single precision.
 inline constexpr double kChipValue8000aScale = 2.4414e-5;
 inline constexpr double kChipValue8000aFactor = 1000.0;
+
+// What each value of a decoded chip packet is, for readers of the wire (the
+// dissector): its name in BrevantData, how it is shown, what a reader calls
+// it where the name says nothing (else empty), and what it means. The
+// scales are kChipFields', added where the values are listed.
+struct ChipValue {
+    const char* name;
+    Type type;
+    const char* label;
+    const char* description;
+};
+// clang-format off: the rows read as a table.
+inline constexpr ChipValue kChipValues[] = {
+    {"pid", Type::u8, "", "Packet id, 0..255: the sample's place in its 256-sample bit-stream row"},
+    {"status", Type::x8, "Chip status byte", "Status byte; bit 4 feeds the bit-stream row, the low two bits name the triad's axis"},
+    {"status2", Type::x8, "Second chip status byte", "Second status byte"},
+    {"word", Type::x16, "Chip word", "16-bit word, as sent"},
+    {"gyroRaw", Type::u16, "Raw gyro words", "Gyro words x, y, z as sent"},
+    {"accelRaw", Type::u16, "Raw accelerometer words", "Accelerometer words x, y, z as sent"},
+    {"gyro", Type::f32, "", "Gyro increment over the sample interval, rad, body axes"},
+    {"accel", Type::f32, "", "Accelerometer increment over the sample interval, m/s, body axes"},
+    {"triadAxis", Type::u8, "Triad axis", "Which axis of triad a one-axis block carries (1 to 3), the status byte's low two bits"},
+    {"triad", Type::f32, "Triad", "Triad x, y, z: one axis or all three"},
+    {"vec40", Type::f32, "Chip vector 0x40", "Three values, passed to the application as sent"},
+    {"vec80", Type::f32, "Chip vector 0x80", "Four values, passed to the application as sent"},
+    {"vec100", Type::f32, "Chip vector 0x100", "Three values, passed to the application as sent"},
+    {"vec200", Type::f32, "Chip vector 0x200", "Three values, passed to the application as sent"},
+    {"vec400", Type::f32, "Chip vector 0x400", "Three values, passed to the application as sent"},
+    {"scalar800", Type::f32, "Chip scalar 0x800", "One value, passed to the application as sent"},
+    {"scalar1000", Type::f32, "Chip scalar 0x1000", "One value, passed to the application as sent"},
+    {"hi2000", Type::u8, "Auxiliary flag", "Top 3 bits of block 0x2000's first byte; not 0: byte2000 is queued as auxiliary data"},
+    {"lo2000", Type::u8, "Auxiliary low bits", "Low 5 bits of block 0x2000's first byte"},
+    {"byte2000", Type::u8, "Auxiliary value", "Second byte of block 0x2000; what getAuxData returns when hi2000 is not 0"},
+    {"byte4000", Type::u8, "Chip byte 0x4000", "One byte, passed to the application as sent"},
+    {"value8000a", Type::f32, "Chip value 0x8000 a", "Block 0x8000's 24-bit unsigned value, scaled"},
+    {"value8000b", Type::f32, "Chip value 0x8000 b", "Block 0x8000's signed word after value a"},
+};
+// clang-format on
 
 constexpr const ChipField& chipField(uint32_t bit) {
     for (const ChipField& f : kChipFields)

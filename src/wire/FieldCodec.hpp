@@ -2,7 +2,7 @@
 // typed reads and writes that the lists' decoders and encoders expand to.
 // A field list is an X-macro whose rows are
 //
-//   X(name, offset, type, count, store, unit, description)
+//   X(name, offset, type, count, store, unit, label, description)
 //
 // `offset` is where the field starts (the lists are checked to run on
 // without gaps), `type` one of Type below, `count` how many of it follow,
@@ -11,6 +11,8 @@
 //   bits(m)  the field's bytes as little-endian words of m's own width;
 //   flag(m)  1 when the byte is non-zero, else 0;
 //   none()   not kept: skipped on reading, zeros on writing.
+// `label` is what a reader calls the field where its record name (vecA,
+// value3) says nothing; empty where the name says it all.
 #pragma once
 
 #include <cstddef>
@@ -62,7 +64,8 @@ struct Field {
     size_t offset;
     Type type;
     unsigned int count;
-    const char* unit;  // empty when the value has none
+    const char* unit;   // empty when the value has none
+    const char* label;  // empty when the name says what the field is
     const char* description;
     size_t size() const { return fieldSize(type, count); }
 };
@@ -195,11 +198,11 @@ inline void put(OrvosiWriter& w, Dropped) {
 #define ORVWIRE_STORE_flag(m) ::orvwire::asFlag(&rec.m)
 #define ORVWIRE_STORE_none() ::orvwire::Dropped{}
 
-#define ORVWIRE_FIELD_ROW(name, at, type, count, store, unit, desc) \
-    {#name, at, ::orvwire::Type::type, count, unit, desc},
-#define ORVWIRE_FIELD_GET(name, at, type, count, store, unit, desc) \
+#define ORVWIRE_FIELD_ROW(name, at, type, count, store, unit, label, desc) \
+    {#name, at, ::orvwire::Type::type, count, unit, label, desc},
+#define ORVWIRE_FIELD_GET(name, at, type, count, store, unit, label, desc) \
     ::orvwire::get<::orvwire::Type::type, count>(r, ORVWIRE_STORE_##store);
-#define ORVWIRE_FIELD_PUT(name, at, type, count, store, unit, desc) \
+#define ORVWIRE_FIELD_PUT(name, at, type, count, store, unit, label, desc) \
     ::orvwire::put<::orvwire::Type::type, count>(w, ORVWIRE_STORE_##store);
 
 // Makes, from the list LIST, the table kNameFields, the check that it runs

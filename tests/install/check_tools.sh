@@ -98,12 +98,14 @@ mkdir "$work/files"
 "$prefix/bin/orvsim" --ini "$work/t.ini" --duration 30 --files "$work/files" >"$work/sim.out" 2>"$work/sim.err" &
 sim=$!
 ctl() { env -u LD_LIBRARY_PATH "$prefix/bin/orvctl" --ini "$work/t.ini" "$@"; }
-for _ in $(seq 50); do
-  rc=0
-  out=$(ctl reg set 0x10 7 2>/dev/null) || rc=$?
-  [ $rc -eq 3 ] || break
-  sleep 0.1
+# orvsim says "serving" once its ports are open; the limit only ends a hung start.
+for _ in $(seq 600); do
+  grep -q serving "$work/sim.err" && break
+  kill -0 "$sim" 2>/dev/null || fail "orvsim ended at its start: $(cat "$work/sim.err")"
+  sleep 0.05
 done
+rc=0
+out=$(ctl reg set 0x10 7 2>/dev/null) || rc=$?
 [ "$out" = "0x000010 = 0x07 (7)" ] || fail "orvctl reg set: '$out' (exit $rc)"
 out=$(ctl reg get 0x10) || fail "orvctl reg get failed"
 [ "$out" = "0x000010 = 0x07 (7)" ] || fail "orvctl reg get: '$out'"

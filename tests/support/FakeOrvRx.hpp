@@ -6,8 +6,10 @@
 // that the tests of the command channel and of images share.
 #pragma once
 
+#include <linux/sockios.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <atomic>
@@ -21,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/Process.hpp"
 #include "support/TestSupport.hpp"
 
 namespace orvtest {
@@ -109,8 +112,19 @@ public:
     }
     // Sends unsolicited bytes to the client.
     void sendRaw(const Bytes& b) { lock(), send(client_, b.data(), b.size(), MSG_NOSIGNAL); }
+    // Waits until the client's side has acknowledged every byte sent, so
+    // that they lie in its socket, ready to be read.
+    bool waitDelivered() {
+        return orvtest::waitFor([this] {
+            int unacknowledged = 0;
+            const auto held = lock();
+            return client_ >= 0 && ioctl(client_, SIOCOUTQ, &unacknowledged) == 0 && unacknowledged == 0;
+        });
+    }
     // Closes the connection from the server's side.
     void dropClient() { lock(), shutdown(client_, SHUT_RDWR); }
+    // True once the server has closed its end (after dropClient or the client's leaving).
+    bool clientClosed() { return lock(), client_ < 0; }
 
 private:
     // Held until the end of the full expression that calls it.

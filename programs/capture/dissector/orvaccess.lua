@@ -10,9 +10,11 @@
 -- -o orv.meta_port:5001 ...) with the library's defaults; on other ports a
 -- datagram is taken when its start byte, length word and checksum agree.
 --
--- Field names are those of the library's public records; a bad checksum, a
--- wrong length or a count that runs past its packet is an error in the
--- expert info ("_ws.expert.severity == error" finds them all).
+-- Fields are filtered by the names of the library's public records; where
+-- such a name says little (vecA, value3) the field shows what it is beside
+-- it, from the same tables as the layouts. A bad checksum, a wrong length or
+-- a count that runs past its packet is an error in the expert info
+-- ("_ws.expert.severity == error" finds them all).
 --
 -- The numbers below come from the library's own headers and tables when the
 -- project is built; the layouts further down are checked against them when
@@ -76,7 +78,7 @@ local function newField(proto, key, kind, label, desc)
 end
 
 -- A layout: the fields of a packet in wire order. Each item is
--- {name, kind, description[, count]}; "skip" items are bytes the library
+-- {name, kind, description[, count], label = display name}; "skip" items are bytes the library
 -- does not read, "v3" three f32 (x, y, z), "m33" nine f32 row by row, and a
 -- count repeats the item. The description carries the unit.
 local function layoutSize(layout)
@@ -96,26 +98,9 @@ local function offsetOf(layout, name, from)
     error("orvaccess.lua: no field " .. name)
 end
 
--- Record names such as vecA, scalarB, value3 or byte4000 say nothing on
--- their own: such a field shows its description's first part, with the
--- record's name beside it ("Vector A (vecA)").
-local OPAQUE = {"^vec%u$", "^vec%d+$", "^scalar%u$", "^scalar%d+$", "^value%d+$", "^value%d+%a?$", "^hi%d+$",
-                "^lo%d+$", "^byte%d+$", "^stat%d$", "^flag%u$", "^count%u$"}
-
-local function displayName(name, desc)
-    for _, pattern in ipairs(OPAQUE) do
-        if name:match(pattern) and desc then
-            local what = desc:match("^([^;(]+)") or desc
-            what = what:gsub("%s+$", "")
-            if what:lower() ~= name:lower() then return what .. " (" .. name .. ")" end
-        end
-    end
-    return name
-end
-
 local function register(prefix, layout)
     for _, it in ipairs(layout) do
-        newField("orv", prefix .. "." .. it[1], it[2] == "skip" and "bytes" or it[2], displayName(it[1], it[3]), it[3])
+        newField("orv", prefix .. "." .. it[1], it[2] == "skip" and "bytes" or it[2], it.label or it[1], it[3])
     end
 end
 
@@ -135,34 +120,12 @@ for _, it in ipairs(LY.GPS_BODY) do table.insert(GPS, it); table.insert(UPLINK_G
 local CHIP_FIELDS = W.chipFields
 
 local function chipFields()
-    newField("orv", "imu.sync", "u8", "sync", "Sync byte of the chip packet, 5")
+    newField("orv", "imu.sync", "u8", "sync", "Sync byte of the chip packet, " .. S.CHIP_SYNC)
     newField("orv", "imu.type", "u8", "type", "Chip packet type")
-    newField("orv", "imu.pid", "u8", "pid", "Packet id, 0..255")
     newField("orv", "imu.checksum", "x8", "checksum", "Chip packet checksum")
     newField("orv", "imu.notDecoded", "bytes", "notDecoded", "Bytes of this chip type that the library does not decode")
-    -- What each small field is, by the content bit of the chip type that
-    -- brings it and where it sits in that block.
-    local SMALL = {
-        status = "Status byte (content bit 0x1); its low two bits name the triad's axis",
-        status2 = "Second status byte (content bit 0x2)",
-        hi2000 = "Auxiliary block, top 3 bits of its first byte (content bit 0x2000)",
-        lo2000 = "Auxiliary block, low 5 bits of its first byte (content bit 0x2000)",
-        byte2000 = "Auxiliary block, second byte (content bit 0x2000)",
-        byte4000 = "Single byte of content bit 0x4000",
-        triadAxis = "Axis of the triad value, from the status byte's low two bits",
-    }
-    for _, k in ipairs({"status", "status2", "hi2000", "lo2000", "byte2000", "byte4000", "triadAxis"}) do
-        newField("orv", "imu." .. k, k:sub(1, 6) == "status" and "x8" or "u8", displayName(k, SMALL[k]), SMALL[k])
-    end
-    newField("orv", "imu.word", "x16", "word", "Chip word")
-    newField("orv", "imu.gyroRaw", "u16", "gyroRaw", "Raw gyro word (signed, 3.90625e-5 rad per count)")
-    newField("orv", "imu.accelRaw", "u16", "accelRaw", "Raw accelerometer word (signed, 6.25e-6 m/s per count)")
-    newField("orv", "imu.gyro", "f32", "gyro", "Gyro increment over the interval, rad")
-    newField("orv", "imu.accel", "f32", "accel", "Accelerometer increment over the interval, m/s")
-    for _, k in ipairs({"triad", "vec40", "vec80", "vec100", "vec200", "vec400", "scalar800", "scalar1000",
-                        "value8000a", "value8000b"}) do
-        newField("orv", "imu." .. k, "f32", k, "Chip field " .. k .. ", scaled")
-    end
+    -- The decoded values with their names and meanings from the chip's tables.
+    for _, v in ipairs(W.chipValues) do newField("orv", "imu." .. v[1], v[2], v[3], v[4]) end
 end
 
 -- ---- expert info ----
@@ -336,8 +299,10 @@ local function walk(tree, tvb, at, limit, prefix, layout)
                 local x = value(tvb, at, itemKind)
                 local item = tree:add_le(f, tvb(at, width))
                 if each > 1 then
+                    -- Each element under the field's display name, its index after it.
                     item:set_text(string.format(type(x) == "number" and x % 1 ~= 0 and "%s[%d]: %.7g" or "%s[%d]: %s",
-                                                name, i, type(x) == "number" and x % 1 ~= 0 and x or tostring(x)))
+                                                it.label or name, i,
+                                                type(x) == "number" and x % 1 ~= 0 and x or tostring(x)))
                     v[name] = v[name] or {}
                     v[name][i + 1] = x
                 else

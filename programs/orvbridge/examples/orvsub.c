@@ -34,6 +34,13 @@ static int usage(const char* why) {
     return 2;
 }
 
+/* An argument no option knows, named. */
+static int unknown(const char* arg) {
+    const char* what = strncmp(arg, "--", 2) == 0 ? "unknown option" : "unknown argument";
+    fprintf(stderr, "orvsub: %s %s\n%s", what, arg, kUsage);
+    return 2;
+}
+
 static int help(void) {
     printf("orvsub: prints the poses orvbridge publishes on a DDS domain, one line each\n\n%s\n"
            "Options:\n"
@@ -78,8 +85,12 @@ int main(int argc, char** argv) {
             reliable = 1;
         } else if (strcmp(a, "--until-publisher-leaves") == 0) {
             untilLeft = 1;
+        } else if (strcmp(a, "--domain") != 0 && strcmp(a, "--namespace") != 0 && strcmp(a, "--topic") != 0 &&
+                   strcmp(a, "--count") != 0) {
+            return unknown(a);
         } else if (v == NULL) {
-            return usage(strncmp(a, "--", 2) == 0 ? "an option lacks its value" : "unknown argument");
+            fprintf(stderr, "orvsub: %s lacks its value\n%s", a, kUsage);
+            return 2;
         } else if (strcmp(a, "--domain") == 0) {
             const long d = number(v, 0, 232);
             if (d < 0) return usage("--domain takes a domain id from 0 to 232");
@@ -97,8 +108,6 @@ int main(int argc, char** argv) {
             limit = number(v, 1, 2000000000L);
             if (limit < 0) return usage("--count takes a number of poses, 1 or more");
             ++i;
-        } else {
-            return usage(strncmp(a, "--", 2) == 0 ? "unknown option" : "unknown argument");
         }
     }
     char topicName[256];

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <regex>
 
 #include "IniKeys.hpp"
 #include "orvsim/Wire.hpp"
@@ -436,11 +437,55 @@ TEST_F(Dissector, FieldsCarryTheirDescriptionsAndSayWhatTheyAre) {
         }
     }
     EXPECT_GT(floats, 80);
-    EXPECT_EQ(orv["orv.tracking.vecA"].first, "Vector A (vecA)");
-    EXPECT_EQ(orv["orv.tracking.scalarA"].first, "Scalar A (scalarA)");
-    EXPECT_NE(orv["orv.imu.hi2000"].first.find("(hi2000)"), std::string::npos);
-    EXPECT_NE(orv["orv.imu.hi2000"].first, "hi2000");
+    // The names and meanings are the wire tables' own.
+    const auto shown = [](const char* name, const char* label) {
+        return *label == '\0' ? std::string(name) : std::string(label) + " (" + name + ")";
+    };
+    for (const orvwire::Field& f : orvwire::kTrackingFields)
+        if (f.type != orvwire::Type::skip) {
+            EXPECT_EQ(orv["orv.tracking." + std::string(f.name)].first, shown(f.name, f.label));
+            EXPECT_EQ(orv["orv.tracking." + std::string(f.name)].second, f.description);
+        }
+    for (const orvwire::ChipValue& v : orvwire::kChipValues) {
+        EXPECT_EQ(orv["orv.imu." + std::string(v.name)].first, shown(v.name, v.label));
+        EXPECT_EQ(orv["orv.imu." + std::string(v.name)].second.rfind(v.description, 0), 0u) << v.name;
+    }
+    EXPECT_EQ(orv["orv.tracking.vecA"].first, "Boresighted vector A (vecA)");
+    EXPECT_EQ(orv["orv.imu.vec40"].second,
+              "Three values, passed to the application as sent (block 0x40: signed words x 0.0001)");
     EXPECT_EQ(orv["orv.tracking.position"].first, "position") << "a name that says it all stays";
+    // A record name that ends in a letter or number of its own (vecA,
+    // value3, hi2000, gpsValue1) says nothing without the label beside it.
+    const std::regex generic("([A-Z]|[0-9]+[a-z]?)$");
+    int named = 0;
+    for (const auto& [abbreviation, f] : orv) {
+        const std::string record = abbreviation.substr(abbreviation.rfind('.') + 1);
+        if (!std::regex_search(record, generic)) continue;
+        ++named;
+        EXPECT_NE(f.first, record) << abbreviation;
+        EXPECT_NE(f.first.find(" (" + record + ")"), std::string::npos) << abbreviation << ": " << f.first;
+    }
+    EXPECT_GT(named, 100);
+}
+
+// In the packet tree too, every element of a vector or matrix stands under
+// its field's display name.
+TEST_F(Dissector, TheTreeShowsElementsUnderTheirDisplayNames) {
+    s_OrvAccessTrkDataExt t{};
+    t.vecA[1] = -2.25f;
+    t.scalarA = 0.5f;
+    udp(kCore, orvsim::buildTracking(t));
+    std::string error;
+    ASSERT_TRUE(writer_.close(error)) << error;
+    const std::string out = (dir_.path() / "tree.out").string(), err = (dir_.path() / "tree.err").string();
+    orvtest::Program p({tshark_, "-X", "lua_script:" + std::string(ORV_DISSECTOR), "-r",
+                        (dir_.path() / "built.pcap").string(), "-O", "orv"},
+                       out, err);
+    ASSERT_EQ(p.wait(60), 0) << orvtest::readFile(err);
+    const std::string tree = orvtest::readFile(out);
+    EXPECT_NE(tree.find("Boresighted vector A (vecA)[1]: -2.25\n"), std::string::npos) << tree;
+    EXPECT_NE(tree.find("Pass-through scalar A (scalarA): 0.5\n"), std::string::npos) << tree;
+    EXPECT_NE(tree.find("Head attitude matrix (cbn)[8]: 0\n"), std::string::npos) << tree;
 }
 
 // The command channel as the library speaks it: frames split over segments

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "orvsim/Wire.hpp"
+#include "support/Process.hpp"
 #include "support/TestSupport.hpp"
 #include "capture/Packets.hpp"
 #include "capture/Pcap.hpp"
@@ -182,16 +183,19 @@ TEST(ToolsFiles, CaptureRecordsBesideTheApplication) {
     opt.ini = ini;
     opt.output = (dir.path() / "cap.pcap").string();
     opt.mode = orvtools::RecordMode::Capture;
-    opt.durationS = 1.0;
     orvtools::Recorder rec(opt);
     std::string error, notice;
+    // The capture holds what arrives from here on, before run() reads it.
     if (!rec.open(error, notice)) GTEST_SKIP() << "no capture here: " << error;
     OrvAccess app;
     app.setIniPath(ini);
     ASSERT_TRUE(app.open()) << app.getLastError();
     std::atomic<bool> stop{false};
-    std::thread recording([&] { EXPECT_TRUE(rec.run(stop, nullptr, error)) << error; });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::atomic<uint64_t> recorded{0};
+    const auto progress = [&](const orvtools::RecordReport& r) {
+        recorded = r.counts.channel[static_cast<int>(orvtools::ChannelId::Hub)].packets;
+    };
+    std::thread recording([&] { EXPECT_TRUE(rec.run(stop, progress, error)) << error; });
     orvtest::UdpSender sender;
     s_OrvAccessHubData h{};
     for (int i = 0; i < 50; ++i) {
@@ -199,6 +203,8 @@ TEST(ToolsFiles, CaptureRecordsBesideTheApplication) {
         sender.send(port[orvtest::kHub], orvsim::buildHubData(h));
     }
     sender.send(port[orvtest::kHub], orvsim::buildHubError(1, 2));
+    EXPECT_TRUE(orvtest::waitFor([&] { return recorded >= 51; })) << recorded << " of 51 recorded";
+    stop = true;
     recording.join();
     int received = 0;
     bool valid = false;

@@ -50,8 +50,10 @@ TEST_F(CommandLines, EveryProgramAnswersHelpAndVersion) {
         const orvtest::Ran version = run(p.name, {"--version"});
         EXPECT_EQ(version.code, 0) << version.err;
         EXPECT_EQ(version.out, std::string(p.name) + " " + ORVA_VERSION + "\n");
+        // Named as the mistake, also where a file or subcommand is missing too.
         const orvtest::Ran unknown = run(p.name, {"--no-such-option"});
         EXPECT_EQ(unknown.code, 2) << unknown.out << unknown.err;
+        EXPECT_NE(unknown.err.find("--no-such-option"), std::string::npos) << unknown.err;
     }
 }
 
@@ -78,7 +80,8 @@ TEST_F(CommandLines, NumbersOutOfRangeOrNotFiniteAreRefusedWithTheRangeInWords) 
         {"orvbridge", {"--duration", "nan"}, "\"nan\" is not a number of seconds"},
         {"orvbridge", {"--wait-timeout", "nan"}, "\"nan\" is not a number of seconds"},
         {"orvsub", {"--topic", "imu"}, "--topic takes pose or pose_predicted"},
-        {"orvsub", {"stray"}, "unknown argument"},
+        {"orvsub", {"stray"}, "unknown argument stray"},
+        {"orvsub", {"--count"}, "--count lacks its value"},
     };
     for (const Case& c : cases) {
         if (pathOf(c.program).empty()) continue;

@@ -416,6 +416,13 @@ TEST(Check, HeldPortsAndWhetherOrvRxAnswers) {
     EXPECT_FALSE(r.orvRx.resolved);
     EXPECT_NE(findingAt(r.findings, "unresolved", 0), nullptr);
     EXPECT_NE(findingAt(r.findings, "uplink-host", 0), nullptr);
+
+    // A command port past 65535 is probed where the library will connect.
+    opt.iniPath = dir.write("c.ini", "[Communication]\ntcpOrvRxAddr = 127.0.0.1\ntcpOrvRxPort = " +
+                                         std::to_string(command + 65536) + "\n");
+    r = runCheck(opt);
+    EXPECT_EQ(r.orvRx.port, command);
+    EXPECT_TRUE(r.orvRx.answers) << "the listener on " << command << " is what the library reaches";
 }
 
 namespace {

@@ -235,6 +235,8 @@ public:
     void mute(bool m) { muted_ = m; }
     int port() const { return port_; }
     uint64_t relayed() const { return relayed_; }
+    // Datagrams taken in, muted or not.
+    uint64_t received() const { return received_; }
     // Sends the last tracking datagram relayed to both again: the reference
     // needs a record queued for each prediction, and a layer whose socket
     // overflowed on a slow machine gets the last record all the same.
@@ -254,7 +256,9 @@ private:
         unsigned char buf[65536];
         while (!stop_) {
             const ssize_t n = recv(fd_, buf, sizeof buf, 0);
-            if (n <= 0 || muted_) continue;
+            if (n <= 0) continue;
+            ++received_;
+            if (muted_) continue;
             for (const sockaddr_in* to : {&layer_, &reference_})
                 sendto(fd_, buf, static_cast<size_t>(n), 0, reinterpret_cast<const sockaddr*>(to),
                        sizeof *to);
@@ -271,7 +275,7 @@ private:
     sockaddr_in layer_{}, reference_{};
     std::thread thread_;
     std::atomic<bool> stop_{false}, muted_{false};
-    std::atomic<uint64_t> relayed_{0};
+    std::atomic<uint64_t> relayed_{0}, received_{0};
     std::mutex mutex_;
     std::vector<unsigned char> last_;
 };
@@ -334,15 +338,15 @@ struct Tracker {
     // Stops the simulator and the relays once they have passed on all it
     // sent: the layer and the reference then hold the same datagrams.
     void stop() {
-        sim.stop();
-        for (Relay* r : {&relay, &metaRelay}) {
-            uint64_t seen = r->relayed();
-            do {
-                seen = r->relayed();
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            } while (r->relayed() != seen);
-            r->stop();
-        }
+        const orvsim::SimReport sent = sim.stop();
+        const auto out = [&](orvsim::Stream s) { return sent.streams[static_cast<int>(s)].faults.out; };
+        // Tracking and PRA datagrams share the orvCore port. A datagram a
+        // full socket dropped reaches neither side, so the wait may end unmet.
+        const uint64_t core = out(orvsim::Stream::Tracking) + out(orvsim::Stream::Pra);
+        orvtest::waitFor([&] { return relay.received() >= core; });
+        orvtest::waitFor([&] { return metaRelay.received() >= out(orvsim::Stream::Meta); });
+        relay.stop();
+        metaRelay.stop();
     }
     // The layer's settings file.
     std::string layerConfig(const std::string& name, const std::string& layerKeys) {

@@ -10,6 +10,7 @@
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +27,7 @@
 #include <thread>
 
 #include "os/OrvosiSharedMem.hpp"
+#include "support/Process.hpp"
 #include "orvsim/Simulator.hpp"
 #include "support/SimRunner.hpp"
 
@@ -262,7 +264,16 @@ protected:
         while (access_.getErrorCode(&e) != 0) ++d.errors[e.code];
     }
 
-    // Drains about every millisecond for the given time.
+    // Drains until `done` holds; false if it never did (the limit only ends
+    // a run that would hang).
+    bool drainUntil(Delivered& d, const std::function<bool()>& done) {
+        return orvtest::waitFor([&] {
+            drain(d);
+            return done();
+        });
+    }
+
+    // Drains about every millisecond for the given time: the length of a run.
     void drainFor(double seconds, Delivered& d) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
         while (std::chrono::steady_clock::now() < end) {
@@ -317,9 +328,21 @@ TEST_P(ChannelFaults, OnlyTheDamagedDatagramsAreLostAndTheOtherChannelsStayWhole
     bool valid = false;
     s_OrvAccessImuData first{};
     ASSERT_TRUE(access_.getImuData(ORVACCESS_IMU_CAMERA, &valid, &first));  // switches streaming on
-    drainFor(faulty == Stream::Image ? 1.2 : 0.7, d);
+    drainFor(faulty == Stream::Image ? 1.2 : 0.7, d);  // long enough for every kind of fault to strike
     const SimReport r = stopSim();
-    drainFor(0.3, d);
+    // Then until every intact datagram and every damaged one's code has arrived.
+    std::map<Stream, std::vector<uint64_t>> intactOf;
+    for (Stream s : {Stream::Tracking, Stream::Pra, Stream::Meta, Stream::Image, Stream::Hub, Stream::Nft}) {
+        FaultCounts ignored;
+        intactOf[s] = intactOnWire(cfg_, s, r.streams[index(s)].built, ignored);
+    }
+    EXPECT_TRUE(drainUntil(d, [&] {
+        for (const auto& [s, intact] : intactOf)
+            if ((s != Stream::Image && d.seen[index(s)].size() < intact.size()) ||
+                d.errors[streamErrorCode(s)] < static_cast<int>(r.streams[index(s)].faults.corrupted()))
+                return false;
+        return true;
+    }));
 
     const FaultCounts& hit = r.streams[index(faulty)].faults;
     EXPECT_GT(hit.dropped, 0u);
@@ -335,6 +358,7 @@ TEST_P(ChannelFaults, OnlyTheDamagedDatagramsAreLostAndTheOtherChannelsStayWhole
         EXPECT_EQ(d.errors[streamErrorCode(s)], static_cast<int>(sent.faults.corrupted()));
         FaultCounts replayed;
         const std::vector<uint64_t> intact = intactOnWire(cfg_, s, sent.built, replayed);
+        EXPECT_EQ(intact, intactOf[s]);
         EXPECT_EQ(replayed.out, sent.faults.out) << "the replay differs from the run";
         EXPECT_EQ(replayed.corrupted(), sent.faults.corrupted());
         if (s == Stream::Image) continue;
@@ -380,8 +404,8 @@ TEST_F(FaultMatrix, CorruptRepliesFailEachCommandWhileTheStreamsGoOn) {
     s_OrvAccessImuData imu{};
     ASSERT_TRUE(access_.getImuData(ORVACCESS_IMU_CAMERA, &valid, &imu));
     EXPECT_EQ(access_.getLastError(), "Failed to set streaming state");
-    drainFor(0.4, d);
-    EXPECT_FALSE(d.seen[index(Stream::Tracking)].empty()) << "the switch took effect";
+    EXPECT_TRUE(drainUntil(d, [&] { return !d.seen[index(Stream::Tracking)].empty(); }))
+        << "the switch took effect";
 
     EXPECT_FALSE(access_.setRegister(100, 0x10, 7));
     EXPECT_EQ(access_.getLastError(), "Invalid ack to set register command");
@@ -402,12 +426,13 @@ TEST_F(FaultMatrix, CorruptRepliesFailEachCommandWhileTheStreamsGoOn) {
     EXPECT_FALSE(std::filesystem::exists(dir_.prefix() + "back.txt"));
 
     d.seen[index(Stream::Hub)].clear();
-    drainFor(0.3, d);
+    const std::vector<uint32_t>& hub = d.seen[index(Stream::Hub)];
+    EXPECT_TRUE(drainUntil(d, [&] { return hub.size() >= 30; }));
     const SimReport r = stopSim();
-    drainFor(0.2, d);
+    const uint64_t built = r.streams[index(Stream::Hub)].built;
+    EXPECT_TRUE(drainUntil(d, [&] { return !hub.empty() && hub.back() + 1 >= built; }));
     EXPECT_EQ(sim_.sim().rx().reg(0x10), 7) << "the command was carried out";
     // Hub data went on through all of it, every datagram of it.
-    const std::vector<uint32_t>& hub = d.seen[index(Stream::Hub)];
     EXPECT_TRUE(consecutive(hub));
     EXPECT_EQ(hub.empty() ? 0 : hub.back() + 1, r.streams[index(Stream::Hub)].built);
     EXPECT_EQ(damaged(d), 0) << "a bad reply is no error code";
@@ -423,7 +448,8 @@ TEST_F(FaultMatrix, SilentRepliesTimeOutAndStreamingIsNeverAcknowledged) {
     s_OrvAccessImuData imu{};
     ASSERT_TRUE(access_.getImuData(ORVACCESS_IMU_CAMERA, &valid, &imu));
     EXPECT_EQ(access_.getLastError(), "Failed to set streaming state");
-    drainFor(0.5, d);
+    // Half a second's worth of NFT data, which needs no streaming, and no other.
+    EXPECT_TRUE(drainUntil(d, [&] { return d.seen[index(Stream::Nft)].size() >= 25; }));
     EXPECT_TRUE(d.seen[index(Stream::Meta)].empty());
     EXPECT_TRUE(d.seen[index(Stream::Tracking)].empty());
     EXPECT_FALSE(d.seen[index(Stream::Nft)].empty());
@@ -437,11 +463,12 @@ TEST_F(FaultMatrix, SilentRepliesTimeOutAndStreamingIsNeverAcknowledged) {
     EXPECT_EQ(access_.getLastError(), "No response to get register command");
 
     d.seen[index(Stream::Hub)].clear();
-    drainFor(0.3, d);
-    const SimReport r = stopSim();
-    drainFor(0.2, d);
-    EXPECT_EQ(sim_.sim().rx().reg(0x10), 0) << "silent means ignored";
     const std::vector<uint32_t>& hub = d.seen[index(Stream::Hub)];
+    EXPECT_TRUE(drainUntil(d, [&] { return hub.size() >= 30; }));
+    const SimReport r = stopSim();
+    const uint64_t built = r.streams[index(Stream::Hub)].built;
+    EXPECT_TRUE(drainUntil(d, [&] { return !hub.empty() && hub.back() + 1 >= built; }));
+    EXPECT_EQ(sim_.sim().rx().reg(0x10), 0) << "silent means ignored";
     EXPECT_TRUE(consecutive(hub));
     EXPECT_EQ(hub.empty() ? 0 : hub.back() + 1, r.streams[index(Stream::Hub)].built);
 }
@@ -464,7 +491,7 @@ TEST_F(FaultMatrix, APeerResetInTheMiddleOfAFileKeepsItsChunksAndTheOtherChannel
     };
 
     Delivered d;
-    drainFor(0.2, d);
+    EXPECT_TRUE(drainUntil(d, [&] { return !d.seen[index(Stream::Hub)].empty(); }));
     EXPECT_FALSE(access_.getFile("calib.txt", ORVACCESS_FILE_LOC_1, local));
     EXPECT_TRUE(relay.didReset());
     EXPECT_EQ(access_.getLastError(),
@@ -474,7 +501,8 @@ TEST_F(FaultMatrix, APeerResetInTheMiddleOfAFileKeepsItsChunksAndTheOtherChannel
     // Streaming cannot be switched back on, and the next command says why.
     d.seen[index(Stream::Hub)].clear();
     d.seen[index(Stream::Nft)].clear();
-    drainFor(0.4, d);
+    EXPECT_TRUE(drainUntil(
+        d, [&] { return d.seen[index(Stream::Hub)].size() > 5 && !d.seen[index(Stream::Nft)].empty(); }));
     EXPECT_EQ(access_.getLastError(), "Failed to set streaming state");
     EXPECT_FALSE(access_.setRegister(100, 0x10, 7));
     EXPECT_EQ(access_.getLastError().rfind("Error writing command to orvRx: Error writing to socket...", 0),
@@ -516,11 +544,13 @@ TEST_F(FaultMatrix, AnImageProducerThatStallsHoldsItsProgressAndStopsNothingElse
 
     Delivered d;
     drain(d);  // switches streaming on, which restarts the image under way
+    const int threePieces = static_cast<int>(3 * kPieceBytes * 100 / kImageBytes);
     for (size_t i = 0; i < 3; ++i) ASSERT_TRUE(sender.send(port, firstPieces[i]));
-    drainFor(0.1, d);
+    EXPECT_TRUE(drainUntil(d, [&] { return d.lastPercent == threePieces; }));
+    // Half a second's worth of hub data while the producer stalls.
     d.seen[index(Stream::Hub)].clear();
-    drainFor(0.5, d);
-    EXPECT_EQ(d.lastPercent, static_cast<int>(3 * kPieceBytes * 100 / kImageBytes));
+    EXPECT_TRUE(drainUntil(d, [&] { return d.seen[index(Stream::Hub)].size() >= 50; }));
+    EXPECT_EQ(d.lastPercent, threePieces);
     EXPECT_TRUE(d.images.empty());
     EXPECT_GT(d.seen[index(Stream::Hub)].size(), 5u);
     EXPECT_TRUE(consecutive(d.seen[index(Stream::Hub)]));
@@ -537,7 +567,8 @@ TEST_F(FaultMatrix, AnImageProducerThatStallsHoldsItsProgressAndStopsNothingElse
 
     // Half of 42, then 43 from its start: 43 arrives, 42 is dropped unreported.
     for (size_t i = 0; i < 3; ++i) ASSERT_TRUE(sender.send(port, secondPieces[i]));
-    drainFor(0.2, d);
+    d.lastPercent = -1;
+    EXPECT_TRUE(drainUntil(d, [&] { return d.lastPercent == threePieces; }));
     // Half at a time, so that no socket buffer overflows.
     for (size_t i = 0; i < 3; ++i) ASSERT_TRUE(sender.send(port, thirdPieces[i]));
     drain(d);
@@ -598,9 +629,13 @@ TEST(SharedImageStall, TheReaderWaitsForTheProducerAndThenGetsItsImage) {
         const bool ok = access.getImage(&percent, &format, &seq, image.data(), image.size());
         _exit(ok && percent == 100 && seq == 7 && image[kImageBytes - 1] == 0x5A ? 0 : 3);
     }
-    // Still waiting after half a second of stall.
+    // The reader blocks on the semaphore the producer holds: it sleeps in
+    // the futex call, not ending, not spinning.
     ASSERT_EQ(read(asking[0], &c, 1), 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const std::string syscallFile = "/proc/" + std::to_string(reader) + "/syscall";
+    const std::string futex = std::to_string(SYS_futex) + " ";
+    EXPECT_TRUE(orvtest::waitFor([&] { return orvtest::readText(syscallFile).rfind(futex, 0) == 0; }))
+        << "the reader is in " << orvtest::readText(syscallFile);
     int status = 0;
     EXPECT_EQ(waitpid(reader, &status, WNOHANG), 0) << "the reader did not wait";
     ASSERT_EQ(write(goOn[1], &c, 1), 1);

@@ -168,7 +168,7 @@ TEST_F(Command, ImuSizesAreBoundedByWhatTheFrameCarries) {
 TEST_F(Command, StaleInputIsFlushedTrafficIsDumpedAndLostConnectionsReported) {
     // Leftovers of an earlier exchange must not pass for the next reply.
     fake.sendRaw({0xC4, 0xC4, 0x99});
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(fake.waitDelivered());
     access.setVerbosity(0x30);
     orvtest::CapturedStdout out;
     EXPECT_TRUE(access.setRegister(100, 0x102, 1)) << access.getLastError();
@@ -178,11 +178,14 @@ TEST_F(Command, StaleInputIsFlushedTrafficIsDumpedAndLostConnectionsReported) {
     // one fails with the socket's own text.
     access.setVerbosity(0);
     fake.dropClient();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(orvtest::waitFor([&] { return fake.clientClosed(); }));
     std::string error;
-    for (int i = 0; i < 20 && error.rfind("Error writing", 0) != 0; ++i) {
-        EXPECT_FALSE(access.setRegister(10, 1, 1));
+    bool wrote = false;
+    orvtest::waitFor([&] {
+        wrote = wrote || access.setRegister(10, 1, 1);
         error = access.getLastError();
-    }
+        return error.rfind("Error writing", 0) == 0;
+    });
+    EXPECT_FALSE(wrote) << "no command succeeds once orvRx has gone";
     EXPECT_EQ(error.rfind("Error writing command to orvRx: Error writing to socket...", 0), 0u) << error;
 }

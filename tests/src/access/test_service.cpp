@@ -187,6 +187,7 @@ TEST_F(Service, WaitUdpWakesForADatagramAndLeavesItToTheGetters) {
     EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(25));
 
     std::thread later([this] {
+        // Sent while waitUdp blocks, which is what is tested; late is fine.
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         send(kHub, frame(ORVWIRE_START_HUB_DATA, ORVWIRE_HUB_DATA_SIZE));
     });
