@@ -24,6 +24,7 @@ NAMES = {
     "e_OrvAccessConnection": ("Connection", "IntFlag"),
     "e_OrvAccessReceived": ("Received", "IntFlag"),
     "e_OrvAccessRxState": ("RxState", "IntEnum"),
+    "e_OrvAccessRegister": ("Register", "IntEnum"),
     "e_OrvAccessVerbosity": ("Verbosity", "IntFlag"),
     "e_OrvAccessLogChannel": ("LogChannel", "IntFlag"),
     "e_OrvAccessImuSelect": ("ImuSelect", "IntEnum"),
@@ -39,7 +40,7 @@ EXTRA = {
     @property
     def message(self) -> str:
         """The library's message of this code; for the codes it gives no
-        text of its own, "Unknown error" with the code's name and meaning."""
+        text of its own, the code's meaning and name instead of "Unknown error"."""
         return _orvaccess.error_text(self)
 ''',
 }

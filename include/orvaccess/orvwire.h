@@ -83,6 +83,12 @@ typedef enum e_OrvAccessRxState {
     ORVACCESS_RX_STATE_STOPPED = 3 /* orvRx stopped streaming; the next getter restarts it */
 } e_OrvAccessRxState;
 
+/* orvRx's registers that the library itself reads and writes (getRegister,
+ * setRegister). */
+typedef enum e_OrvAccessRegister {
+    ORVACCESS_REG_STREAMING = 0 /* streaming switch: 1 on, 0 off */
+} e_OrvAccessRegister;
+
 /* ---- verbosity and logging masks ----------------------------------------- */
 
 /* Bits of the verbosity mask (setVerbosity, key "verbosity"). Text lines go

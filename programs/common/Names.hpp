@@ -14,8 +14,8 @@ namespace orvnames {
 // log stream.
 constexpr uint32_t kVerbLog = ORVACCESS_VERB_LOG;
 
-// Register 0 of orvRx switches streaming: 1 on, 0 off.
-constexpr unsigned int kStreamingRegister = 0;
+// orvRx's streaming switch: 1 on, 0 off.
+constexpr unsigned int kStreamingRegister = ORVACCESS_REG_STREAMING;
 
 // orvRx's state word in a diagnostic record when it has stopped streaming.
 constexpr uint32_t kRxStateStopped = ORVACCESS_RX_STATE_STOPPED;
@@ -96,11 +96,18 @@ inline constexpr ErrorName kUnnamedErrors[] = {
      "a pose-recovery (PRA) packet on the orvCore port failed its framing check (length or checksum)"},
 };
 
-// The library's message of `code`, with the code's name and meaning added
-// where the message alone would say only "Unknown error".
+// The library's message of `code`; where it would say only "Unknown error"
+// for a code of the library's own, the code's meaning and name take the
+// place of those words ("[ORVACCESS]: a datagram on ... (ORVACCESS_ERR_...)").
 inline std::string errorText(unsigned code, const std::string& message) {
-    for (const ErrorName& e : kUnnamedErrors)
-        if (e.code == code) return message + " (" + e.name + ": " + e.meaning + ")";
+    static const std::string unknown = "Unknown error";
+    for (const ErrorName& e : kUnnamedErrors) {
+        if (e.code != code) continue;
+        const std::string named = std::string(e.meaning) + " (" + e.name + ")";
+        if (message.size() >= unknown.size() && message.compare(message.size() - unknown.size(), unknown.size(), unknown) == 0)
+            return message.substr(0, message.size() - unknown.size()) + named;
+        return message + " (" + named + ")";
+    }
     return message;
 }
 

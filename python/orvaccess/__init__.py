@@ -29,6 +29,7 @@ from ._enums import (
     ImuSelect,
     LogChannel,
     Received,
+    Register,
     RxState,
     Verbosity,
 )
@@ -71,5 +72,5 @@ __all__ = [
     "TargetCount", "TgtData", "TgtResData", "TrkDataExt", "error_message", "error_text", "get_time_ms", "snooze_ms",
     # The enumerations of the C headers (_enums.py, made by the build).
     "Connection", "ErrorCode", "ErrorOrigin", "FeedStream", "FileLoc", "ImageFormat", "ImuSelect", "LogChannel",
-    "Received", "RxState", "Verbosity",
+    "Received", "Register", "RxState", "Verbosity",
 ]

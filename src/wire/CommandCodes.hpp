@@ -5,6 +5,8 @@
 
 #include <cstddef>
 
+#include "orvaccess/orvwire.h"
+
 namespace orvcmd {
 
 constexpr unsigned char kFrameStart = 0xAB;
@@ -16,6 +18,6 @@ constexpr unsigned char kPutFile = 0xC6;
 constexpr unsigned char kChunk = 0xC7;  // a file chunk, and its one-byte acknowledgement
 constexpr unsigned char kAbort = 0xC8;  // ends a file transfer
 constexpr size_t kChunkData = 512;      // data bytes in every chunk, filler included
-constexpr unsigned int kStreamingRegister = 0;
+constexpr unsigned int kStreamingRegister = ORVACCESS_REG_STREAMING;
 
 }  // namespace orvcmd
