@@ -91,8 +91,8 @@ PYBIND11_MODULE(_orvaccess, m) {
                                        messages().getErrorMessage(static_cast<unsigned short>(code)));
         },
         py::arg("code"),
-        "The message of an error code, with the code's name and meaning where the library's message says only "
-        "\"Unknown error\" for a code of its own (781 to 784).");
+        "The message of an error code; where the library's message says only \"Unknown error\" for a code of "
+        "its own (781 to 784), the code's meaning and name instead.");
     m.def("get_time_ms", &OrvosiUtil_getTimeMs, "The library clock in milliseconds.");
     m.def(
         "snooze_ms",

@@ -62,7 +62,8 @@ def test_error_codes_are_the_header_enumeration_with_the_library_messages(start_
     assert orvaccess.error_message(784) == "[ORVACCESS]: Unknown error"
     for code in (E.ORVACCESS_ERR_BAD_HUB_PKT, E.ORVACCESS_ERR_BAD_NFT_PKT, E.ORVACCESS_ERR_BAD_GPS_SUBPKT,
                  E.ORVACCESS_ERR_BAD_PRA_PKT):
-        assert code.message.startswith(f"[ORVACCESS]: Unknown error ({code.name}: ")
+        assert code.message.startswith("[ORVACCESS]: a ") and code.message.endswith(f" ({code.name})")
+        assert "Unknown error" not in code.message and orvaccess.error_text(code) == code.message
     assert orvaccess.error_text(770) == orvaccess.error_message(770)
     assert orvaccess.error_message(0x406) == "[ORVHUB] ERROR: Error reading from serial port"
 
