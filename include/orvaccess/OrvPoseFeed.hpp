@@ -82,9 +82,10 @@ public:
     // object again with the configuration file, as start() does, pausing
     // 0.5 s and doubling up to 8 s between tries; with no command channel
     // configured it waits. Readers meanwhile read the last pose, which grows
-    // stale, and the sequence count goes on. A reopen re-reads the file, so
-    // settings made through access() since then (setPrediction() and the
-    // like) are the file's again, and it drops what the object had queued.
+    // stale, and the sequence count goes on. A reopen re-reads the file but
+    // keeps the pose settings made through access() (setPrediction(),
+    // setBoresightRef(), setTipOffset()); the object's other settings are the
+    // file's again, and it drops what the object had queued.
     // Each outage, request, reopen and recovery is also written as an
     // "ORVALOG: " line when the configured verbosity has bit 0x1. Any
     // thread; never waits for the service thread (it publishes the record

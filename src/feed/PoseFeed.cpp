@@ -219,14 +219,25 @@ void OrvPoseFeed::Impl::publishRecovery(uint64_t nowUs, bool force) {
 }
 
 // The watchdog's way back: the object opened again from the feed's file,
-// under the feed's lock, as start() opens it.
+// under the feed's lock, as start() opens it. The pose settings outlive it:
+// a renderer that set its prediction or boresight through access() must not
+// find the file's values after a network blip it never asked to handle.
 bool OrvPoseFeed::Impl::reopen(std::string& why) {
+    OrvAccess::State& s = state();
+    const double predictionS = s.predictionS;
+    double boresight[3][3], tipOffset[3];
+    std::memcpy(boresight, s.boresight, sizeof boresight);
+    std::memcpy(tipOffset, s.tipOffset, sizeof tipOffset);
     object->setIniPath(iniPath);
-    if (!object->open()) {
+    const bool opened = object->open();
+    s.predictionS = predictionS;
+    std::memcpy(s.boresight, boresight, sizeof boresight);
+    std::memcpy(s.tipOffset, tipOffset, sizeof tipOffset);
+    s.noteAdjustment();
+    if (!opened) {
         why = object->getLastError();
         return false;
     }
-    // The file's prediction, boresight and tip offset, for the next read.
     publishSettings();
     return true;
 }

@@ -11,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "access/State.hpp"
 #include "orvaccess/OrvAccess.hpp"
 #include "orvaccess/OrvPoseFeed.hpp"
 #include "orvaccess/orvaccess.h"
@@ -81,6 +82,13 @@ TEST(FeedRecovery, PosesComeBackAfterRestartsAndOtherClientsCommands) {
     EXPECT_STREQ(recovery(feed).text, "tracking arriving");
     EXPECT_EQ(feed.getServiceError(), "");
 
+    // The renderer's own pose settings, which no recovery may undo.
+    {
+        OrvPoseFeed::Access a = feed.access();
+        float tip[3] = {0.01f, -0.02f, 0.03f};
+        ASSERT_TRUE(a->setPrediction(0.025f) && a->setTipOffset(tip));
+    }
+
     uint64_t events = 0;
     for (int round = 1; round <= kRounds; ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
@@ -125,6 +133,13 @@ TEST(FeedRecovery, PosesComeBackAfterRestartsAndOtherClientsCommands) {
     EXPECT_GE(r.outages, events) << describe(feed);
     EXPECT_EQ(r.recoveries, r.outages) << describe(feed);
     EXPECT_GE(r.reopensFailed, static_cast<uint64_t>(kRounds)) << describe(feed);
+    {
+        OrvPoseFeed::Access a = feed.access();
+        const OrvAccess::State& st = OrvAccessWrapperAccess::state(*a);
+        EXPECT_DOUBLE_EQ(st.predictionS, 0.025f);
+        EXPECT_DOUBLE_EQ(st.tipOffset[1], -0.02f);
+        EXPECT_FALSE(st.neutralAdjustment);
+    }
     EXPECT_GT(r.longestOutageUs, 0u);
     EXPECT_GE(r.longestOutageUs, r.lastOutageUs);
     EXPECT_EQ(r.reserved, 0);
