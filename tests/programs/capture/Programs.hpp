@@ -1,81 +1,17 @@
-// Runs the tools as a user would: the built orvrec, orvplay and tshark as
-// child processes, their output in files.
+// What the capture tests need beyond support/Process.hpp: programs found on
+// PATH (tshark, editcap) and tshark's fields read back as a table.
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <fstream>
+#include <cstdlib>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-extern char** environ;
+#include "support/Process.hpp"
 
 namespace orvtest {
-
-class Program {
-public:
-    // Starts argv[0] (a path, or a name looked up in PATH) with stdout and
-    // stderr written to the given files.
-    Program(const std::vector<std::string>& argv, const std::string& out, const std::string& err) {
-        std::vector<char*> args;
-        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    ~Program() {
-        if (pid_ > 0 && !done_) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-    }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
-
-    bool started() const { return pid_ > 0; }
-    // True once it has ended; its exit code is then in exitCode().
-    bool finished() {
-        if (done_ || pid_ <= 0) return true;
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
-        done_ = true;
-        code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return true;
-    }
-    // Waits up to `seconds`; -1 (and the program killed) when it did not end.
-    int wait(double seconds) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-        while (!finished()) {
-            if (std::chrono::steady_clock::now() > end) return -1;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return code_;
-    }
-    int exitCode() const { return code_; }
-
-private:
-    pid_t pid_ = -1;
-    bool done_ = false;
-    int code_ = -1;
-};
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 // A program on PATH, or empty.
 inline std::string onPath(const std::string& name) {
@@ -104,12 +40,12 @@ inline std::vector<std::vector<std::string>> tsharkFields(const std::string& tsh
         argv.push_back("-e");
         argv.push_back(f);
     }
-    Program p(argv, scratch + ".out", scratch + ".err");
+    Process p(argv, scratch + ".out", scratch + ".err");
     const int code = p.wait(60);
-    *errors = readFile(scratch + ".err");
+    *errors = p.err();
     std::vector<std::vector<std::string>> rows;
     if (code != 0) return rows;
-    std::istringstream lines(readFile(scratch + ".out"));
+    std::istringstream lines(p.out());
     std::string line;
     while (std::getline(lines, line)) {
         std::vector<std::string> row;

@@ -416,10 +416,11 @@ TEST_F(Dissector, ImageDatagramsCutShortAreMarkedShortNotMalformed) {
 // Every number field describes itself in the tshark Debian ships, units
 // included; a field known only by its record name says what it is.
 TEST_F(Dissector, FieldsCarryTheirDescriptionsAndSayWhatTheyAre) {
-    orvtest::Program p({tshark_, "-G", "fields", "-X", "lua_script:" + std::string(ORV_DISSECTOR)},
-                       (dir_.path() / "fields.out").string(), (dir_.path() / "fields.err").string());
-    ASSERT_EQ(p.wait(60), 0) << orvtest::readFile((dir_.path() / "fields.err").string());
-    std::istringstream lines(orvtest::readFile((dir_.path() / "fields.out").string()));
+    const orvtest::Ran fields =
+        orvtest::run({tshark_, "-G", "fields", "-X", "lua_script:" + std::string(ORV_DISSECTOR)},
+                     dir_.path().string(), 60);
+    ASSERT_EQ(fields.code, 0) << fields.err;
+    std::istringstream lines(fields.out);
     std::string line;
     std::map<std::string, std::pair<std::string, std::string>> orv;  // abbreviation: name, description
     int floats = 0;
@@ -477,12 +478,11 @@ TEST_F(Dissector, TheTreeShowsElementsUnderTheirDisplayNames) {
     udp(kCore, orvsim::buildTracking(t));
     std::string error;
     ASSERT_TRUE(writer_.close(error)) << error;
-    const std::string out = (dir_.path() / "tree.out").string(), err = (dir_.path() / "tree.err").string();
-    orvtest::Program p({tshark_, "-X", "lua_script:" + std::string(ORV_DISSECTOR), "-r",
-                        (dir_.path() / "built.pcap").string(), "-O", "orv"},
-                       out, err);
-    ASSERT_EQ(p.wait(60), 0) << orvtest::readFile(err);
-    const std::string tree = orvtest::readFile(out);
+    const orvtest::Ran shown = orvtest::run({tshark_, "-X", "lua_script:" + std::string(ORV_DISSECTOR), "-r",
+                                             (dir_.path() / "built.pcap").string(), "-O", "orv"},
+                                            dir_.path().string(), 60);
+    ASSERT_EQ(shown.code, 0) << shown.err;
+    const std::string& tree = shown.out;
     EXPECT_NE(tree.find("Boresighted vector A (vecA)[1]: -2.25\n"), std::string::npos) << tree;
     EXPECT_NE(tree.find("Pass-through scalar A (scalarA): 0.5\n"), std::string::npos) << tree;
     EXPECT_NE(tree.find("Head attitude matrix (cbn)[8]: 0\n"), std::string::npos) << tree;

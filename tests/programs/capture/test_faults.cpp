@@ -13,28 +13,12 @@
 #include <string>
 #include <vector>
 
-#include "support/SimRunner.hpp"
 #include "capture/Packets.hpp"
 #include "capture/Pcap.hpp"
-#include "programs/capture/Programs.hpp"
+#include "support/Process.hpp"
+#include "support/SimRunner.hpp"
 
 namespace {
-
-struct Ran {
-    int code = -1;
-    std::string out, err;
-};
-
-Ran runTool(const std::vector<std::string>& argv, const std::string& dir, double timeoutS) {
-    static int n = 0;
-    const std::string base = dir + "/tool" + std::to_string(n++);
-    orvtest::Program p(argv, base + ".out", base + ".err");
-    Ran r;
-    r.code = p.wait(timeoutS);
-    r.out = orvtest::readFile(base + ".out");
-    r.err = orvtest::readFile(base + ".err");
-    return r;
-}
 
 // A small tmpfs in a folder of the test's own, unmounted whatever happens.
 class SmallDisk {
@@ -60,7 +44,8 @@ TEST(OrvrecFaults, AFailedWriteEndsTheRecordingWithItsReasonAndAReadableFile) {
     SmallDisk disk(dir.prefix() + "small", "64k");
     if (!disk.mounted()) GTEST_SKIP() << "mounting a tmpfs needs root";
     const std::string file = dir.prefix() + "small/run.pcap";
-    Ran r = runTool({ORVREC, "--receive", "--ini", sim.ini(), "-o", file, "--duration", "60"}, dir.path().string(), 90);
+    orvtest::Ran r = orvtest::run({ORVREC, "--receive", "--ini", sim.ini(), "-o", file, "--duration", "60"},
+                                  dir.path().string(), 90);
     EXPECT_EQ(r.code, 1) << r.out << r.err;
     EXPECT_EQ(r.out.find("recorded"), std::string::npos) << r.out;
     EXPECT_NE(r.err.find("orvrec: stopped after "), std::string::npos) << r.err;
@@ -78,8 +63,8 @@ TEST(OrvrecFaults, AFailedWriteEndsTheRecordingWithItsReasonAndAReadableFile) {
     EXPECT_GT(frames, 0u);
     EXPECT_NE(r.err.find("the " + std::to_string(frames) + " frames ("), std::string::npos) << r.err;
 
-    r = runTool({ORVREC, "--receive", "--ini", sim.ini(), "-o", "/dev/full", "--duration", "60"},
-                dir.path().string(), 90);
+    r = orvtest::run({ORVREC, "--receive", "--ini", sim.ini(), "-o", "/dev/full", "--duration", "60"},
+                     dir.path().string(), 90);
     EXPECT_EQ(r.code, 1) << r.out << r.err;
     EXPECT_NE(r.err.find("orvrec: Cannot write /dev/full: No space left on device"), std::string::npos) << r.err;
 }
@@ -118,7 +103,8 @@ TEST(OrvplayFaults, StampsThatStepBackOrJumpAheadAreSentInFileOrderAndCounted) {
     sockaddr_in a = orvtest::loopback(hub);
     ASSERT_EQ(bind(rx, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
 
-    const Ran r = runTool({ORVPLAY, file, "--ini", ini, "--max-gap", "0.2"}, dir.path().string(), 60);
+    const orvtest::Ran r =
+        orvtest::run({ORVPLAY, file, "--ini", ini, "--max-gap", "0.2"}, dir.path().string(), 60);
     std::vector<int> got;
     unsigned char buf[64];
     for (ssize_t n; (n = recv(rx, buf, sizeof buf, 0)) > 0;) got.push_back(buf[1]);
@@ -138,7 +124,7 @@ TEST(OrvplayFaults, AReplayThatReachesNobodySaysWhyAndWhatToDo) {
     const std::string file = captureOf(dir.prefix() + "other.pcap", recordedHub, {1000000, 1001000, 1002000});
     // Replayed as if recorded with the ports of an INI that has other ones.
     const std::string ini = iniWithHub(dir, "play.ini", orvtest::findFreePort());
-    const Ran r = runTool({ORVPLAY, file, "--ini", ini, "--fast"}, dir.path().string(), 60);
+    const orvtest::Ran r = orvtest::run({ORVPLAY, file, "--ini", ini, "--fast"}, dir.path().string(), 60);
     EXPECT_EQ(r.code, 1) << r.out << r.err;
     EXPECT_NE(r.err.find("orvplay: nothing on this machine receives any port of " + ini), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("orvplay: no datagram of " + file + " went to a port of " + ini +

@@ -123,8 +123,8 @@ TEST(ToolsFiles, ReplayHonoursStartEndAndLoopsOnPcapng) {
     const std::string editcap = orvtest::onPath("editcap");
     if (!editcap.empty()) {
         file = (dir.path() / "ten.pcapng").string();
-        orvtest::Program convert({editcap, "-F", "pcapng", pcap, file}, file + ".out", file + ".err");
-        ASSERT_EQ(convert.wait(30), 0) << orvtest::readFile(file + ".err");
+        const orvtest::Ran convert = orvtest::run({editcap, "-F", "pcapng", pcap, file}, dir.path().string());
+        ASSERT_EQ(convert.code, 0) << convert.err;
     }
 
     OrvAccess a;
@@ -162,10 +162,10 @@ TEST(ToolsFiles, OrvrecSaysWhichPortIsTakenAndWhatToDo) {
     OrvAccess app;  // an application already receiving there
     app.setIniPath(ini);
     ASSERT_TRUE(app.open()) << app.getLastError();
-    const std::string out = (dir.path() / "out").string(), err = (dir.path() / "err").string();
-    orvtest::Program rec({ORVREC, "--receive", "--ini", ini, "-o", (dir.path() / "x.pcap").string()}, out, err);
-    EXPECT_EQ(rec.wait(10), 1);
-    const std::string said = orvtest::readFile(err);
+    const orvtest::Ran rec = orvtest::run(
+        {ORVREC, "--receive", "--ini", ini, "-o", (dir.path() / "x.pcap").string()}, dir.path().string(), 10);
+    EXPECT_EQ(rec.code, 1);
+    const std::string& said = rec.err;
     EXPECT_NE(said.find("Cannot receive on UDP port " + std::to_string(port[orvtest::kMeta]) + " (meta)"),
               std::string::npos)
         << said;

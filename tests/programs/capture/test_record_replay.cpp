@@ -130,14 +130,14 @@ protected:
     // Polls the library until the program has ended and `complete` says that
     // all it sent has arrived; a sleeping thread must not miss datagrams the
     // kernel still holds for the library. False when that never came.
-    static bool pollWhile(OrvAccess& a, orvtest::Program& p, Records& out,
+    static bool pollWhile(OrvAccess& a, orvtest::Process& p, Records& out,
                           const std::function<bool(const Records&)>& complete,
                           const std::function<void()>& each = nullptr) {
         std::vector<unsigned char> buf(a.getImageBufSize());
         const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         while (std::chrono::steady_clock::now() < limit) {
             if (each) each();
-            const bool finished = p.finished();  // before the drain: nothing comes after it
+            const bool finished = !p.running();  // before the drain: nothing comes after it
             out.drain(a, buf);
             if (finished && complete(out)) {
                 out.drain(a, buf);
@@ -190,11 +190,13 @@ protected:
         live.setIniPath(libraryIni("live.ini"));
         if (!live.open()) r.failure = live.getLastError();
         if (r.failure.empty()) {
-            orvtest::Program rec({ORVREC, "--receive", "--ini", r.recIni, "--forward", (r.dir.path() / "live.ini").string(),
-                                  "-o", r.pcap, "--duration", std::to_string(kRecordS)},
-                                 r.recOut, r.recErr);
+            orvtest::Process rec(
+                {ORVREC, "--receive", "--ini", r.recIni, "--forward", (r.dir.path() / "live.ini").string(),
+                 "-o", r.pcap, "--duration", std::to_string(kRecordS)},
+                r.recOut, r.recErr);
             pollWhile(live, rec, r.live, [](const Records&) { return true; });
-            if (rec.exitCode() != 0) r.failure = "orvrec failed: " + orvtest::readFile(r.recErr);
+            // wait() returns at once for a program that ended.
+            if (rec.wait(5) != 0) r.failure = "orvrec failed: " + rec.err();
         }
         stop = true;
         simThread.join();
@@ -249,12 +251,12 @@ protected:
         const std::string o = ini + ".out", e = ini + ".err";
         Records got;
         {
-            orvtest::Program play(argv, o, e);
+            orvtest::Process play(argv, o, e);
             const std::function<void()> call = each ? std::function<void()>([&] { each(a); }) : nullptr;
             EXPECT_TRUE(pollWhile(a, play, got, complete, call)) << "the replay's records did not all arrive";
-            EXPECT_EQ(play.exitCode(), 0) << orvtest::readFile(e);
+            EXPECT_EQ(play.wait(5), 0) << play.err();
         }
-        out = orvtest::readFile(o);
+        out = orvtest::readText(o);
         return got;
     }
 };
@@ -262,7 +264,7 @@ protected:
 RecordReplay::Run* RecordReplay::run_ = nullptr;
 
 TEST_F(RecordReplay, OrvrecCountsEveryDatagramTheSimulatorSent) {
-    const std::string report = orvtest::readFile(run_->recOut);
+    const std::string report = orvtest::readText(run_->recOut);
     EXPECT_NE(report.find("as the receiver of the configured ports"), std::string::npos) << report;
     std::map<std::string, uint64_t> kinds = kindsOf(report);
     for (const auto& k : sent()) {
@@ -288,7 +290,7 @@ TEST_F(RecordReplay, ReplayDeliversTheLiveRecordsByteForByte) {
     std::string out;
     const Records got = replay(libraryIni("replay.ini"), {}, out, allOfLive);
     const Records& live = run_->live;
-    std::map<std::string, uint64_t> recorded = kindsOf(orvtest::readFile(run_->recOut));
+    std::map<std::string, uint64_t> recorded = kindsOf(orvtest::readText(run_->recOut));
     recorded.erase("to-orvRx");  // the command channel is served, not replayed
     recorded.erase("from-orvRx");
     EXPECT_EQ(kindsOf(out), recorded) << out;

@@ -15,7 +15,7 @@
 #include "math/OrvosiMath.hpp"
 #include "orvsim/Motion.hpp"
 #include "orvsim/Wire.hpp"
-#include "programs/capture/Programs.hpp"
+#include "support/Process.hpp"
 #include "support/TestSupport.hpp"
 
 namespace {
@@ -126,8 +126,8 @@ TEST(CaptureTrace, WhatHoldsNoMotionIsRefusedByNameWithTheReason) {
 
     // orvsim says the same and exits with its usage status.
     const std::string ini = dir.write("orvaccess.ini", "[Communication]\ntcpOrvRxAddr = 127.0.0.1\n");
-    orvtest::Program sim({ORVSIM, "--ini", ini, "--motion", "trace", "--trace", none},
-                         (dir.path() / "sim.out").string(), (dir.path() / "sim.err").string());
-    EXPECT_EQ(sim.wait(30), 2);
-    EXPECT_EQ(orvtest::readFile((dir.path() / "sim.err").string()), "orvsim: " + refusal(none) + "\n");
+    const orvtest::Ran sim =
+        orvtest::run({ORVSIM, "--ini", ini, "--motion", "trace", "--trace", none}, dir.path().string());
+    EXPECT_EQ(sim.code, 2);
+    EXPECT_EQ(sim.err, "orvsim: " + refusal(none) + "\n");
 }
