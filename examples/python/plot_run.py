@@ -29,6 +29,8 @@ from numpy.typing import NDArray
 
 import orvaccess
 
+from example_args import seconds_arg
+
 # Two reported poses further apart than this are no truth between them.
 MAX_TRUTH_GAP_US = 10_000
 # The library bounds a prediction's horizon to this range.
@@ -59,14 +61,6 @@ def prediction_settings(ini: str) -> tuple[float, int]:
         return float(values.get("predictions", 0)), int(values.get("virtualsyncctrl", "0"), 0)
     except ValueError:
         return 0.0, 0
-
-
-def seconds_arg(text: str) -> float:
-    """A finite number of seconds, 0 or more, for argparse."""
-    value = float(text)
-    if not 0 <= value < float("inf"):
-        raise argparse.ArgumentTypeError(f"{text!r} is not a number of seconds, 0 or more")
-    return value
 
 
 def is_nft_pose(p: orvaccess.TrkDataExt) -> bool:

@@ -12,13 +12,7 @@ import time
 
 import orvaccess
 
-
-def seconds_arg(text: str) -> float:
-    """A finite number of seconds, 0 or more, for argparse."""
-    value = float(text)
-    if not 0 <= value < float("inf"):
-        raise argparse.ArgumentTypeError(f"{text!r} is not a number of seconds, 0 or more")
-    return value
+from example_args import seconds_arg
 
 
 def main() -> None:

@@ -17,6 +17,8 @@ import time
 
 import orvaccess
 
+from example_args import seconds_arg
+
 FRAME_S = 1 / 90
 # From the start of a frame until it is on the display: render, then scan out.
 FRAME_TO_DISPLAY_US = round(2 * FRAME_S * 1e6)
@@ -46,14 +48,6 @@ def render(feed: orvaccess.PoseFeed, stop: threading.Event, stats: Stats) -> Non
             last_sequence = frame.sequence
             stats.last = frame
         # ... draw the scene with frame.pose.cbn and frame.pose.position
-
-
-def seconds_arg(text: str) -> float:
-    """A finite number of seconds, 0 or more, for argparse."""
-    value = float(text)
-    if not 0 <= value < float("inf"):
-        raise argparse.ArgumentTypeError(f"{text!r} is not a number of seconds, 0 or more")
-    return value
 
 
 def main() -> int:
