@@ -63,6 +63,20 @@ def prediction_settings(ini: str) -> tuple[float, int]:
         return 0.0, 0
 
 
+def prediction_note(ini: str, prediction_s: float, sync: int) -> str | None:
+    """What to say in place of (or beside) the prediction error when the file
+    does not have the library predict to the display time; None when it does."""
+    if sync & 0x3:
+        return None
+    if prediction_s == 0:
+        return (f"the prediction is off in {ini}: with virtualSyncCtrl {sync} and predictionS 0 every pose is "
+                f"handed out as reported, so there is no prediction error to measure; set virtualSyncCtrl = 2 "
+                f"under [Processing] to predict to the display time")
+    return (f"the prediction in {ini} ignores the display time: with virtualSyncCtrl {sync} every pose is "
+            f"predicted predictionS = {prediction_s:g} s from its own time, whatever --ahead-ms says; set "
+            f"virtualSyncCtrl = 2 under [Processing] to predict to the display time")
+
+
 def is_nft_pose(p: orvaccess.TrkDataExt) -> bool:
     # NFT poses share the tracking queue; they carry extB/extD, orvCore's do not.
     if p.extB.any() or p.extD.any():
@@ -164,6 +178,7 @@ def main() -> None:
     import matplotlib.pyplot as plt
 
     prediction_s, sync = prediction_settings(args.ini)
+    note = prediction_note(args.ini, prediction_s, sync)
     print(f"plot_run: recording {args.duration:g} s from the ports in {args.ini}, then plotting", file=sys.stderr)
     try:
         with orvaccess.Access(args.ini) as a:
@@ -196,7 +211,8 @@ def main() -> None:
     as_reported = np.array([truth[t].cbn if t in truth else np.full((3, 3), np.nan) for t in pose_t])
     predicted_err = rotation_angle_deg(np.array([p[2] for p in predictions]), later)
     unpredicted_err = rotation_angle_deg(as_reported, later)
-    measured = ~np.isnan(predicted_err) & ~np.isnan(unpredicted_err)
+    # A prediction over no time (the prediction off) compares a pose with itself: a zero that measures nothing.
+    measured = ~np.isnan(predicted_err) & ~np.isnan(unpredicted_err) & (horizon != 0)
     predicted_err, unpredicted_err = predicted_err[measured], unpredicted_err[measured]
     error_t = (target[measured] - t0) / 1e6
 
@@ -246,6 +262,9 @@ def main() -> None:
                  yscale="log")
     ax[2, 1].set(title=f"Attitude error, {len(predicted_err)} predictions", xlabel="degrees", ylabel="count",
                  xscale="log")
+    if not len(predicted_err) and note is not None:
+        ax[2, 0].text(0.5, 0.5, "No prediction to measure:\nset virtualSyncCtrl = 2 under [Processing]",
+                      ha="center", va="center", transform=ax[2, 0].transAxes)
     for axis in ax.flat:
         if axis.get_legend() is None and axis.get_legend_handles_labels()[0]:
             axis.legend(fontsize="small")
@@ -254,6 +273,8 @@ def main() -> None:
 
     print(f"{len(times)} poses, {len(arrivals['imu'])} IMU samples, {len(errors)} error codes in "
           f"{seconds[-1]:.1f} s")
+    if note is not None:
+        print(note)
     if len(predicted_err):
         for err, name in ((predicted_err, "predicted"), (unpredicted_err, "unpredicted")):
             print(f"attitude error  {name:<11} mean {err.mean():.4f} p95 {np.percentile(err, 95):.4f} "

@@ -51,3 +51,14 @@ def test_examples_run_against_the_simulator(start_sim, tmp_path):
     assert predicted < unpredicted / 5
     # And at each fixed horizon.
     assert [line.split()[1] for line in out.splitlines() if line.startswith("horizon")] == ["0", "10", "20", "40"]
+
+
+def test_plot_run_says_when_the_file_has_the_prediction_off(start_sim, tmp_path):
+    # The simulator's own file has no [Processing]: the library hands out poses as reported.
+    sim = start_sim()
+    out = run("plot_run.py", "--ini", str(sim.ini), "--duration", "1.5", "--out", str(tmp_path / "run.png"))
+    assert (tmp_path / "run.png").read_bytes().startswith(b"\x89PNG")
+    assert not [line for line in out.splitlines() if line.startswith("attitude error")], out
+    assert (f"the prediction is off in {sim.ini}: with virtualSyncCtrl 0 and predictionS 0 every pose is handed "
+            "out as reported" in out), out
+    assert "set virtualSyncCtrl = 2 under [Processing] to predict to the display time" in out, out
