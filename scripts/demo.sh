@@ -13,7 +13,7 @@ ini="$root/examples/orvaccess.ini"
 "$root/scripts/install-deps.sh"
 configure "$root/build"
 # Only what the demo runs; ./scripts/test.sh builds the rest.
-echo "Building liborvaccess, orvsim and orvmon (the first time about 5 minutes on 2 cores, more on a busy"
+echo "Building liborvaccess, orvsim and orvmon (the first time about 3 minutes on 2 cores, more on a busy"
 echo "machine; later only what changed) ..."
 build "$root/build" orvsim orvmon
 echo "Running orvsim and orvmon for $seconds s ..."

@@ -73,6 +73,8 @@ public:
     // The exit code; -1 when it ran past the time-out (it is killed then),
     // 128 + the signal when a signal ended it.
     int wait(double timeoutS) {
+        // A fork that failed left no child: waitpid(-1) would reap another one.
+        if (pid_ <= 0) return code_;
         const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutS);
         while (!done_) {
             int status = 0;
