@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "BridgeHosts.hpp"
 #include "Convert.hpp"
 #include "Topics.hpp"
 #include "orvsim/Motion.hpp"
@@ -28,28 +29,10 @@
 using orvbridge::Topic;
 using orvtest::EnterHost;
 using orvtest::NetLab;
+using orvtest::cycloneOn;
+using orvtest::published;
 
 namespace {
-
-// The bridge's summary: "rt/<topic> <count> ..." lines.
-uint64_t published(const std::string& out, const std::string& topic) {
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream fields(line);
-        std::string name;
-        uint64_t n = 0;
-        if (fields >> name >> n && name == topic) return n;
-    }
-    return 0;
-}
-
-// Cyclone DDS on one interface of a host, with multicast discovery.
-std::string cycloneOn(const orvtest::TempDir& dir, const std::string& name, const std::string& address) {
-    return "file://" +
-           dir.write(name,
-                     "<CycloneDDS><Domain id=\"any\"><General><Interfaces><NetworkInterface address=\"" +
-                         address + "\"/></Interfaces></General></Domain></CycloneDDS>");
-}
 
 // One line of fastdds_peer: kind, stamp, frame, then the numbers.
 struct PeerSample {
@@ -94,25 +77,10 @@ TEST(BridgeFastDds, AFastDdsParticipantOnAnotherHostGetsEverySampleAndSteersTheU
     const std::string why = NetLab::unavailable();
     if (!why.empty()) GTEST_SKIP() << why;
     NetLab lab;
-    for (const char* h : {"tracker", "bridge", "viewer"}) ASSERT_TRUE(lab.addHost(h)) << lab.error();
-    ASSERT_TRUE(lab.link("tracker", "10.250.1.2/24", "bridge", "10.250.1.1/24")) << lab.error();
-    ASSERT_TRUE(lab.link("bridge", "10.250.3.1/24", "viewer", "10.250.3.2/24")) << lab.error();
-
     orvtest::TempDir dir;
-    const std::string ini =
-        dir.write("orvaccess.ini", "[Communication]\ntcpOrvRxAddr = 10.250.1.2\nsMemImgName = orvBrF" +
-                                       std::to_string(getpid()) + "\n");
     orvtest::SimThread sim;
-    {
-        EnterHost in(lab, "tracker");
-        ASSERT_TRUE(in.ok());
-        orvsim::SimConfig cfg;
-        std::string error;
-        ASSERT_TRUE(orvsim::SimConfig::fromIni(ini, cfg, error)) << error;
-        cfg.sendAddress = "10.250.1.1";
-        cfg.fileFolder = dir.prefix();
-        ASSERT_TRUE(sim.start(cfg));
-    }
+    std::string ini;
+    ASSERT_NO_FATAL_FAILURE(orvtest::startThreeHosts(lab, dir, sim, "orvBrF", &ini));
 
     const std::string domain = std::to_string(1 + getpid() % 200);
     const std::string trigger = dir.prefix() + "send-uplink";
@@ -246,12 +214,5 @@ TEST(BridgeFastDds, AFastDdsParticipantOnAnotherHostGetsEverySampleAndSteersTheU
     }
 
     // The peer's uplink reached the tracker through the bridge and the library.
-    EXPECT_EQ(u.platformPoses, 5u) << bridge.out();
-    EXPECT_EQ(u.lastPlatformTag, 105u);
-    EXPECT_EQ(u.gps, 2u);
-    EXPECT_EQ(u.lastLat, 47.5);
-    EXPECT_EQ(u.lastLon, 8.125);
-    EXPECT_EQ(u.inputs, 3u);
-    EXPECT_EQ(u.lastInput, 0x2A);
-    EXPECT_EQ(u.bad, 0u);
+    orvtest::expectExampleUplink(u, bridge.out());
 }

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "BridgeHosts.hpp"
 #include "orvsim/Simulator.hpp"
 #include "support/NetLab.hpp"
 #include "support/Process.hpp"
@@ -19,28 +20,10 @@
 
 using orvtest::EnterHost;
 using orvtest::NetLab;
+using orvtest::cycloneOn;
+using orvtest::published;
 
 namespace {
-
-// The bridge's summary: "rt/<topic> <count> ..." lines.
-uint64_t published(const std::string& out, const std::string& topic) {
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream fields(line);
-        std::string name;
-        uint64_t n = 0;
-        if (fields >> name >> n && name == topic) return n;
-    }
-    return 0;
-}
-
-// Cyclone DDS on one interface of a host, with multicast discovery.
-std::string cycloneOn(const orvtest::TempDir& dir, const std::string& name, const std::string& address) {
-    return "file://" +
-           dir.write(name,
-                     "<CycloneDDS><Domain id=\"any\"><General><Interfaces><NetworkInterface address=\"" +
-                         address + "\"/></Interfaces></General></Domain></CycloneDDS>");
-}
 
 }  // namespace
 
@@ -48,25 +31,10 @@ TEST(BridgeHosts, ASubscriberOnAnotherHostGetsEveryPoseAcrossAnOutage) {
     const std::string why = NetLab::unavailable();
     if (!why.empty()) GTEST_SKIP() << why;
     NetLab lab;
-    for (const char* h : {"tracker", "bridge", "viewer"}) ASSERT_TRUE(lab.addHost(h)) << lab.error();
-    ASSERT_TRUE(lab.link("tracker", "10.250.1.2/24", "bridge", "10.250.1.1/24")) << lab.error();
-    ASSERT_TRUE(lab.link("bridge", "10.250.3.1/24", "viewer", "10.250.3.2/24")) << lab.error();
-
     orvtest::TempDir dir;
-    const std::string ini =
-        dir.write("orvaccess.ini", "[Communication]\ntcpOrvRxAddr = 10.250.1.2\nsMemImgName = orvBrH" +
-                                       std::to_string(getpid()) + "\n");
     orvtest::SimThread sim;
-    {
-        EnterHost in(lab, "tracker");
-        ASSERT_TRUE(in.ok());
-        orvsim::SimConfig cfg;
-        std::string error;
-        ASSERT_TRUE(orvsim::SimConfig::fromIni(ini, cfg, error)) << error;
-        cfg.sendAddress = "10.250.1.1";
-        cfg.fileFolder = dir.prefix();
-        ASSERT_TRUE(sim.start(cfg));
-    }
+    std::string ini;
+    ASSERT_NO_FATAL_FAILURE(orvtest::startThreeHosts(lab, dir, sim, "orvBrH", &ini));
 
     const std::string domain = std::to_string(1 + getpid() % 200);
     const auto onHost = [&](const std::string& host, const std::string& uri, std::vector<std::string> argv) {
