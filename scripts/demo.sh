@@ -32,9 +32,17 @@ trap cleanup EXIT
   --drop 0.002 --corrupt 0.002 --duplicate 0.002 --reorder 0.002 --files "$run" \
   >"$run/orvsim.txt" 2>"$run/orvsim.err" &
 sim=$!
-# orvsim says "serving" once its ports are open; a failed start ends it.
+# orvsim says "serving" once its ports are open; a failed start ends it,
+# and the limit (30 s) ends one that hangs.
+tries=0
 until grep -q serving "$run/orvsim.err"; do
   if ! kill -0 "$sim" 2>/dev/null; then
+    cat "$run/orvsim.err" >&2
+    exit 1
+  fi
+  tries=$((tries + 1))
+  if [ "$tries" -ge 600 ]; then
+    echo "orvsim did not start serving within 30 s; its output:" >&2
     cat "$run/orvsim.err" >&2
     exit 1
   fi
